@@ -1,0 +1,3 @@
+// Etw: event tracing. Older systems lack it, so drivers take the routines by name.
+#pragma once
+#include <evntprov.h>
