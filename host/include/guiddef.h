@@ -1,8 +1,8 @@
 // GUIDs: the structure, comparison and the macro that declares one. A GUID is declared wherever
 // a header names it and defined in each file that includes <initguid.h> first (the linker folds
 // the copies).
-#ifndef NAVOX_GUIDDEF_H
-#define NAVOX_GUIDDEF_H
+#ifndef HOST_GUIDDEF_H
+#define HOST_GUIDDEF_H
 
 #include <cstring>
 

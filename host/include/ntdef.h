@@ -165,7 +165,10 @@ inline void InitializeObjectAttributes(POBJECT_ATTRIBUTES attributes, PUNICODE_S
 
 #define UNICODE_NULL ((WCHAR)0)
 #define ANSI_NULL ((CHAR)0)
-#define RTL_CONSTANT_STRING(text) {sizeof(text) - sizeof((text)[0]), sizeof(text), const_cast<PWSTR>(text)}
+#define RTL_CONSTANT_STRING(text)                                                                            \
+    {                                                                                                        \
+        sizeof(text) - sizeof((text)[0]), sizeof(text), const_cast<PWSTR>(text)                              \
+    }
 #define DECLARE_CONST_UNICODE_STRING(name, text)                                                             \
     const WCHAR name##_buffer[] = text;                                                                      \
     const UNICODE_STRING name = RTL_CONSTANT_STRING(name##_buffer)
@@ -180,8 +183,8 @@ inline void InitializeObjectAttributes(POBJECT_ATTRIBUTES attributes, PUNICODE_S
 #define C_ASSERT(expr) static_assert(expr, #expr)
 #define UNREFERENCED_PARAMETER(name) ((void)(name))
 #define DBG_UNREFERENCED_PARAMETER(name) ((void)(name))
-#define ALIGN_UP_BY(length, alignment) (((ULONG_PTR)(length) + (alignment) - 1) & ~((ULONG_PTR)(alignment) - 1))
-#define ALIGN_DOWN_BY(length, alignment) ((ULONG_PTR)(length) & ~((ULONG_PTR)(alignment) - 1))
+#define ALIGN_UP_BY(length, alignment) (((ULONG_PTR)(length) + (alignment)-1) & ~((ULONG_PTR)(alignment)-1))
+#define ALIGN_DOWN_BY(length, alignment) ((ULONG_PTR)(length) & ~((ULONG_PTR)(alignment)-1))
 #define HandleToULong(handle) ((ULONG)(ULONG_PTR)(handle))
 #define ULongToPtr(value) ((PVOID)(ULONG_PTR)(value))
 #define PtrToUlong(pointer) ((ULONG)(ULONG_PTR)(pointer))

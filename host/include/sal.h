@@ -7,27 +7,27 @@
 #pragma once
 
 #if defined(__clang__)
-#define NAVOX_TSA(attribute) __attribute__((attribute))
+#define SAL_TSA(attribute) __attribute__((attribute))
 #else
-#define NAVOX_TSA(attribute)
+#define SAL_TSA(attribute)
 #endif
 
 // Locks.
-#define _Has_lock_kind_(kind) NAVOX_TSA(capability(#kind))
-#define _Scoped_lock_class_ NAVOX_TSA(scoped_lockable)
-#define _Scoped_release_ NAVOX_TSA(release_capability())
-#define _Acquires_lock_(lock) NAVOX_TSA(acquire_capability(lock))
-#define _Releases_lock_(lock) NAVOX_TSA(release_capability(lock))
-#define _Acquires_exclusive_lock_(lock) NAVOX_TSA(acquire_capability(lock))
-#define _Releases_exclusive_lock_(lock) NAVOX_TSA(release_capability(lock))
-#define _Acquires_shared_lock_(lock) NAVOX_TSA(acquire_shared_capability(lock))
-#define _Releases_shared_lock_(lock) NAVOX_TSA(release_shared_capability(lock))
-#define _Requires_lock_held_(lock) NAVOX_TSA(requires_capability(lock))
-#define _Requires_exclusive_lock_held_(lock) NAVOX_TSA(requires_capability(lock))
-#define _Requires_shared_lock_held_(lock) NAVOX_TSA(requires_shared_capability(lock))
-#define _Requires_lock_not_held_(lock) NAVOX_TSA(locks_excluded(lock))
-#define _Guarded_by_(lock) NAVOX_TSA(guarded_by(lock))
-#define _Analysis_suppress_lock_checking_ NAVOX_TSA(no_thread_safety_analysis)
+#define _Has_lock_kind_(kind) SAL_TSA(capability(#kind))
+#define _Scoped_lock_class_ SAL_TSA(scoped_lockable)
+#define _Scoped_release_ SAL_TSA(release_capability())
+#define _Acquires_lock_(lock) SAL_TSA(acquire_capability(lock))
+#define _Releases_lock_(lock) SAL_TSA(release_capability(lock))
+#define _Acquires_exclusive_lock_(lock) SAL_TSA(acquire_capability(lock))
+#define _Releases_exclusive_lock_(lock) SAL_TSA(release_capability(lock))
+#define _Acquires_shared_lock_(lock) SAL_TSA(acquire_shared_capability(lock))
+#define _Releases_shared_lock_(lock) SAL_TSA(release_shared_capability(lock))
+#define _Requires_lock_held_(lock) SAL_TSA(requires_capability(lock))
+#define _Requires_exclusive_lock_held_(lock) SAL_TSA(requires_capability(lock))
+#define _Requires_shared_lock_held_(lock) SAL_TSA(requires_shared_capability(lock))
+#define _Requires_lock_not_held_(lock) SAL_TSA(locks_excluded(lock))
+#define _Guarded_by_(lock) SAL_TSA(guarded_by(lock))
+#define _Analysis_suppress_lock_checking_ SAL_TSA(no_thread_safety_analysis)
 #define _Interlocked_
 #define _Interlocked_operand_
 #define _Benign_race_begin_

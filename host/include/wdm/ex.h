@@ -19,20 +19,22 @@ typedef enum _EX_POOL_PRIORITY {
     HighPoolPriority = 32
 } EX_POOL_PRIORITY;
 
-typedef struct _Has_lock_kind_(fast mutex) _FAST_MUTEX {
+typedef struct _Has_lock_kind_(fast mutex) _FAST_MUTEX
+{
     volatile LONG Count;
     PKTHREAD Owner;
     ULONG Contention;
     KEVENT Event;
     ULONG OldIrql;
-} FAST_MUTEX, *PFAST_MUTEX;
+}
+FAST_MUTEX, *PFAST_MUTEX;
 
 #define FM_LOCK_BIT 0x1
 
 extern "C" {
 
-_IRQL_requires_max_(DISPATCH_LEVEL) PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType,
-                                                                      SIZE_T NumberOfBytes, ULONG Tag);
+_IRQL_requires_max_(DISPATCH_LEVEL) PVOID NTAPI
+    ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
 _IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
 _IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI ExFreePool(PVOID P);
 
@@ -40,7 +42,7 @@ _IRQL_requires_max_(APC_LEVEL) VOID NTAPI ExAcquireFastMutex(PFAST_MUTEX FastMut
     _Acquires_lock_(FastMutex);
 _IRQL_requires_(APC_LEVEL) VOID NTAPI ExReleaseFastMutex(PFAST_MUTEX FastMutex) _Releases_lock_(FastMutex);
 _IRQL_requires_max_(APC_LEVEL) BOOLEAN NTAPI ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex)
-    NAVOX_TSA(try_acquire_capability(1, FastMutex));
+    SAL_TSA(try_acquire_capability(1, FastMutex));
 
 LONG NTAPI InterlockedIncrement(LONG volatile* Addend);
 LONG NTAPI InterlockedDecrement(LONG volatile* Addend);
@@ -68,7 +70,7 @@ inline VOID ExInitializeFastMutex(PFAST_MUTEX FastMutex)
     KeInitializeEvent(&FastMutex->Event, SynchronizationEvent, FALSE);
 }
 
-#define NAVOX_ORDERED_ACCESS(Name, type)                                                                     \
+#define ORDERED_ACCESS(Name, type)                                                                           \
     inline type Read##Name##NoFence(type const volatile* Source)                                             \
     {                                                                                                        \
         return __atomic_load_n(Source, __ATOMIC_RELAXED);                                                    \
@@ -85,15 +87,15 @@ inline VOID ExInitializeFastMutex(PFAST_MUTEX FastMutex)
     {                                                                                                        \
         __atomic_store_n(Destination, Value, __ATOMIC_RELEASE);                                              \
     }
-NAVOX_ORDERED_ACCESS(, LONG)
-NAVOX_ORDERED_ACCESS(64, LONG64)
-NAVOX_ORDERED_ACCESS(UChar, UCHAR)
-NAVOX_ORDERED_ACCESS(Boolean, BOOLEAN)
-NAVOX_ORDERED_ACCESS(UShort, USHORT)
-NAVOX_ORDERED_ACCESS(ULong, ULONG)
-NAVOX_ORDERED_ACCESS(ULong64, ULONG64)
-NAVOX_ORDERED_ACCESS(Pointer, PVOID)
-#undef NAVOX_ORDERED_ACCESS
+ORDERED_ACCESS(, LONG)
+ORDERED_ACCESS(64, LONG64)
+ORDERED_ACCESS(UChar, UCHAR)
+ORDERED_ACCESS(Boolean, BOOLEAN)
+ORDERED_ACCESS(UShort, USHORT)
+ORDERED_ACCESS(ULong, ULONG)
+ORDERED_ACCESS(ULong64, ULONG64)
+ORDERED_ACCESS(Pointer, PVOID)
+#undef ORDERED_ACCESS
 
 inline VOID KeMemoryBarrier()
 {

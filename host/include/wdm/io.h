@@ -62,21 +62,19 @@ typedef enum {
 extern "C" {
 
 // Devices.
-_IRQL_requires_max_(APC_LEVEL) NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject,
-                                                             ULONG DeviceExtensionSize,
-                                                             PUNICODE_STRING DeviceName,
-                                                             DEVICE_TYPE DeviceType,
-                                                             ULONG DeviceCharacteristics, BOOLEAN Exclusive,
-                                                             PDEVICE_OBJECT* DeviceObject);
+_IRQL_requires_max_(APC_LEVEL) NTSTATUS NTAPI
+    IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
+                   DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
+                   PDEVICE_OBJECT* DeviceObject);
 _IRQL_requires_max_(APC_LEVEL) VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject);
 /// The device that was on top before, nullptr on failure.
 _IRQL_requires_max_(DISPATCH_LEVEL) PDEVICE_OBJECT NTAPI
-IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice);
+    IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice);
 _IRQL_requires_max_(PASSIVE_LEVEL) VOID NTAPI IoDetachDevice(PDEVICE_OBJECT TargetDevice);
 _IRQL_requires_max_(DISPATCH_LEVEL) PDEVICE_OBJECT NTAPI
-IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName,
-                                                                       PUNICODE_STRING DeviceName);
+    IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
 
 // Requests.
@@ -92,37 +90,37 @@ _IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI IoAcquireCancelSpinLock(PKIRQL Ir
 _IRQL_requires_(DISPATCH_LEVEL) VOID NTAPI IoReleaseCancelSpinLock(KIRQL Irql);
 /// The calling thread gets the completion, so it must still be there then; never free this request.
 _IRQL_requires_max_(PASSIVE_LEVEL) PIRP NTAPI
-IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
-                              ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
-                              BOOLEAN InternalDeviceIoControl, PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock);
+    IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
+                                  ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
+                                  BOOLEAN InternalDeviceIoControl, PKEVENT Event,
+                                  PIO_STATUS_BLOCK IoStatusBlock);
 _IRQL_requires_max_(DISPATCH_LEVEL) ULONG NTAPI IoGetRequestorProcessId(PIRP Irp);
 
 // Work items.
 _IRQL_requires_max_(DISPATCH_LEVEL) PIO_WORKITEM NTAPI IoAllocateWorkItem(PDEVICE_OBJECT DeviceObject);
 _IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI IoFreeWorkItem(PIO_WORKITEM IoWorkItem);
-_IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI IoQueueWorkItem(PIO_WORKITEM IoWorkItem,
-                                                               PIO_WORKITEM_ROUTINE WorkerRoutine,
-                                                               WORK_QUEUE_TYPE QueueType, PVOID Context);
+_IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI
+    IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine, WORK_QUEUE_TYPE QueueType,
+                    PVOID Context);
 
 // Plug and Play.
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, const GUID* InterfaceClassGuid,
-                          PUNICODE_STRING ReferenceString, PUNICODE_STRING SymbolicLinkName);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName,
-                                                                            BOOLEAN Enable);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI IoOpenDeviceRegistryKey(PDEVICE_OBJECT DeviceObject,
-                                                                          ULONG DevInstKeyType,
-                                                                          ACCESS_MASK DesiredAccess,
-                                                                          PHANDLE DeviceRegKey);
+    IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, const GUID* InterfaceClassGuid,
+                              PUNICODE_STRING ReferenceString, PUNICODE_STRING SymbolicLinkName);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-IoGetDeviceProperty(PDEVICE_OBJECT DeviceObject, DEVICE_REGISTRY_PROPERTY DeviceProperty, ULONG BufferLength,
-                    PVOID PropertyBuffer, PULONG ResultLength);
+    IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Enable);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    IoOpenDeviceRegistryKey(PDEVICE_OBJECT DeviceObject, ULONG DevInstKeyType, ACCESS_MASK DesiredAccess,
+                            PHANDLE DeviceRegKey);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    IoGetDeviceProperty(PDEVICE_OBJECT DeviceObject, DEVICE_REGISTRY_PROPERTY DeviceProperty,
+                        ULONG BufferLength, PVOID PropertyBuffer, PULONG ResultLength);
 _IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI IoInvalidateDeviceState(PDEVICE_OBJECT PhysicalDeviceObject);
-_IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI IoInvalidateDeviceRelations(PDEVICE_OBJECT DeviceObject,
-                                                                           DEVICE_RELATION_TYPE Type);
+_IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI
+    IoInvalidateDeviceRelations(PDEVICE_OBJECT DeviceObject, DEVICE_RELATION_TYPE Type);
 _IRQL_requires_max_(PASSIVE_LEVEL) PCONFIGURATION_INFORMATION NTAPI IoGetConfigurationInformation();
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject,
-                                                                           ULONG Action);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action);
 
 } // extern "C"
 

@@ -164,8 +164,8 @@
 #define METHOD_NEITHER 3
 #define CTL_CODE(DeviceType, Function, Method, Access)                                                       \
     (((ULONG)(DeviceType) << 16) | ((ULONG)(Access) << 14) | ((ULONG)(Function) << 2) | (ULONG)(Method))
-#define DEVICE_TYPE_FROM_CTL_CODE(code) (((ULONG)(code) & 0xffff0000) >> 16)
-#define METHOD_FROM_CTL_CODE(code) ((ULONG)(code) & 3)
+#define DEVICE_TYPE_FROM_CTL_CODE(code) (((ULONG)(code)&0xffff0000) >> 16)
+#define METHOD_FROM_CTL_CODE(code) ((ULONG)(code)&3)
 
 // Priority increments of IoCompleteRequest and KeSetEvent.
 #define IO_NO_INCREMENT 0
@@ -418,7 +418,8 @@ typedef enum _DEVICE_RELATION_TYPE {
     TargetDeviceRelation,
     SingleBusRelations,
     TransportRelations
-} DEVICE_RELATION_TYPE, *PDEVICE_RELATION_TYPE;
+} DEVICE_RELATION_TYPE,
+    *PDEVICE_RELATION_TYPE;
 
 typedef struct _DEVICE_RELATIONS {
     ULONG Count;
@@ -431,7 +432,8 @@ typedef enum {
     BusQueryCompatibleIDs,
     BusQueryInstanceID,
     BusQueryDeviceSerialNumber
-} BUS_QUERY_ID_TYPE, *PBUS_QUERY_ID_TYPE;
+} BUS_QUERY_ID_TYPE,
+    *PBUS_QUERY_ID_TYPE;
 
 typedef enum { DeviceTextDescription, DeviceTextLocationInformation } DEVICE_TEXT_TYPE, *PDEVICE_TEXT_TYPE;
 

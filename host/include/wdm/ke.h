@@ -158,15 +158,14 @@ LONG NTAPI KeReadStateEvent(PRKEVENT Event);
 
 /// A time-out is in 100 ns units: negative is relative, positive absolute, nullptr for ever.
 _IRQL_requires_max_(APC_LEVEL) NTSTATUS NTAPI
-KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
-                      PLARGE_INTEGER Timeout);
+    KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
+                          PLARGE_INTEGER Timeout);
 _IRQL_requires_max_(APC_LEVEL) NTSTATUS NTAPI
-KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON WaitReason,
-                         KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout,
-                         PKWAIT_BLOCK WaitBlockArray);
-_IRQL_requires_max_(APC_LEVEL) NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode,
-                                                                     BOOLEAN Alertable,
-                                                                     PLARGE_INTEGER Interval);
+    KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON WaitReason,
+                             KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout,
+                             PKWAIT_BLOCK WaitBlockArray);
+_IRQL_requires_max_(APC_LEVEL) NTSTATUS NTAPI
+    KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 
 VOID NTAPI KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);
 BOOLEAN NTAPI KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2);
@@ -178,8 +177,8 @@ VOID NTAPI KeInitializeTimer(PKTIMER Timer);
 VOID NTAPI KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type);
 /// Due time in 100 ns units; the period of the Ex form is in milliseconds. True when it was armed already.
 _IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);
-_IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN NTAPI KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime,
-                                                               LONG Period, PKDPC Dpc);
+_IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN NTAPI
+    KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc);
 _IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer);
 _IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN NTAPI KeReadStateTimer(PKTIMER Timer);
 

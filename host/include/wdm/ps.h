@@ -22,9 +22,9 @@ typedef struct _MDL *PMDL, *PMDLX;
 extern "C" {
 
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
-                     HANDLE ProcessHandle, PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
-                     PVOID StartContext);
+    PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                         HANDLE ProcessHandle, PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
+                         PVOID StartContext);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus);
 HANDLE NTAPI PsGetCurrentProcessId();
 HANDLE NTAPI PsGetCurrentThreadId();
@@ -39,8 +39,8 @@ extern POBJECT_TYPE* IoFileObjectType;
 extern POBJECT_TYPE* ExEventObjectType;
 
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
-                          KPROCESSOR_MODE AccessMode, PVOID* Object, PVOID HandleInformation);
+    ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
+                              KPROCESSOR_MODE AccessMode, PVOID* Object, PVOID HandleInformation);
 NTSTATUS NTAPI ObReferenceObjectByPointer(PVOID Object, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
                                           KPROCESSOR_MODE AccessMode);
 LONG_PTR NTAPI ObfReferenceObject(PVOID Object);

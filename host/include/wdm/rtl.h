@@ -58,29 +58,29 @@ BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING S
                                     BOOLEAN CaseInSensitive);
 LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                    BOOLEAN CaseInSensitive);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI RtlUnicodeStringToInteger(PCUNICODE_STRING String,
-                                                                            ULONG Base, PULONG Value);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI RtlIntegerToUnicodeString(ULONG Value, ULONG Base,
-                                                                            PUNICODE_STRING String);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_STRING SourceString,
-                             BOOLEAN AllocateDestinationString);
+    RtlUnicodeStringToInteger(PCUNICODE_STRING String, ULONG Base, PULONG Value);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_STRING SourceString,
-                             BOOLEAN AllocateDestinationString);
+    RtlIntegerToUnicodeString(ULONG Value, ULONG Base, PUNICODE_STRING String);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_STRING SourceString,
+                                 BOOLEAN AllocateDestinationString);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_STRING SourceString,
+                                 BOOLEAN AllocateDestinationString);
 _IRQL_requires_max_(PASSIVE_LEVEL) VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString);
 _IRQL_requires_max_(PASSIVE_LEVEL) VOID NTAPI RtlFreeAnsiString(PANSI_STRING AnsiString);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI RtlStringFromGUID(REFGUID Guid, PUNICODE_STRING GuidString);
 SIZE_T NTAPI RtlCompareMemory(const VOID* Source1, const VOID* Source2, SIZE_T Length);
 
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-RtlQueryRegistryValues(ULONG RelativeTo, PCWSTR Path, PRTL_QUERY_REGISTRY_TABLE QueryTable, PVOID Context,
-                       PVOID Environment);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI RtlWriteRegistryValue(ULONG RelativeTo, PCWSTR Path,
-                                                                        PCWSTR ValueName, ULONG ValueType,
-                                                                        PVOID ValueData, ULONG ValueLength);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI RtlDeleteRegistryValue(ULONG RelativeTo, PCWSTR Path,
-                                                                         PCWSTR ValueName);
+    RtlQueryRegistryValues(ULONG RelativeTo, PCWSTR Path, PRTL_QUERY_REGISTRY_TABLE QueryTable, PVOID Context,
+                           PVOID Environment);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    RtlWriteRegistryValue(ULONG RelativeTo, PCWSTR Path, PCWSTR ValueName, ULONG ValueType, PVOID ValueData,
+                          ULONG ValueLength);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    RtlDeleteRegistryValue(ULONG RelativeTo, PCWSTR Path, PCWSTR ValueName);
 
 /// Whether the running system is of this version (an NTDDI_ value) or later.
 _IRQL_requires_max_(PASSIVE_LEVEL) BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version);
@@ -120,8 +120,7 @@ inline VOID RtlInitEmptyUnicodeString(PUNICODE_STRING String, PWCHAR Buffer, USH
 }
 
 #if DBG
-#define ASSERT(expr)                                                                                         \
-    ((expr) ? (void)0 : RtlAssert((PVOID) #expr, (PVOID)__FILE__, __LINE__, nullptr))
+#define ASSERT(expr) ((expr) ? (void)0 : RtlAssert((PVOID) #expr, (PVOID)__FILE__, __LINE__, nullptr))
 #define ASSERTMSG(text, expr)                                                                                \
     ((expr) ? (void)0 : RtlAssert((PVOID) #expr, (PVOID)__FILE__, __LINE__, const_cast<PSTR>(text)))
 #else

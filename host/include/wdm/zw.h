@@ -65,20 +65,19 @@ typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
 extern "C" {
 
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI ZwClose(HANDLE Handle);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
-                                                            POBJECT_ATTRIBUTES ObjectAttributes);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
-                                                              POBJECT_ATTRIBUTES ObjectAttributes,
-                                                              ULONG TitleIndex, PUNICODE_STRING Class,
-                                                              ULONG CreateOptions, PULONG Disposition);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
-ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
-                KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation, ULONG Length,
-                PULONG ResultLength);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
-                                                                ULONG TitleIndex, ULONG Type, PVOID Data,
-                                                                ULONG DataSize);
-_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle,
-                                                                   PUNICODE_STRING ValueName);
+    ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                ULONG TitleIndex, PUNICODE_STRING Class, ULONG CreateOptions, PULONG Disposition);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
+                    KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
+                    ULONG Length, PULONG ResultLength);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleIndex, ULONG Type, PVOID Data,
+                  ULONG DataSize);
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NTAPI
+    ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName);
 
 } // extern "C"

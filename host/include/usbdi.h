@@ -1,0 +1,3 @@
+// The old name of <usb.h>.
+#pragma once
+#include <usb.h>
