@@ -1,0 +1,26 @@
+# navox_add_test(<name> [SOURCES] <source>... [LIBS <library>...] [LABELS <label>...] [TIMEOUT <seconds>] [OWN_MAIN])
+#
+# One area of tests: a GoogleTest executable whose cases CTest lists as <name>.<suite>.<case>. TIMEOUT is
+# for each case (default 60 s). Cases with the label `live` also run under ThreadSanitizer. OWN_MAIN: one
+# of the sources has a main of its own.
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+function(navox_add_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "OWN_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS")
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${arg_SOURCES} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} navox_options GTest::gtest)
+  if(NOT arg_OWN_MAIN)
+    target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
+  set(properties TIMEOUT ${arg_TIMEOUT})
+  if(arg_LABELS)
+    string(REPLACE ";" "\\;" labels "${arg_LABELS}")
+    list(APPEND properties LABELS "${labels}")
+  endif()
+  gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 30
+                       PROPERTIES ${properties})
+endfunction()
