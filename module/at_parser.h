@@ -1,0 +1,66 @@
+// The AT command interpreter behind the bulk-out endpoint: bytes to command lines, command lines to
+// answers.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace module {
+
+// Puts command lines together. A line ends with CR; LF and other control characters are not part of it;
+// backspace takes the last character back.
+class AtLineReader {
+  public:
+    // A longer line is cut to this many characters and marked so.
+    static constexpr std::size_t kMaxLine = 256;
+
+    struct Line {
+        std::string text; // without the CR
+        bool too_long = false;
+    };
+
+    // The lines that `data` completes.
+    std::vector<Line> Feed(std::span<const std::uint8_t> data);
+    void Clear() { line_ = {}; }
+
+  private:
+    Line line_;
+};
+
+struct AtIdentity {
+    std::string manufacturer = "Navox";
+    std::string model = "Navox GPS module";
+    std::string revision = "R1A01";
+    std::string serial = "NVX000001";
+};
+
+struct AtAnswer {
+    std::string text; // as sent: "\r\nOK\r\n"
+    bool starts_nmea = false;
+};
+
+class AtInterpreter {
+  public:
+    explicit AtInterpreter(AtIdentity identity = {}, bool echo = true);
+
+    // A line that does not begin with "AT" is no command: it gets neither echo nor answer.
+    static bool IsCommand(std::string_view line);
+
+    // `line` is a command. Letters may be of either case.
+    AtAnswer Execute(std::string_view line);
+
+    bool echo() const { return echo_; }
+
+  private:
+    AtIdentity identity_;
+    bool initial_echo_;
+    bool echo_;
+};
+
+inline constexpr std::string_view kAtOk = "\r\nOK\r\n";
+inline constexpr std::string_view kAtError = "\r\nERROR\r\n";
+
+} // namespace module
