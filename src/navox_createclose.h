@@ -1,0 +1,28 @@
+// Open, cleanup, close, and the life of a client.
+//
+//     no client --first open--> first client --open--> several clients
+//         ^   reader armed (1.5 s), line set up          |  |
+//         |                                     last close  close
+//         +---- reader stopped, line released <----------+
+//
+// A client lives from its open to its close; cleanup empties its queues.
+#pragma once
+
+#include "navox.h"
+
+DRIVER_DISPATCH CreateDispatch;
+DRIVER_DISPATCH CleanupDispatch;
+DRIVER_DISPATCH CloseDispatch;
+
+// Allocates a client whose ring holds one empty fix sentence. STATUS_INSUFFICIENT_RESOURCES when memory is
+// short.
+[[nodiscard]] NTSTATUS CreateClient(CLIENT** client, DEVICE_EXTENSION* extension);
+
+// The number of open clients. ClientListLock held.
+ULONG CountClients(DEVICE_EXTENSION* extension) _Requires_lock_held_(extension->ClientListLock);
+
+// Stores the number of open clients as "OpenHandles" in the hardware key. PASSIVE_LEVEL or APC_LEVEL.
+NTSTATUS WriteOpenHandles(DEVICE_EXTENSION* extension, ULONG count);
+
+// Cancels the requests of every client. PASSIVE_LEVEL.
+void CancelAllClientRequests(DEVICE_EXTENSION* extension);

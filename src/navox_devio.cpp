@@ -1,0 +1,187 @@
+#include "navox_devio.h"
+
+#include "cdccomm.h"
+#include "navox_sendatcommand.h"
+#include "navox_usb.h"
+#include "navox_utils.h"
+#include "navox_write.h"
+
+namespace {
+
+NTSTATUS NTAPI SignalTransferred(PDEVICE_OBJECT, PIRP, PVOID context)
+{
+    KeSetEvent(static_cast<PKEVENT>(context), 1, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// The request goes to the bus and comes back. While it is outstanding, ReaderIrp offers it to whoever wants
+// to cancel it. Returns false if somebody did.
+bool SendAndWait(DEVICE_EXTENSION* extension, PIRP irp, KEVENT* done)
+{
+    extension->ReaderCancelled = FALSE;
+    InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->ReaderIrp), irp);
+    if (IoCallDriver(extension->LowerDeviceObject, irp) == STATUS_PENDING)
+        KeWaitForSingleObject(done, Executive, KernelMode, FALSE, nullptr);
+    if (InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->ReaderIrp), nullptr) == nullptr) {
+        // A canceller has it; the request must outlive its IoCancelIrp.
+        KeWaitForSingleObject(&extension->ReaderCancelEvent, Executive, KernelMode, FALSE, nullptr);
+    }
+    return !extension->ReaderCancelled;
+}
+
+// Judges a transfer that came back, and delivers it.
+void ProcessTransfer(DEVICE_EXTENSION* extension, NTSTATUS status, const URB* urb)
+{
+    if (status == STATUS_UNSUCCESSFUL || status == STATUS_DEVICE_NOT_CONNECTED)
+        extension->ReaderHalted = TRUE;
+    else if (status == STATUS_SUCCESS)
+        extension->ReaderHalted = FALSE;
+    extension->BytesReceived = urb->UrbBulkOrInterruptTransfer.TransferBufferLength;
+    if (urb->UrbHeader.Status == USBD_STATUS_SUCCESS && extension->ReadBuffer != nullptr)
+        FanOut(extension, extension->BytesReceived, extension->ReadBuffer);
+}
+
+// One transfer. A status other than STATUS_SUCCESS ends the cycle; a cancelled transfer ends it through
+// ReaderHalted.
+NTSTATUS TransferOnce(DEVICE_EXTENSION* extension)
+{
+    // Counted before the buffer is touched: removal frees the buffer only when the count has gone.
+    if (!IncrementIoCountIfStarted(extension))
+        return STATUS_DELETE_PENDING;
+
+    NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    const PIRP irp = IoAllocateIrp(extension->LowerDeviceObject->StackSize, FALSE);
+    PoolPointer<URB, kTagReaderUrb> urb;
+    if (irp != nullptr && urb.Allocate(NonPagedPool, kUrbAllocation)) {
+        RtlZeroMemory(extension->ReadBuffer, extension->ReadBufferSize);
+        BuildTransferUrb(urb.get(), extension->BulkInPipe, extension->ReadBuffer, extension->ReadBufferSize);
+        PrepareUrbIrp(irp, urb.get());
+        IoSetCompletionRoutine(irp, SignalTransferred, &done, TRUE, TRUE, TRUE);
+        if (SendAndWait(extension, irp, &done)) {
+            status = irp->IoStatus.Status;
+            ProcessTransfer(extension, status, urb.get());
+        } else {
+            extension->ReaderHalted = TRUE;
+            status = STATUS_SUCCESS;
+        }
+    }
+    if (irp != nullptr)
+        IoFreeIrp(irp);
+    DecrementIoCount(extension);
+    return status;
+}
+
+// One round of the cycle. False ends it.
+bool RunCycle(DEVICE_EXTENSION* extension)
+{
+    // An open during a running cycle must not start a second one.
+    KeCancelTimer(&extension->ReaderStartTimer);
+    if (extension->DevicePnPState != STATE_STARTED)
+        return false;
+    if (extension->AtCommandPending) {
+        if (extension->CdcSetupPending) {
+            extension->CdcSetupPending = FALSE;
+            (void)SetupLine(extension);
+        } else {
+            (void)SendAtCommand(extension);
+        }
+    } else {
+        const NTSTATUS status = TransferOnce(extension);
+        if (status != STATUS_SUCCESS) {
+            TRACE(TRACE_READER, LEVEL_WARNING, "reading ends: 0x%x", status);
+            return false;
+        }
+    }
+    return !extension->ReaderHalted;
+}
+
+// why: the work item is not freed. Each round leaves one behind.
+void NTAPI ReaderWorkItem(PDEVICE_OBJECT device, PVOID)
+{
+    DEVICE_EXTENSION* extension = GetExtension(device);
+    const bool goOn = RunCycle(extension);
+    // A start that found this round running is made good now.
+    const bool wanted = InterlockedExchange(&extension->ReaderCycle, ReaderCycleIdle) == ReaderCycleWanted;
+    if (goOn || wanted)
+        QueueReader(extension);
+}
+
+// True: no round is running, and the caller may start one. False: the running round will start the next.
+bool ClaimCycle(DEVICE_EXTENSION* extension)
+{
+    if (InterlockedCompareExchange(&extension->ReaderCycle, ReaderCycleRunning, ReaderCycleIdle) ==
+        ReaderCycleIdle)
+        return true;
+    if (InterlockedCompareExchange(&extension->ReaderCycle, ReaderCycleWanted, ReaderCycleRunning) !=
+        ReaderCycleIdle)
+        return false;
+    // The round ended between the two looks.
+    return InterlockedCompareExchange(&extension->ReaderCycle, ReaderCycleRunning, ReaderCycleIdle) ==
+           ReaderCycleIdle;
+}
+
+bool HasClients(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard lock(&extension->ClientListLock);
+    return !IsListEmpty(&extension->ClientList);
+}
+
+// Copies a transfer to one client. Returns a wait request that this has ended, or null.
+PIRP DeliverToClient(CLIENT* client, ULONG length, const UCHAR* bytes)
+{
+    bool tellWait = false;
+    {
+        SpinLockGuard clientLock(&client->Lock);
+        if (client->Ring.Append(bytes, length)) {
+            const PIRP irp = client->CurrentReadIrp;
+            irp->IoStatus.Information = IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length;
+            RaiseTimerCounts(client);
+            if (!KeInsertQueueDpc(&client->ReadCompletionDpc, nullptr, nullptr))
+                LowerTimerCounts(client);
+        }
+        if (client->WaitMask != 0)
+            tellWait = NoteReceiveEvents(client, bytes[0]);
+    }
+    return tellWait ? DeliverEvents(client) : nullptr;
+}
+
+} // namespace
+
+void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes)
+{
+    // Waits that end are completed behind the lock: an application's completion may do anything.
+    LIST_ENTRY finished;
+    InitializeListHead(&finished);
+    {
+        SpinLockGuard lock(&extension->ClientListLock);
+        PLIST_ENTRY head = &extension->ClientList;
+        for (PLIST_ENTRY entry = head->Flink; entry != head; entry = entry->Flink) {
+            if (const PIRP wait = DeliverToClient(ClientFromEntry(entry), length, bytes))
+                InsertTailList(&finished, &wait->Tail.Overlay.ListEntry);
+        }
+    }
+    while (!IsListEmpty(&finished))
+        FinishRequest(extension, CONTAINING_RECORD(RemoveHeadList(&finished), IRP, Tail.Overlay.ListEntry));
+}
+
+void NTAPI ReaderDpc(PKDPC, PVOID context, PVOID, PVOID)
+{
+    const auto device = static_cast<PDEVICE_OBJECT>(context);
+    DEVICE_EXTENSION* extension = GetExtension(device);
+    extension->ReaderHalted = FALSE;
+    if (!HasClients(extension))
+        return;
+    if (extension->DevicePowerState != PowerDeviceD0 || extension->DevicePnPState != STATE_STARTED)
+        return;
+    if (!ClaimCycle(extension))
+        return;
+    const PIO_WORKITEM item = IoAllocateWorkItem(device);
+    if (item != nullptr) {
+        IoQueueWorkItem(item, ReaderWorkItem, DelayedWorkQueue, nullptr);
+        return;
+    }
+    InterlockedExchange(&extension->ReaderCycle, ReaderCycleIdle);
+    QueueReader(extension); // try again
+}

@@ -1,0 +1,16 @@
+// The continuous reader: one bulk-in transfer at a time, copied to every client.
+//
+//     first open --1.5 s--> ReaderDpc --> work item --> transfer --> fan-out
+//                               ^             |                        |
+//                               +-------------+------------------------+
+//
+// While AtCommandPending is set the work item sets the module up instead of reading. The cycle ends when the
+// last client has closed, a transfer fails or is cancelled, or the device is not started or not in D0.
+#pragma once
+
+#include "navox.h"
+
+KDEFERRED_ROUTINE ReaderDpc;
+
+// Copies a transfer to every client. `bytes` has at least one byte, even if `length` is 0. PASSIVE_LEVEL.
+void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes);

@@ -1,0 +1,14 @@
+// Load, arrival of a device, unload: what the driver is made of.
+#pragma once
+
+#include "navox.h"
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+DRIVER_ADD_DEVICE AddDevice;
+DRIVER_UNLOAD DriverUnload;
+
+// A 32-bit setting of the device's driver key. Absent, too large or unreadable: 0 and FALSE. PASSIVE_LEVEL.
+BOOLEAN ReadDeviceSetting(DEVICE_EXTENSION* extension, PCWSTR valueName, ULONG* value);
+
+// Whether the system is at least of this NTDDI version. PASSIVE_LEVEL.
+[[nodiscard]] bool IsOsVersionAtLeast(ULONG version);

@@ -1,0 +1,8 @@
+// The private GPS controls. They pass no gate and are not counted: they work in every Plug and Play state.
+#pragma once
+
+#include "navox.h"
+
+// Serves and completes the request if its code is one of the private ones that are served; `status` is then
+// what the dispatch routine returns. False: it is not ours.
+[[nodiscard]] bool ServeGpsControl(PDEVICE_OBJECT device, PIRP irp, NTSTATUS* status);

@@ -1,0 +1,15 @@
+// Plug and Play.
+//
+//     NEVER_STARTED --start--> STARTED --query stop--> STOP_PENDING --stop--> STOPPED --start--> STARTED
+//                                |  ^----cancel stop-------'
+//                                |  ^----cancel remove---.
+//                                '--query remove--> REMOVE_PENDING --remove--> REMOVED
+//     STARTED, STOP_PENDING, REMOVE_PENDING, STOPPED --surprise removal--> SURPRISE_REMOVED --remove-->
+//     REMOVED NEVER_STARTED --remove--> REMOVED
+//
+// Every other pair of a state and a minor code goes straight down.
+#pragma once
+
+#include "navox.h"
+
+DRIVER_DISPATCH PnpDispatch;

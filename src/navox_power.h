@@ -1,0 +1,14 @@
+// Power. The driver is the power policy owner: a system request is turned into a device request on its way
+// back up.
+//
+//     system request --down--> completion --PoRequestPowerIrp--> device request --> callback --> system
+//     request done
+//                                  |                              ^
+//                                  +-- fast resume to S0: done ---+ (the device follows by itself)
+//
+//     D0 --set D1..D3: report, drain both in-pipes, pass down--> D1..D3 --set D0: pass down, report--> D0
+#pragma once
+
+#include "navox.h"
+
+DRIVER_DISPATCH PowerDispatch;

@@ -1,0 +1,29 @@
+// Selective suspend: lets the hub suspend the module while nobody uses it.
+//
+//     off --StartIdleMonitor--> armed (a look every 5 s) --idle--> request at the hub --callback-->
+//     IdlePowerState
+//                                 ^                                     |                              |
+//                                 +------ completed or cancelled: back to D0, if it had left it <------+
+//
+// The idle request has two parties, the completion routine and a canceller. IdleIrp is taken by exchange;
+// IdleIrpRefs starts at 2. Who finds it dropping from 1 to 0 frees the request, or the completion does if no
+// canceller took it.
+#pragma once
+
+#include "navox.h"
+
+// Sets up the objects of the idle monitor. PASSIVE_LEVEL, at device creation, only when
+// EnableSelectiveSuspend is set: nothing here touches them otherwise.
+void InitialiseIdleMonitor(DEVICE_EXTENSION* extension);
+
+// Arms the idle check. PASSIVE_LEVEL.
+void StartIdleMonitor(DEVICE_EXTENSION* extension);
+
+// Disarms it and waits for a check and a request that are under way. PASSIVE_LEVEL.
+void StopIdleMonitor(DEVICE_EXTENSION* extension);
+
+// Takes the idle request back, unless the device is as idle as before. IRQL <= DISPATCH_LEVEL.
+void CancelIdleRequest(DEVICE_EXTENSION* extension);
+
+// Asks the hub to suspend the module. PASSIVE_LEVEL.
+[[nodiscard]] NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension);

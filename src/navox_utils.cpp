@@ -1,0 +1,348 @@
+#include "navox_utils.h"
+
+// Pending-I/O count
+// ----------------------------------------------------------------------------------------------
+
+namespace {
+
+void AddOne(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
+    _Requires_lock_held_(extension->StateLock)
+{
+    if (++extension->OutstandingIO == 2)
+        KeClearEvent(&extension->StopEvent);
+    TRACE(TRACE_COUNT, LEVEL_VERBOSE, "%s:%u raises the pending-I/O count to %u", caller, line,
+          extension->OutstandingIO);
+}
+
+} // namespace
+
+void InitialiseIoCount(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    extension->OutstandingIO = 1;
+}
+
+bool IsNothingPending(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    return extension->OutstandingIO == 1;
+}
+
+void IncrementIoCount(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    AddOne(extension, caller, line);
+}
+
+bool IncrementIoCountUnlessRemoved(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    if (extension->DevicePnPState == STATE_REMOVED)
+        return false;
+    AddOne(extension, caller, line);
+    return true;
+}
+
+bool IncrementIoCountIfStarted(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    if (extension->DevicePnPState != STATE_STARTED)
+        return false;
+    AddOne(extension, caller, line);
+    return true;
+}
+
+void DecrementIoCount(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    const ULONG count = --extension->OutstandingIO;
+    TRACE(TRACE_COUNT, LEVEL_VERBOSE, "%s:%u lowers the pending-I/O count to %u", caller, line, count);
+    if (count == 1)
+        KeSetEvent(&extension->StopEvent, 1, FALSE);
+    else if (count == 0)
+        KeSetEvent(&extension->RemoveEvent, 1, FALSE);
+}
+
+void SetPnpState(DEVICE_EXTENSION* extension, ULONG state)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    extension->DevicePnPState = state;
+}
+
+ULONG GetPnpState(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    return extension->DevicePnPState;
+}
+
+void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    const ULONG state = extension->DevicePnPState;
+    if (state != STATE_REMOVE_PENDING && state != STATE_REMOVED && state != STATE_STOP_PENDING &&
+        state != STATE_SURPRISE_REMOVED)
+        extension->DevicePnPState = STATE_STARTED;
+}
+
+NTSTATUS AdmitRequest(PIRP irp, DEVICE_EXTENSION* extension, const char* caller, ULONG line)
+{
+    IncrementIoCount(extension, caller, line);
+
+    const ULONG state = GetPnpState(extension);
+    if (state == STATE_STARTED)
+        return STATUS_SUCCESS;
+    // Bits 16 and 28 mark every state on the way out. STATE_NEVER_STARTED and STATE_REMOVED have neither and
+    // admit.
+    constexpr ULONG leaving = 0x10010000;
+    if ((state & leaving) != 0 && IoGetCurrentIrpStackLocation(irp)->MajorFunction != IRP_MJ_PNP) {
+        irp->IoStatus.Status = STATUS_DELETE_PENDING;
+        return STATUS_DELETE_PENDING;
+    }
+    return STATUS_SUCCESS;
+}
+
+// Requests
+// -------------------------------------------------------------------------------------------------------
+
+NTSTATUS CompleteRequest(PIRP irp, NTSTATUS status, ULONG_PTR information, CCHAR boost)
+{
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IoCompleteRequest(irp, boost);
+    return status;
+}
+
+NTSTATUS SkipAndForward(DEVICE_EXTENSION* extension, PIRP irp)
+{
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(extension->LowerDeviceObject, irp);
+}
+
+static NTSTATUS NTAPI SignalForwarded(PDEVICE_OBJECT, PIRP, PVOID context)
+{
+    KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+NTSTATUS ForwardAndWait(DEVICE_EXTENSION* extension, PIRP irp)
+{
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    IoCopyCurrentIrpStackLocationToNext(irp);
+    IoSetCompletionRoutine(irp, SignalForwarded, &done, TRUE, TRUE, TRUE);
+    if (IoCallDriver(extension->LowerDeviceObject, irp) == STATUS_PENDING)
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    return irp->IoStatus.Status;
+}
+
+void QueueReader(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    if (extension->DevicePnPState != STATE_REMOVED)
+        KeInsertQueueDpc(&extension->ReaderDpc, nullptr, nullptr);
+}
+
+static PIRP TakeIrp(PIRP* field)
+{
+    return static_cast<PIRP>(InterlockedExchangePointer(reinterpret_cast<PVOID*>(field), nullptr));
+}
+
+void CancelReader(DEVICE_EXTENSION* extension)
+{
+    // Whoever takes the request out of the field may touch it; the reader does not free it before it has
+    // heard from us.
+    const PIRP irp = TakeIrp(&extension->ReaderIrp);
+    if (irp == nullptr)
+        return;
+    extension->ReaderCancelled = TRUE;
+    IoCancelIrp(irp);
+    KeSetEvent(&extension->ReaderCancelEvent, IO_NO_INCREMENT, FALSE);
+}
+
+// Current and queued requests
+// ------------------------------------------------------------------------------------
+
+NTSTATUS StartOrQueue(CLIENT* client, PIRP irp, const REQUEST_SLOT& slot)
+{
+    CancelLockGuard cancelLock;
+    if (IsListEmpty(&(client->*slot.Queue)) && client->*slot.Current == nullptr) {
+        client->*slot.Current = irp;
+        cancelLock.Release();
+        return slot.Start(client);
+    }
+    if (irp->Cancel) {
+        cancelLock.Release();
+        irp->IoStatus.Status = STATUS_CANCELLED;
+        irp->IoStatus.Information = 0;
+        FinishRequest(client->Device, irp);
+        return STATUS_CANCELLED;
+    }
+    IoMarkIrpPending(irp);
+    irp->IoStatus.Status = STATUS_PENDING;
+    InsertTailList(&(client->*slot.Queue), &irp->Tail.Overlay.ListEntry);
+    IoSetCancelRoutine(irp, CancelQueued);
+    return STATUS_PENDING;
+}
+
+PIRP PromoteNext(CLIENT* client, const REQUEST_SLOT& slot)
+{
+    LIST_ENTRY* queue = &(client->*slot.Queue);
+    PIRP next = nullptr;
+    if (!IsListEmpty(queue)) {
+        next = CONTAINING_RECORD(RemoveHeadList(queue), IRP, Tail.Overlay.ListEntry);
+        IoSetCancelRoutine(next, nullptr);
+    }
+    client->*slot.Current = next;
+    return next;
+}
+
+PIRP NextRequest(CLIENT* client, PIRP finished, const REQUEST_SLOT& slot)
+{
+    DEVICE_EXTENSION* extension = client->Device;
+    PIRP next;
+    {
+        CancelLockGuard cancelLock;
+        next = PromoteNext(client, slot);
+    }
+    // From here on the client lives only as long as `next` does.
+    FinishRequest(extension, finished);
+    return next;
+}
+
+void FinishRequest(DEVICE_EXTENSION* extension, PIRP irp)
+{
+    IoCompleteRequest(irp, IO_SERIAL_INCREMENT);
+    DecrementIoCount(extension);
+}
+
+PIRP ReleaseReference(CLIENT* client, LeaveRoutine* leave, NTSTATUS status, const REQUEST_SLOT& slot,
+                      ULONG_PTR reference)
+{
+    const PIRP irp = client->*slot.Current;
+    DropReference(irp, reference);
+
+    if (leave != nullptr) {
+        SpinLockGuard clientLock(&client->Lock);
+        leave(client, irp);
+    }
+    if (IoSetCancelRoutine(irp, nullptr) != nullptr)
+        DropReference(irp, kReferenceCancel);
+    if (slot.HasTimers) {
+        if (CancelTimer(client, &client->IntervalTimer))
+            DropReference(irp, kReferenceIntervalTimer);
+        if (CancelTimer(client, &client->TotalTimer))
+            DropReference(irp, kReferenceTotalTimer);
+    }
+    if (References(irp) != 0)
+        return nullptr;
+
+    irp->IoStatus.Status = status;
+    if (status == STATUS_CANCELLED)
+        irp->IoStatus.Information = 0;
+    if (slot.Start != nullptr)
+        PromoteNext(client, slot);
+    else
+        client->*slot.Current = nullptr;
+    return irp;
+}
+
+NAVOX_HANDS_LOCK_OVER void CompleteCurrent(CLIENT* client, LeaveRoutine* leave, KIRQL cancelIrql,
+                                           NTSTATUS status, const REQUEST_SLOT& slot, ULONG_PTR reference)
+{
+    DEVICE_EXTENSION* extension = client->Device;
+    const PIRP finished = ReleaseReference(client, leave, status, slot, reference);
+    const bool startNext = finished != nullptr && slot.Start != nullptr && client->*slot.Current != nullptr;
+    IoReleaseCancelSpinLock(cancelIrql);
+    if (finished == nullptr)
+        return;
+    FinishRequest(extension, finished);
+    // The next request, if there is one, keeps the client alive.
+    if (startNext)
+        (void)slot.Start(client);
+}
+
+NAVOX_HANDS_LOCK_OVER void NTAPI CancelQueued(PDEVICE_OBJECT device, PIRP irp)
+{
+    RemoveEntryList(&irp->Tail.Overlay.ListEntry);
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    irp->IoStatus.Status = STATUS_CANCELLED;
+    irp->IoStatus.Information = 0;
+    FinishRequest(GetExtension(device), irp);
+}
+
+// Cancels the request as IoCancelIrp would. Entered with the cancel spin lock, which is released.
+NAVOX_HANDS_LOCK_OVER static void CancelThroughItsRoutine(PDEVICE_OBJECT device, PIRP irp, KIRQL cancelIrql)
+{
+    irp->Cancel = TRUE;
+    const PDRIVER_CANCEL routine = IoSetCancelRoutine(irp, nullptr);
+    if (routine == nullptr) {
+        IoReleaseCancelSpinLock(cancelIrql);
+        return;
+    }
+    irp->CancelIrql = cancelIrql;
+    routine(device, irp);
+}
+
+// Queued requests first, oldest first, then the current one.
+NAVOX_HANDS_LOCK_OVER static void CancelQueueAndCurrent(PDEVICE_OBJECT device, LIST_ENTRY* queue,
+                                                        PIRP* current)
+{
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    while (queue != nullptr && !IsListEmpty(queue)) {
+        // Its routine takes it off the queue.
+        CancelThroughItsRoutine(device, CONTAINING_RECORD(queue->Flink, IRP, Tail.Overlay.ListEntry), irql);
+        IoAcquireCancelSpinLock(&irql);
+    }
+    if (current != nullptr && *current != nullptr)
+        CancelThroughItsRoutine(device, *current, irql);
+    else
+        IoReleaseCancelSpinLock(irql);
+}
+
+void CancelClientRequests(PDEVICE_OBJECT device, CLIENT* client)
+{
+    CancelQueueAndCurrent(device, &client->ReadQueue, &client->CurrentReadIrp);
+    CancelQueueAndCurrent(device, &client->MaskQueue, &client->CurrentMaskIrp);
+    CancelQueueAndCurrent(device, nullptr, &client->CurrentWaitIrp);
+    CancelQueueAndCurrent(device, &client->DeferredQueue, nullptr);
+}
+
+// Time-out timers
+// ------------------------------------------------------------------------------------------------
+
+void RaiseTimerCounts(CLIENT* client)
+{
+    InterlockedIncrement(&client->Device->OutstandingTimers);
+    InterlockedIncrement(&client->OutstandingTimers);
+}
+
+void LowerTimerCounts(CLIENT* client)
+{
+    DEVICE_EXTENSION* extension = client->Device;
+    if (InterlockedDecrement(&client->OutstandingTimers) == 0) {
+        if (KeGetCurrentIrql() <= DISPATCH_LEVEL)
+            KeSetEvent(&client->TimersDrainedEvent, IO_NO_INCREMENT, FALSE);
+        else
+            KeInsertQueueDpc(&client->EventDpc, nullptr, nullptr);
+    }
+    if (InterlockedDecrement(&extension->OutstandingTimers) == 0)
+        KeSetEvent(&extension->TimersDrainedEvent, IO_NO_INCREMENT, FALSE);
+}
+
+void StartTimer(CLIENT* client, KTIMER* timer, LONGLONG dueTime, KDPC* dpc)
+{
+    LARGE_INTEGER due;
+    due.QuadPart = dueTime;
+    RaiseTimerCounts(client);
+    if (KeSetTimer(timer, due, dpc))
+        LowerTimerCounts(client);
+}
+
+bool CancelTimer(CLIENT* client, KTIMER* timer)
+{
+    if (!KeCancelTimer(timer))
+        return false;
+    LowerTimerCounts(client);
+    return true;
+}

@@ -1,0 +1,21 @@
+// Writes, which go nowhere, and the serial event mask.
+//
+//     no wait --WAIT_ON_MASK--> armed --event------------> completed with the events
+//        |                        |----SET_WAIT_MASK-----> completed with 0
+//        |                        +----cancelled---------> STATUS_CANCELLED
+//        +--WAIT_ON_MASK, events in the history----------> completed with them
+#pragma once
+
+#include "navox_utils.h"
+
+// The port is receive-only: what applications write is accepted and discarded.
+DRIVER_DISPATCH WriteDispatch;
+
+// Adds to the client's history the events that a transfer means: SERIAL_EV_RXCHAR, and SERIAL_EV_RXFLAG by
+// the first byte of the transfer only. True: an armed wait is to be told, with DeliverEvents. Client lock
+// held.
+[[nodiscard]] bool NoteReceiveEvents(CLIENT* client, UCHAR firstByte) _Requires_lock_held_(client->Lock);
+
+// Gives the history to the armed wait, if there still are both. Returns the wait, for FinishRequest, when
+// this was its last reference. IRQL <= DISPATCH_LEVEL.
+[[nodiscard]] PIRP DeliverEvents(CLIENT* client);
