@@ -136,7 +136,7 @@ Packet GpsModule::Control(const SetupPacket& setup, std::span<const std::uint8_t
         Log(setup, out, *handshake);
         return {*handshake, {}};
     }
-    Answer answer = Dispatch(setup, out);
+    Answer answer = Dispatch({setup, out});
     Log(setup, out, answer ? Handshake::Ack : Handshake::Stall);
     if (!answer) {
         return {Handshake::Stall, {}};

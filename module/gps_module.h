@@ -101,27 +101,31 @@ class GpsModule : public Device {
         std::optional<AnswerFault> fault;
         std::optional<Time> due; // set once the module knows the time
     };
-    struct ControlEntry;
+    // A control transfer: the request and the data stage of a control write.
+    struct Transfer : SetupPacket {
+        std::span<const std::uint8_t> out;
+    };
     using Answer = std::optional<Bytes>; // nothing: STALL
+    struct ControlEntry;
 
     // gps_module_control.cpp
-    Answer Dispatch(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetDeviceStatus(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetInterfaceStatus(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetEndpointStatus(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer ChangeDeviceFeature(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer ChangeEndpointFeature(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer SetAddress(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetDescriptor(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetConfiguration(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer SetConfiguration(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetInterface(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer SetInterface(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer CommFeature(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer SetLineCoding(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer GetLineCoding(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer SetControlLineState(const SetupPacket& setup, std::span<const std::uint8_t> out);
-    Answer SendBreak(const SetupPacket& setup, std::span<const std::uint8_t> out);
+    Answer Dispatch(const Transfer& transfer);
+    Answer GetDeviceStatus(const Transfer& transfer);
+    Answer GetInterfaceStatus(const Transfer& transfer);
+    Answer GetEndpointStatus(const Transfer& transfer);
+    Answer ChangeDeviceFeature(const Transfer& transfer);
+    Answer ChangeEndpointFeature(const Transfer& transfer);
+    Answer SetAddress(const Transfer& transfer);
+    Answer GetDescriptor(const Transfer& transfer);
+    Answer GetConfiguration(const Transfer& transfer);
+    Answer SetConfiguration(const Transfer& transfer);
+    Answer GetInterface(const Transfer& transfer);
+    Answer SetInterface(const Transfer& transfer);
+    Answer CommFeature(const Transfer& transfer);
+    Answer SetLineCoding(const Transfer& transfer);
+    Answer GetLineCoding(const Transfer& transfer);
+    Answer SetControlLineState(const Transfer& transfer);
+    Answer SendBreak(const Transfer& transfer);
     bool HasInterface(std::uint16_t wIndex) const;
     void ReportSerialState();
 

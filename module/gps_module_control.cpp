@@ -59,10 +59,10 @@ struct GpsModule::ControlEntry {
     std::uint8_t bmRequestType;
     std::uint8_t bRequest;
     int wLength; // what the request must have
-    Answer (GpsModule::*handle)(const SetupPacket&, std::span<const std::uint8_t>);
+    Answer (GpsModule::*handle)(const Transfer&);
 };
 
-GpsModule::Answer GpsModule::Dispatch(const SetupPacket& setup, std::span<const std::uint8_t> out)
+GpsModule::Answer GpsModule::Dispatch(const Transfer& transfer)
 {
     static constexpr ControlEntry kTable[] = {
         {kDeviceIn, kGetStatus, kAnyLength, &GpsModule::GetDeviceStatus},
@@ -86,16 +86,16 @@ GpsModule::Answer GpsModule::Dispatch(const SetupPacket& setup, std::span<const 
         {kClassOut, kSetControlLineState, 0, &GpsModule::SetControlLineState},
         {kClassOut, kSendBreak, 0, &GpsModule::SendBreak},
     };
-    const bool is_class = setup.bmRequestType == kClassOut || setup.bmRequestType == kClassIn;
-    if (is_class && (configuration_ == 0 || setup.wIndex != options_.function.comm_interface)) {
+    const bool is_class = transfer.bmRequestType == kClassOut || transfer.bmRequestType == kClassIn;
+    if (is_class && (configuration_ == 0 || transfer.wIndex != options_.function.comm_interface)) {
         return {};
     }
-    const bool in = (setup.bmRequestType & kDirectionIn) != 0;
+    const bool in = (transfer.bmRequestType & kDirectionIn) != 0;
     for (const ControlEntry& entry : kTable) {
-        if (entry.bmRequestType == setup.bmRequestType && entry.bRequest == setup.bRequest) {
-            const bool length_fits = entry.wLength == kAnyLength || entry.wLength == setup.wLength;
-            const bool data_fits = in || out.size() == setup.wLength;
-            return length_fits && data_fits ? (this->*entry.handle)(setup, out) : std::nullopt;
+        if (entry.bmRequestType == transfer.bmRequestType && entry.bRequest == transfer.bRequest) {
+            const bool length_fits = entry.wLength == kAnyLength || entry.wLength == transfer.wLength;
+            const bool data_fits = in || transfer.out.size() == transfer.wLength;
+            return length_fits && data_fits ? (this->*entry.handle)(transfer) : std::nullopt;
         }
     }
     return {};
@@ -107,73 +107,67 @@ bool GpsModule::HasInterface(std::uint16_t wIndex) const
            (wIndex == options_.function.comm_interface || wIndex == options_.function.data_interface);
 }
 
-GpsModule::Answer GpsModule::GetDeviceStatus(const SetupPacket& /*setup*/,
-                                             std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetDeviceStatus(const Transfer& /*transfer*/)
 {
     const int status = (options_.function.self_powered ? 1 : 0) | (remote_wakeup_ ? 2 : 0);
     return Bytes{static_cast<std::uint8_t>(status), 0};
 }
 
-GpsModule::Answer GpsModule::GetInterfaceStatus(const SetupPacket& setup,
-                                                std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetInterfaceStatus(const Transfer& transfer)
 {
-    return HasInterface(setup.wIndex) ? Answer(Bytes{0, 0}) : std::nullopt;
+    return HasInterface(transfer.wIndex) ? Answer(Bytes{0, 0}) : std::nullopt;
 }
 
-GpsModule::Answer GpsModule::GetEndpointStatus(const SetupPacket& setup,
-                                               std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetEndpointStatus(const Transfer& transfer)
 {
-    const std::optional<Pipe> pipe = PipeOf(setup.wIndex);
+    const std::optional<Pipe> pipe = PipeOf(transfer.wIndex);
     if (!pipe) {
         return {};
     }
     return Bytes{static_cast<std::uint8_t>(Halted(*pipe) ? 1 : 0), 0};
 }
 
-GpsModule::Answer GpsModule::ChangeDeviceFeature(const SetupPacket& setup,
-                                                 std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::ChangeDeviceFeature(const Transfer& transfer)
 {
-    if (setup.wValue != kDeviceRemoteWakeup || setup.wIndex != 0 || !options_.function.remote_wakeup) {
+    if (transfer.wValue != kDeviceRemoteWakeup || transfer.wIndex != 0 || !options_.function.remote_wakeup) {
         return {};
     }
-    remote_wakeup_ = setup.bRequest == kSetFeature;
+    remote_wakeup_ = transfer.bRequest == kSetFeature;
     return Bytes{};
 }
 
-GpsModule::Answer GpsModule::ChangeEndpointFeature(const SetupPacket& setup,
-                                                   std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::ChangeEndpointFeature(const Transfer& transfer)
 {
-    const std::optional<Pipe> pipe = PipeOf(setup.wIndex);
-    if (setup.wValue != kEndpointHalt || !pipe) {
+    const std::optional<Pipe> pipe = PipeOf(transfer.wIndex);
+    if (transfer.wValue != kEndpointHalt || !pipe) {
         return {};
     }
-    Halted(*pipe) = setup.bRequest == kSetFeature && pipe != Pipe::Control;
+    Halted(*pipe) = transfer.bRequest == kSetFeature && pipe != Pipe::Control;
     return Bytes{};
 }
 
-GpsModule::Answer GpsModule::SetAddress(const SetupPacket& setup, std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::SetAddress(const Transfer& transfer)
 {
-    return setup.wValue <= kHighestAddress && setup.wIndex == 0 ? Answer(Bytes{}) : std::nullopt;
+    return transfer.wValue <= kHighestAddress && transfer.wIndex == 0 ? Answer(Bytes{}) : std::nullopt;
 }
 
-GpsModule::Answer GpsModule::GetDescriptor(const SetupPacket& setup, std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetDescriptor(const Transfer& transfer)
 {
-    return descriptors_.Find(static_cast<std::uint8_t>(setup.wValue >> 8),
-                             static_cast<std::uint8_t>(setup.wValue), setup.wIndex);
+    return descriptors_.Find(static_cast<std::uint8_t>(transfer.wValue >> 8),
+                             static_cast<std::uint8_t>(transfer.wValue), transfer.wIndex);
 }
 
-GpsModule::Answer GpsModule::GetConfiguration(const SetupPacket& /*setup*/,
-                                              std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetConfiguration(const Transfer& /*transfer*/)
 {
     return Bytes{configuration_};
 }
 
-GpsModule::Answer GpsModule::SetConfiguration(const SetupPacket& setup, std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::SetConfiguration(const Transfer& transfer)
 {
-    if (setup.wValue != 0 && setup.wValue != kConfigurationValue) {
+    if (transfer.wValue != 0 && transfer.wValue != kConfigurationValue) {
         return {};
     }
-    configuration_ = static_cast<std::uint8_t>(setup.wValue);
+    configuration_ = static_cast<std::uint8_t>(transfer.wValue);
     halted_.fill(false);
     if (configuration_ == 0) {
         dtr_ = rts_ = false;
@@ -185,17 +179,17 @@ GpsModule::Answer GpsModule::SetConfiguration(const SetupPacket& setup, std::spa
     return Bytes{};
 }
 
-GpsModule::Answer GpsModule::GetInterface(const SetupPacket& setup, std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetInterface(const Transfer& transfer)
 {
-    return HasInterface(setup.wIndex) ? Answer(Bytes{0}) : std::nullopt;
+    return HasInterface(transfer.wIndex) ? Answer(Bytes{0}) : std::nullopt;
 }
 
-GpsModule::Answer GpsModule::SetInterface(const SetupPacket& setup, std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::SetInterface(const Transfer& transfer)
 {
-    if (!HasInterface(setup.wIndex) || setup.wValue != 0) {
+    if (!HasInterface(transfer.wIndex) || transfer.wValue != 0) {
         return {};
     }
-    if (setup.wIndex == options_.function.comm_interface) {
+    if (transfer.wIndex == options_.function.comm_interface) {
         Halted(Pipe::InterruptIn) = false;
     } else {
         Halted(Pipe::BulkIn) = Halted(Pipe::BulkOut) = false;
@@ -204,47 +198,46 @@ GpsModule::Answer GpsModule::SetInterface(const SetupPacket& setup, std::span<co
 }
 
 // SET, GET and CLEAR of ABSTRACT_STATE. The other feature, COUNTRY_SETTING, this module does not have.
-GpsModule::Answer GpsModule::CommFeature(const SetupPacket& setup, std::span<const std::uint8_t> out)
+GpsModule::Answer GpsModule::CommFeature(const Transfer& transfer)
 {
-    if (setup.wValue != kAbstractState) {
+    if (transfer.wValue != kAbstractState) {
         return {};
     }
-    if (setup.bRequest == kGetCommFeature) {
+    if (transfer.bRequest == kGetCommFeature) {
         return Bytes{static_cast<std::uint8_t>(abstract_state_),
                      static_cast<std::uint8_t>(abstract_state_ >> 8)};
     }
-    abstract_state_ = setup.bRequest == kSetCommFeature ? static_cast<std::uint16_t>(out[0] | out[1] << 8)
-                                                        : std::uint16_t{0};
+    abstract_state_ = transfer.bRequest == kSetCommFeature
+                          ? static_cast<std::uint16_t>(transfer.out[0] | transfer.out[1] << 8)
+                          : std::uint16_t{0};
     poked_ = true; // what waited while idle may move now
     UpdateFlow();
     return Bytes{};
 }
 
-GpsModule::Answer GpsModule::SetLineCoding(const SetupPacket& /*setup*/, std::span<const std::uint8_t> out)
+GpsModule::Answer GpsModule::SetLineCoding(const Transfer& transfer)
 {
-    const std::uint8_t stop_bits = out[4];
-    const std::uint8_t parity = out[5];
-    const std::uint8_t data_bits = out[6];
+    const std::uint8_t stop_bits = transfer.out[4];
+    const std::uint8_t parity = transfer.out[5];
+    const std::uint8_t data_bits = transfer.out[6];
     const bool data_bits_fit = (data_bits >= 5 && data_bits <= 8) || data_bits == 16;
     if (stop_bits > 2 || parity > 4 || !data_bits_fit) {
         return {};
     }
-    std::ranges::copy(out, line_coding_.begin());
+    std::ranges::copy(transfer.out, line_coding_.begin());
     return Bytes{};
 }
 
-GpsModule::Answer GpsModule::GetLineCoding(const SetupPacket& /*setup*/,
-                                           std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::GetLineCoding(const Transfer& /*transfer*/)
 {
     return Bytes(line_coding_.begin(), line_coding_.end());
 }
 
-GpsModule::Answer GpsModule::SetControlLineState(const SetupPacket& setup,
-                                                 std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::SetControlLineState(const Transfer& transfer)
 {
     const bool had_dtr = dtr_;
-    dtr_ = (setup.wValue & kDtr) != 0;
-    rts_ = (setup.wValue & kRts) != 0;
+    dtr_ = (transfer.wValue & kDtr) != 0;
+    rts_ = (transfer.wValue & kRts) != 0;
     if (had_dtr && !dtr_) {
         StopOutput();
     }
@@ -254,7 +247,7 @@ GpsModule::Answer GpsModule::SetControlLineState(const SetupPacket& setup,
     return Bytes{};
 }
 
-GpsModule::Answer GpsModule::SendBreak(const SetupPacket& /*setup*/, std::span<const std::uint8_t> /*out*/)
+GpsModule::Answer GpsModule::SendBreak(const Transfer& /*transfer*/)
 {
     return Bytes{};
 }
