@@ -50,22 +50,18 @@ std::string WithOk(const std::string& information)
 
 } // namespace
 
-std::vector<AtLineReader::Line> AtLineReader::Feed(std::span<const std::uint8_t> data)
+std::vector<std::string> AtLineReader::Feed(std::span<const std::uint8_t> data)
 {
-    std::vector<Line> lines;
+    std::vector<std::string> lines;
     for (const std::uint8_t byte : data) {
         if (byte == kCarriageReturn) {
             lines.push_back(std::exchange(line_, {}));
         } else if (byte == kBackspace) {
-            if (!line_.text.empty()) {
-                line_.text.pop_back();
+            if (!line_.empty()) {
+                line_.pop_back();
             }
-        } else if (byte < kFirstPrintable) {
-            continue;
-        } else if (line_.text.size() == kMaxLine) {
-            line_.too_long = true;
-        } else {
-            line_.text.push_back(static_cast<char>(byte));
+        } else if (byte >= kFirstPrintable && line_.size() < kMaxLine) {
+            line_.push_back(static_cast<char>(byte));
         }
     }
     return lines;

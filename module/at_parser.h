@@ -14,20 +14,15 @@ namespace module {
 // backspace takes the last character back.
 class AtLineReader {
   public:
-    // A longer line is cut to this many characters and marked so.
+    // A longer line is cut to this many characters: no command is as long.
     static constexpr std::size_t kMaxLine = 256;
 
-    struct Line {
-        std::string text; // without the CR
-        bool too_long = false;
-    };
-
-    // The lines that `data` completes.
-    std::vector<Line> Feed(std::span<const std::uint8_t> data);
-    void Clear() { line_ = {}; }
+    // The lines that `data` completes, without their CR.
+    std::vector<std::string> Feed(std::span<const std::uint8_t> data);
+    void Clear() { line_.clear(); }
 
   private:
-    Line line_;
+    std::string line_;
 };
 
 struct AtIdentity {

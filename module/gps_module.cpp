@@ -164,7 +164,7 @@ Handshake GpsModule::Out(std::uint8_t endpoint, std::span<const std::uint8_t> da
         return *handshake;
     }
     counters_.bytes_received += data.size();
-    for (AtLineReader::Line& line : lines_.Feed(data)) {
+    for (std::string& line : lines_.Feed(data)) {
         AcceptLine(std::move(line));
     }
     return Handshake::Ack;
@@ -197,22 +197,22 @@ Packet GpsModule::In(std::uint8_t endpoint)
     return packet;
 }
 
-void GpsModule::AcceptLine(AtLineReader::Line line)
+void GpsModule::AcceptLine(std::string line)
 {
-    if (!AtInterpreter::IsCommand(line.text)) {
+    if (!AtInterpreter::IsCommand(line)) {
         return;
     }
     ++counters_.at_command_count;
-    Remember(counters_.at_commands, line.text);
+    Remember(counters_.at_commands, line);
     if (interpreter_.echo()) {
-        bulk_.Push(ToBytes(line.text + "\r"), OutputFifo::Kind::Answer);
+        bulk_.Push(ToBytes(line + "\r"), OutputFifo::Kind::Answer);
     }
     poked_ = true;
     const std::optional<AnswerFault> fault = faults_.OnCommand();
     if ((fault && fault->kind == AnswerFault::Kind::Nothing) || commands_.size() == kMostPendingCommands) {
         return;
     }
-    PendingCommand command{std::move(line.text), line.too_long, fault, {}};
+    PendingCommand command{std::move(line), fault, {}};
     const bool late = fault && fault->kind == AnswerFault::Kind::Late;
     if (late || !commands_.empty()) { // answers keep the order of the commands
         commands_.push_back(std::move(command));
@@ -228,7 +228,7 @@ void GpsModule::RunCommand(const PendingCommand& command)
     const auto is = [&fault](Kind kind) { return fault && fault->kind == kind; };
 
     AtAnswer answer{std::string(kAtError)};
-    if (!command.too_long && !is(Kind::Error)) {
+    if (!is(Kind::Error)) {
         answer = interpreter_.Execute(command.text);
     }
     Bytes bytes = ToBytes(answer.text);

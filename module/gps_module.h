@@ -97,7 +97,6 @@ class GpsModule : public Device {
   private:
     struct PendingCommand {
         std::string text;
-        bool too_long = false;
         std::optional<AnswerFault> fault;
         std::optional<Time> due; // set once the module knows the time
     };
@@ -134,7 +133,7 @@ class GpsModule : public Device {
     std::optional<Handshake> Inject(std::optional<PacketFault::Kind> fault, Pipe pipe);
     void Distort(Bytes& data, std::optional<PacketFault::Kind> fault, std::size_t longest);
     void Log(const SetupPacket& setup, std::span<const std::uint8_t> out, Handshake answer);
-    void AcceptLine(AtLineReader::Line line);
+    void AcceptLine(std::string line);
     void RunCommand(const PendingCommand& command);
     void RunDueCommands();
     void StopOutput();
