@@ -189,10 +189,15 @@ Packet GpsModule::In(std::uint8_t endpoint)
     if (const auto handshake = Inject(fault, *pipe)) {
         return {*handshake, {}};
     }
+    const bool sentences = fifo.NextKind() == OutputFifo::Kind::Sentences;
     Packet packet{Handshake::Ack, *fifo.NextPacket()};
-    Distort(packet.data, fault, bulk ? BulkPacketSize(options_.function.speed) : kInterruptPacketSize);
+    const std::size_t longest = bulk ? BulkPacketSize(options_.function.speed) : kInterruptPacketSize;
+    const bool last = packet.data.size() < longest;
+    Distort(packet.data, fault, longest);
     if (bulk) {
         counters_.bytes_sent += packet.data.size();
+        counters_.sentence_bytes += sentences ? packet.data.size() : 0;
+        counters_.transfers_sent += last ? 1 : 0;
     }
     return packet;
 }

@@ -49,6 +49,8 @@ struct ModuleStatus {
     std::uint64_t control_count = 0;
     std::uint64_t at_command_count = 0;
     std::uint64_t bytes_sent = 0;     // on bulk-in
+    std::uint64_t sentence_bytes = 0; // and of those, sentences
+    std::uint64_t transfers_sent = 0; // on bulk-in, to their short packet
     std::uint64_t bytes_received = 0; // on bulk-out
     std::uint64_t bytes_dropped = 0;  // sentences and answers given up for want of room
     std::uint64_t bursts = 0;         // handed over by the source

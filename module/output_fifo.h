@@ -23,6 +23,8 @@ class OutputFifo {
     // Drops `transfer` itself when no room can be made. An empty transfer is nothing to send.
     void Push(Bytes transfer, Kind kind);
     std::optional<Bytes> NextPacket();
+    // What the next packet is of; only while there is one.
+    Kind NextKind() const { return transfers_.front().kind; }
     void Clear();
 
     bool empty() const { return transfers_.empty(); }

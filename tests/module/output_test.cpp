@@ -76,7 +76,9 @@ TEST(Output, AHostThatDoesNotReadFindsTheFreshest)
     EXPECT_EQ(kept.back().substr(7, 9), "005950.00") << "the hour is over";
     const ModuleStatus status = host->gps.Look();
     EXPECT_GT(status.bytes_dropped, 100'000U);
+    EXPECT_EQ(status.sentence_bytes, size);
     EXPECT_EQ(status.bytes_sent, size + 13 - 1 + 6) << "and the echo, and the OK";
+    EXPECT_EQ(status.transfers_sent, kept.size() + 2);
 }
 
 TEST(Output, AtEitherSpeedABurstArrivesWhole)
