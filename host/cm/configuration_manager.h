@@ -1,0 +1,40 @@
+// The registry of the running kernel.
+#pragma once
+
+#include "cm/registry.h"
+#include "io/handle_table.h"
+#include "ke/kernel.h"
+
+#include <ntdef.h>
+#include <utility>
+
+namespace host {
+
+class ConfigurationManager : public Component {
+  public:
+    using Component::Component;
+
+    static ConfigurationManager& Current() { return Kernel::Current().Get<ConfigurationManager>(); }
+
+    CmRegistry& Registry() { return registry_; }
+
+  private:
+    CmRegistry registry_;
+};
+
+// An open key, as a handle refers to it.
+class CmKeyHandle : public ObHandleBody {
+  public:
+    explicit CmKeyHandle(CmKeyPtr opened) : key(std::move(opened)) {}
+    std::string Describe() const override;
+
+    const CmKeyPtr key;
+};
+
+// Opens `path`, making the last keys of it when they are missing and `create` is set.
+NTSTATUS CmpOpenKeyHandle(std::u16string_view path, bool create, HANDLE* handle);
+
+// True when a registry routine is to fail now; `status` says with what.
+bool CmpFaultHit(const char* routine, NTSTATUS* status);
+
+} // namespace host

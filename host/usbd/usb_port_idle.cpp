@@ -1,0 +1,206 @@
+// Requests that wait for the device: the idle notification, and wait-wake.
+#include "usbd/port_lock.h"
+#include "usbd/usb_port.h"
+
+#include "usbd/hub.h"
+
+#include <utility>
+
+namespace host {
+namespace {
+
+VOID NTAPI CancelWaiterRoutine(PDEVICE_OBJECT device, PIRP irp)
+{
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    UsbPort* port = UsbPortOf(device);
+    const bool power = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
+    port->ForgetWaiter(irp);
+    irp->IoStatus.Status = STATUS_CANCELLED;
+    irp->IoStatus.Information = 0;
+    if (power)
+        PoStartNextPowerIrp(irp);
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+}
+
+NTSTATUS Refuse(PIRP irp, NTSTATUS status, bool power)
+{
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = 0;
+    if (power)
+        PoStartNextPowerIrp(irp);
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+} // namespace
+
+// The slot keeps a request until its device, its driver or its canceller ends it. False: it was cancelled
+// before it came, and is nobody's but the caller's.
+bool UsbPort::KeepWaiter(PIRP irp, PIRP& slot)
+{
+    const PortLock lock(lock_);
+    slot = irp;
+    IoSetCancelRoutine(irp, CancelWaiterRoutine);
+    if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr) {
+        slot = nullptr;
+        return false;
+    }
+    return true;
+}
+
+void UsbPort::ForgetWaiter(PIRP irp)
+{
+    const PortLock lock(lock_);
+    if (idle_irp_ == irp)
+        idle_irp_ = nullptr;
+    if (wake_irp_ == irp)
+        wake_irp_ = nullptr;
+}
+
+void UsbPort::CompleteWaiter(PIRP& slot, NTSTATUS status, bool power)
+{
+    PIRP irp = nullptr;
+    {
+        const PortLock lock(lock_);
+        irp = slot;
+        // Without a cancel routine to take, the canceller has it and will forget it.
+        if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr)
+            return;
+        slot = nullptr;
+    }
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = 0;
+    if (power)
+        PoStartNextPowerIrp(irp);
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+}
+
+NTSTATUS UsbPort::WaitWake(PIRP irp)
+{
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        const PortLock lock(lock_);
+        if (!remote_wake_)
+            status = STATUS_NOT_SUPPORTED;
+        else if (gone_)
+            status = STATUS_DEVICE_NOT_CONNECTED;
+        else if (wake_irp_ != nullptr)
+            status = STATUS_DEVICE_BUSY;
+    }
+    if (!NT_SUCCESS(status))
+        return Refuse(irp, status, true);
+    IoMarkIrpPending(irp);
+    if (!KeepWaiter(irp, wake_irp_))
+        Refuse(irp, STATUS_CANCELLED, true);
+    return STATUS_PENDING;
+}
+
+NTSTATUS UsbPort::CheckIdle()
+{
+    const PortLock lock(lock_);
+    if (gone_)
+        return STATUS_DEVICE_NOT_CONNECTED;
+    if (!options_.supports_idle)
+        return STATUS_NOT_SUPPORTED;
+    if (power_ != PowerDeviceD0) {
+        VfReport(Rule::IdleNotInD0, "idle", "the device is in D" + std::to_string(power_ - PowerDeviceD0));
+        return STATUS_POWER_STATE_INVALID;
+    }
+    if (idle_irp_ != nullptr) {
+        VfReport(Rule::IdleRequestTwice, "idle", "the device has an idle request outstanding");
+        return STATUS_DEVICE_BUSY;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS UsbPort::SubmitIdle(PIRP irp)
+{
+    const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    const auto* callback =
+        static_cast<PUSB_IDLE_CALLBACK_INFO>(location->Parameters.DeviceIoControl.Type3InputBuffer);
+    const bool usable = callback != nullptr && callback->IdleCallback != nullptr &&
+                        location->Parameters.DeviceIoControl.InputBufferLength >= sizeof *callback;
+    const NTSTATUS status = usable ? CheckIdle() : STATUS_INVALID_PARAMETER;
+    if (!NT_SUCCESS(status))
+        return Refuse(irp, status, false);
+    IoMarkIrpPending(irp);
+    {
+        const PortLock lock(lock_);
+        idle_callback_ = *callback;
+        idle_called_ = false;
+    }
+    if (!KeepWaiter(irp, idle_irp_))
+        Refuse(irp, STATUS_CANCELLED, false);
+    else
+        StartIdle();
+    return STATUS_PENDING;
+}
+
+void UsbPort::AllowIdle(bool allow)
+{
+    {
+        const PortLock lock(lock_);
+        idle_allowed_ = allow;
+    }
+    StartIdle();
+}
+
+bool UsbPort::IdleRequested()
+{
+    const PortLock lock(lock_);
+    return idle_irp_ != nullptr;
+}
+
+// Calls the driver back when it has asked and the hub lets it. The call comes from the hub's thread.
+void UsbPort::StartIdle()
+{
+    const PortLock lock(lock_);
+    if (!idle_allowed_ || idle_irp_ == nullptr || idle_called_ || gone_)
+        return;
+    bus_.HubThread().Post([self = shared_from_this()] { self->CallIdleRoutine(); });
+}
+
+void UsbPort::CallIdleRoutine()
+{
+    USB_IDLE_CALLBACK_INFO callback{};
+    {
+        const PortLock lock(lock_);
+        if (!idle_allowed_ || idle_irp_ == nullptr || idle_called_ || gone_)
+            return;
+        idle_called_ = true;
+        callback = idle_callback_;
+    }
+    Kernel::Current().Log().Begin("usb", "idle callback");
+    const CallbackState before = VfEnterCallback();
+    callback.IdleCallback(callback.IdleContext);
+    VfLeaveCallback(before, "idle callback", reinterpret_cast<const void*>(callback.IdleCallback));
+    Kernel::Current().Log().End("usb", "idle callback");
+    bool still_up = false;
+    {
+        const PortLock lock(lock_);
+        still_up = power_ == PowerDeviceD0 && idle_irp_ != nullptr && !gone_;
+    }
+    if (still_up)
+        VfReport(Rule::IdleNotPoweredDown, "idle callback", "the device is still in D0");
+}
+
+// A suspended device that wants attention ends both kinds of waiting.
+void UsbPort::CheckWaiters()
+{
+    bool resume = false;
+    bool lost = false;
+    {
+        const PortLock lock(lock_);
+        lost = gone_;
+        resume = !gone_ && power_ != PowerDeviceD0 && device_->WantsResume();
+    }
+    if (lost) {
+        CompleteWaiter(idle_irp_, STATUS_DEVICE_NOT_CONNECTED, false);
+        CompleteWaiter(wake_irp_, STATUS_DEVICE_NOT_CONNECTED, true);
+    } else if (resume) {
+        CompleteWaiter(wake_irp_, STATUS_SUCCESS, true);
+        CompleteWaiter(idle_irp_, STATUS_SUCCESS, false);
+    }
+}
+
+} // namespace host
