@@ -58,16 +58,14 @@ class EventLog {
     std::uint64_t IdOf(const void* object);
     void Forget(const void* object);
 
-    // A decision of the scheduler enters the hash without becoming an event.
-    void Mix(std::uint64_t value);
-    // Equal for two runs that made the same decisions and logged the same events.
+    // Equal for two runs that logged the same events at the same times.
     std::uint64_t Hash() const;
 
     // Whether events are kept; callers need not build details when not.
     bool Keeping() const { return keep_; }
     std::vector<Event> Events() const;
 
-    // One line per event, one column per actor.
+    // One line per event, one column per actor, details at the end.
     void WriteText(std::ostream& out) const;
     // The JSON of Chrome's trace viewer and Perfetto.
     void WriteJson(std::ostream& out) const;

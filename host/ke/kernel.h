@@ -167,6 +167,7 @@ class Kernel {
     Impl& impl() { return *impl_; }
 
   private:
+    void Shutdown(bool judge);
     static std::size_t NewComponentSlot();
     Component* FindComponent(std::size_t slot) const;
     Component* AddComponent(std::size_t slot, std::unique_ptr<Component> (*make)(Kernel&));

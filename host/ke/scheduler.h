@@ -4,10 +4,13 @@
 // operating system's own scheduling and clock).
 #pragma once
 
+#include "ke/strategy.h"
 #include "ke/time.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <string>
 
 namespace host {
 
@@ -45,8 +48,14 @@ class Scheduler {
   public:
     virtual ~Scheduler() = default;
 
-    // Makes a new thread ready to run its body.
-    virtual void Start(Thread& thread) = 0;
+    // Makes the calling operating-system thread the running kernel thread, and undoes that.
+    virtual void Adopt(Thread& thread) = 0;
+    virtual void Release(Thread& thread) = 0;
+
+    // Makes a new thread ready to run `entry`, whose last act is Finish.
+    virtual void Start(Thread& thread, std::function<void()> entry) = 0;
+    // The calling thread runs no more: others do.
+    virtual void Finish(Thread& thread) = 0;
 
     // Blocks the calling thread until Wake or until `deadline` (interrupt time; kForever for none). A Wake
     // that came first is remembered, and may be spurious: callers test their condition in a loop. False:
@@ -54,7 +63,7 @@ class Scheduler {
     virtual bool Block(const WaitReason& reason, Time deadline) = 0;
     virtual void Wake(Thread& thread) = 0;
 
-    // Changes the deadline of a thread that is blocked; ignored when it is not.
+    // Changes the deadline of a thread that is blocked, or wakes it so that it can do so itself.
     virtual void SetDeadline(Thread& thread, Time deadline) = 0;
 
     virtual void Yield(YieldPoint point) = 0;
@@ -64,6 +73,14 @@ class Scheduler {
 
     // Interrupt time: 100-ns units since the kernel started.
     virtual Time Now() const = 0;
+
+    // The run cannot go on: every thread is unwound by SimulationStopped, the caller's main last. Only a
+    // simulated scheduler can; Stopping says whether it is at it.
+    [[noreturn]] virtual void Stop(const std::string& why) = 0;
+    virtual bool Stopping() const = 0;
+
+    // Choices made so far, for a replay.
+    virtual Schedule Recorded() const = 0;
 
     // Scheduling points passed so far.
     virtual std::uint64_t Step() const = 0;

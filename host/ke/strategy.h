@@ -28,7 +28,7 @@ class Strategy {
     virtual std::size_t PickNext(const Choice& choice) = 0;
 };
 
-// The answers of PickNext in order, as a short text: "0x41 2 0x7 1".
+// The answers of PickNext in order; as a text "0x41 2 0x7 1": an index, and how often in a row.
 using Schedule = std::vector<std::uint32_t>;
 std::string FormatSchedule(const Schedule& schedule);
 // Throws std::invalid_argument when the text is not of that form.

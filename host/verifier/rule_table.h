@@ -16,7 +16,7 @@
     R(PoolFreeQueuedDpc,        0xC7, 0x01,   "freed memory holds a queued DPC")                                      \
     R(PoolFreeHeldLock,         0xC4, 0x16,   "freed memory holds a lock that is held")                               \
     R(PoolFreeWaitedObject,     0xC4, 0x17,   "freed memory holds an object that a thread waits for")                 \
-    R(PoolFreeActiveWorkItem,   0xC4, 0x130,  "freed memory holds a work item that is queued")                        \
+    R(PoolFreeSystemObject,     0xC4, 0x105,  "a driver freed an object of the system as if it were plain pool")      \
     R(PoolOverrun,              0xC4, 0x51,   "the bytes after a pool block were overwritten")                        \
     R(PoolUnderrun,             0xC1, 0x23,   "the bytes before a pool block were overwritten")                       \
     R(PoolWrongTag,             0xC2, 0x0A,   "a pool block was freed with another tag")                              \
@@ -25,7 +25,6 @@
     R(PoolUseAfterFree,         0xCC, 0x00,   "a pool block was used after it had been freed")                        \
     R(PoolAccessBeyondBlock,    0xCD, 0x00,   "memory beyond a pool block was used")                                  \
     R(PagedAccessAtDispatch,    0x0A, 0x02,   "paged memory was touched at DISPATCH_LEVEL")                           \
-    R(UnSafeAllocatePool,       0xC4, 0x2001, "a pool routine without a tag was used")                                \
     /* IRQL */                                                                                                        \
     R(IrqlKeRaise,              0xC4, 0x30,   "IRQL was raised to a lower level")                                     \
     R(IrqlKeLower,              0xC4, 0x31,   "IRQL was lowered to a higher level")                                   \
@@ -54,13 +53,15 @@
     R(FastMutexUninitialized,   0xC4, 0x1012, "a fast mutex was used before it was initialised")                      \
     R(LockHeldAtReturn,         0xC4, 0x1020, "a callback or thread ended with a lock held")                          \
     /* Objects */                                                                                                     \
-    R(ObjectUninitialized,      0xC4, 0x123,  "a dispatcher object was used before it was initialised")               \
+    R(WaitUserModeOnStack,      0xC4, 0x123,  "a UserMode wait is for an object on the thread's stack")                 \
+    R(ObjectUninitialized,      0xC7, 0x03,   "a dispatcher object was used before it was initialised")               \
     R(ObjectReinitialized,      0xC7, 0x02,   "an object in use was initialised again")                               \
     R(DispatcherInPagedPool,    0x0A, 0x03,   "a dispatcher object lies in paged memory")                             \
     R(TimerAlive,               0xC7, 0x00,   "a timer is still armed")                                               \
     R(DpcAlive,                 0xC7, 0x01,   "a DPC is still queued or running")                                     \
     R(WorkItemAlive,            0xCE, 0x00,   "a work item is still queued or running")                               \
     R(WorkItemLeak,             0xC4, 0x62,   "a work item was not freed")                                            \
+    R(WorkItemUnknown,          0xC4, 0x132,  "a routine was given something that is no work item")                     \
     R(WorkItemFreedQueued,      0xC4, 0x131,  "a work item was freed or queued again while queued")                   \
     R(ThreadAlive,              0xCE, 0x01,   "a system thread still runs")                                           \
     R(DpcWatchdog,              0x133, 0x00,  "a DPC took longer than the watchdog allows")                           \
@@ -69,6 +70,7 @@
     /* Runs */                                                                                                        \
     R(Deadlock,                 0xC4, 0x1001, "no thread can run")                                                    \
     R(Livelock,                 0x133, 0x01,  "the run takes more steps than it may")                                 \
+    R(ReplayDiverged,           0x00, 0x01,   "the schedule to replay is of another run")                              \
     R(BugCheck,                 0x00, 0x00,   "KeBugCheckEx was called")                                              \
     R(UnhandledException,       0x1E, 0x00,   "an exception left a kernel thread")
 // clang-format on

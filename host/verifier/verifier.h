@@ -86,7 +86,9 @@ class Verifier {
     std::vector<Finding> TakeFindings();
 
   private:
-    bool Excusable(const Finding& finding);
+    Finding Describe(Rule rule, std::string detail, std::string text, const void* caller) const;
+    bool TakeIfExcused(const Finding& finding);
+    [[noreturn]] void PrintAndAbort(const Finding& finding) const;
 
     Kernel& kernel_;
     const bool enabled_;
@@ -125,5 +127,10 @@ std::string VfDescribeLocksHeld();
 
 // What a driver must not leave behind when it is unloaded: pool, timers, DPCs, work items, system threads.
 void VfAuditUnload(std::string_view driver);
+// Between the two the driver's unload routine runs: it may not allocate any more.
+void VfBeginUnload();
+void VfEndUnload();
+// Spawned threads and work items that have not ended although the kernel goes away.
+void VfAuditThreads(Kernel& kernel);
 
 } // namespace host

@@ -1,0 +1,25 @@
+#include "ke/object_checks.h"
+
+#include "ke/kernel_impl.h"
+
+#include <string>
+
+namespace host {
+
+void KiRequireInitialized(DISPATCHER_HEADER& header, const char* routine, const void* caller)
+{
+    if (header.WaitListHead.Flink != nullptr)
+        return;
+    VfReport(Rule::ObjectUninitialized, routine,
+             std::string(routine) + " was given an object that was never initialised", caller);
+    InitializeListHead(&header.WaitListHead);
+}
+
+void KiRequireResident(const void* object, const char* routine, const void* caller)
+{
+    if (VfEnabled() && KiKernel().pool.InPagedBlock(object))
+        VfReport(Rule::DispatcherInPagedPool, routine,
+                 std::string(routine) + " was given an object in paged pool", caller);
+}
+
+} // namespace host

@@ -1,0 +1,17 @@
+// Operating-system threads, kept for reuse: a test run makes thousands of kernels with ten threads each.
+#pragma once
+
+#include <functional>
+
+namespace host {
+
+// Runs `job` on an idle or new thread and returns at once. `processor` is the one it is bound to, -1 for all
+// that the process may use. `job` must not throw.
+void OsRun(std::function<void()> job, int processor);
+
+// Binds the calling thread, as above.
+void OsBind(int processor);
+// The processor the calling thread runs on now.
+int OsCurrentProcessor();
+
+} // namespace host
