@@ -1,0 +1,97 @@
+#include "apps/clients.h"
+
+#include <chrono>
+#include <spdlog/spdlog.h>
+#include <utility>
+
+namespace app {
+namespace {
+
+// What a fresh handle finds in its ring: the empty fix sentence.
+constexpr std::uint64_t kBytesBeforeFirst = 32;
+
+void Add(ClientTotals& totals, const ClientStatus& client)
+{
+    totals.counts.read += client.counts.read;
+    totals.counts.delivered += client.counts.delivered;
+    totals.counts.written += client.counts.written;
+    totals.dropped += client.dropped;
+}
+
+} // namespace
+
+std::shared_ptr<PortClient> Clients::Open(std::string name, UniqueFd output, std::function<void()> on_end)
+{
+    const unsigned number = ++gone_.opened;
+    auto client = std::make_shared<PortClient>(io_, number, std::move(name), std::move(output));
+    try {
+        client->Open(system_.PortName(), [this, number, on_end = std::move(on_end)] {
+            const auto found = open_.find(number);
+            if (found == open_.end())
+                return;
+            Close(found->second.client);
+            on_end();
+        });
+    } catch (const OpenError& error) {
+        spdlog::warn("client {} ({}): {}", number, client->Name(), error.what());
+        return nullptr;
+    }
+    open_[number] = {client, system_.Module().Look().sentence_bytes};
+    spdlog::info("client {} ({}) has opened {}", number, client->Name(), system_.PortName());
+    return client;
+}
+
+void Clients::Close(const std::shared_ptr<PortClient>& client)
+{
+    const auto found = client != nullptr ? open_.find(client->Number()) : open_.end();
+    if (found == open_.end())
+        return;
+    const ClientStatus last = Look(found->second);
+    Add(gone_, last);
+    open_.erase(found);
+    client->Close();
+    spdlog::info("client {} ({}) has closed: {} bytes delivered, {} dropped", last.number, last.name,
+                 last.counts.delivered, last.dropped);
+}
+
+void Clients::CloseAll()
+{
+    while (!open_.empty())
+        Close(std::shared_ptr(open_.begin()->second.client));
+}
+
+// The driver does not count what a full ring drops: it is what the module has sent and neither the program
+// has got nor the ring holds. What is on its way at this moment is counted as dropped, too.
+ClientStatus Clients::Look(const Entry& entry) const
+{
+    const PortClient& client = *entry.client;
+    const std::uint64_t sent = system_.Module().Look().sentence_bytes - entry.sent_before + kBytesBeforeFirst;
+    ClientStatus status{.number = client.Number(),
+                        .name = client.Name(),
+                        .age = std::chrono::duration<double>(client.Age()).count(),
+                        .counts = client.Counts(),
+                        .queued = client.Queued(),
+                        .pending = client.Pending(),
+                        .blocked = client.Blocked()};
+    const std::uint64_t accounted = status.counts.read + status.queued;
+    status.dropped = sent > accounted ? sent - accounted : 0;
+    return status;
+}
+
+std::vector<ClientStatus> Clients::Look() const
+{
+    std::vector<ClientStatus> all;
+    for (const auto& [number, entry] : open_)
+        all.push_back(Look(entry));
+    return all;
+}
+
+ClientTotals Clients::Totals() const
+{
+    ClientTotals totals = gone_;
+    for (const ClientStatus& client : Look())
+        Add(totals, client);
+    return totals;
+}
+
+} // namespace app

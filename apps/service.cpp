@@ -1,0 +1,194 @@
+#include "apps/service.h"
+
+#include "apps/clients.h"
+#include "apps/pty.h"
+#include "apps/runtime_folder.h"
+#include "apps/status.h"
+#include "apps/summary.h"
+#include "apps/system.h"
+#include "apps/tcp_server.h"
+#include "module/nmea_generator.h"
+#include "module/nmea_replay.h"
+
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <fstream>
+#include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace app {
+namespace {
+
+std::unique_ptr<module::NmeaSource> MakeSource(const Options& options)
+{
+    if (options.rate == 0)
+        return nullptr;
+    try {
+        if (options.replay.empty())
+            return std::make_unique<module::NmeaGenerator>(options.rate.value_or(kDefaultRate));
+        return std::make_unique<module::NmeaReplay>(
+            module::NmeaReplay::FromFile(options.replay, {.rate = options.rate, .loop = true}));
+    } catch (const std::invalid_argument& error) {
+        throw UsageError(options.replay.empty() ? fmt::format("--rate: {}", error.what())
+                                                : fmt::format("{}: {}", options.replay, error.what()));
+    } catch (const std::runtime_error& error) {
+        throw UsageError(error.what());
+    }
+}
+
+SystemOptions MakeSystemOptions(const Options& options)
+{
+    SystemOptions system;
+    system.kernel.mode = host::Mode::Live;
+    system.kernel.policy = host::Policy::Record;
+    system.kernel.guard_pages = false; // a page for each lost work item is too much in a long run
+    system.kernel.keep_events = !options.trace.empty();
+    system.kernel.echo_debug_prints = options.log_level <= spdlog::level::debug;
+    system.registry_file = options.registry;
+    system.port_name = options.port.value_or(kDefaultPort);
+    system.rename = options.port.has_value();
+    system.source = MakeSource(options);
+    return system;
+}
+
+std::unique_ptr<System> MakeSystem(const Options& options)
+{
+    try {
+        return std::make_unique<System>(MakeSystemOptions(options));
+    } catch (const RegistryError& error) {
+        throw UsageError(fmt::format("{}: {}", options.registry, error.what()));
+    }
+}
+
+// Our own descriptor for standard output, one that does not block; other programs may share the terminal.
+UniqueFd OpenOutput()
+{
+    struct stat info {};
+    if (::fstat(STDOUT_FILENO, &info) == 0 && (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode))) {
+        const int own = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (own >= 0)
+            return UniqueFd(own);
+    }
+    return UniqueFd(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+}
+
+// What is found now costs nobody a run.
+void CheckWritable(const std::string& file)
+{
+    if (!file.empty() && !std::ofstream(file, std::ios::app))
+        throw UsageError(fmt::format("cannot write {}", file));
+}
+
+class Service {
+  public:
+    explicit Service(const Options& options);
+    int Run();
+
+  private:
+    std::string Table() { return FormatStatus(*system_, clients_); }
+    void AwaitEnd();
+    void AwaitTableSignal();
+    int Finish();
+
+    const Options& options_;
+    std::unique_ptr<System> system_;
+    asio::io_context io_{1};
+    Clients clients_;
+    TcpServer tcp_;
+    asio::signal_set end_signals_{io_, SIGINT, SIGTERM, SIGHUP};
+    asio::signal_set table_signal_{io_, SIGUSR1};
+    asio::steady_timer end_{io_};
+    std::unique_ptr<StatusServer> status_;
+    std::vector<std::unique_ptr<Pty>> ptys_;
+};
+
+Service::Service(const Options& options)
+    : options_(options), system_(MakeSystem(options)), clients_(io_, *system_),
+      tcp_(io_, clients_, options.tcp)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    CheckWritable(options.trace);
+    const std::string folder = MakeRuntimeFolder();
+    system_->Plug();
+    const std::string& port = system_->PortName();
+    status_ = std::make_unique<StatusServer>(io_, StatusPath(folder, port), [this] { return Table(); });
+    spdlog::info("plugged in: {}; status: {}", port, StatusPath(folder, port));
+    for (int number = 1; number <= options.ptys; ++number) {
+        ptys_.push_back(std::make_unique<Pty>(io_, clients_, fmt::format("{}/{}-{}", folder, port, number)));
+        spdlog::info("terminal {} -> {}", ptys_.back()->Link(), ptys_.back()->Device());
+    }
+    spdlog::info("tcp {}", tcp_.Address());
+}
+
+void Service::AwaitEnd()
+{
+    end_signals_.async_wait([this](const asio::error_code& error, int) {
+        if (error)
+            return;
+        asio::error_code ignored;
+        end_signals_.clear(ignored); // a second one ends the process at once
+        io_.stop();
+    });
+    if (!options_.run_for)
+        return;
+    end_.expires_after(*options_.run_for);
+    end_.async_wait([this](const asio::error_code& error) {
+        if (!error)
+            io_.stop();
+    });
+}
+
+void Service::AwaitTableSignal()
+{
+    table_signal_.async_wait([this](const asio::error_code& error, int) {
+        if (error)
+            return;
+        std::fputs(Table().c_str(), stderr);
+        AwaitTableSignal();
+    });
+}
+
+int Service::Run()
+{
+    AwaitEnd();
+    AwaitTableSignal();
+    if (!options_.quiet)
+        clients_.Open("standard output", OpenOutput(), [] { spdlog::warn("nobody reads standard output"); });
+    io_.run();
+    return Finish();
+}
+
+int Service::Finish()
+{
+    spdlog::info("unplugging");
+    system_->Unplug();
+    ptys_.clear();
+    clients_.CloseAll();
+    status_.reset();
+    const bool unloaded = system_->Unload();
+    const std::vector<host::Finding> findings = system_->Findings();
+    std::fputs(FormatSummary(clients_.Totals(), system_->Module().Look(), findings).c_str(), stderr);
+    if (!options_.registry.empty())
+        system_->SaveRegistry(options_.registry);
+    if (!options_.trace.empty())
+        system_->SaveTrace(options_.trace);
+    if (!unloaded)
+        throw std::runtime_error("the driver cannot be unloaded: its device has not gone");
+    return findings.empty() ? 0 : 1;
+}
+
+} // namespace
+
+int Serve(const Options& options)
+{
+    return Service(options).Run();
+}
+
+} // namespace app

@@ -1,0 +1,114 @@
+#include "apps/system.h"
+
+#include "cm/configuration_manager.h"
+#include "cm/reg_file.h"
+#include "io/driver.h"
+#include "usbd/usb_port.h"
+
+#include <fmt/core.h>
+#include <fstream>
+#include <utility>
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+
+namespace app {
+namespace {
+
+constexpr const char* kDriverName = "navox";
+constexpr std::u16string_view kMachine = u"\\Registry\\Machine";
+constexpr host::Time kRemovalPatience = 10 * host::kSecond;
+
+host::CmRegistry& Registry()
+{
+    return host::ConfigurationManager::Current().Registry();
+}
+
+host::KernelOptions WithExcuses(host::KernelOptions options)
+{
+    for (host::Excuse& excuse : KeptOnPurpose())
+        options.excuses.push_back(std::move(excuse));
+    return options;
+}
+
+} // namespace
+
+std::vector<host::Excuse> KeptOnPurpose()
+{
+    return {{host::Rule::WorkItemLeak, "", "the reader's work item is never freed"}};
+}
+
+System::System(SystemOptions options)
+    : kernel_(std::make_unique<host::Kernel>(WithExcuses(std::move(options.kernel)))),
+      module_(std::make_shared<module::GpsModule>(std::move(options.module), std::move(options.source)))
+{
+    if (!options.registry_file.empty()) {
+        if (const auto error = host::CmLoadRegFile(Registry(), options.registry_file))
+            throw RegistryError(error->Text());
+    }
+    const NTSTATUS status = host::IoLoadDriver(kDriverName, DriverEntry);
+    if (!NT_SUCCESS(status))
+        throw std::runtime_error(fmt::format("the driver did not load: 0x{:08x}", std::uint32_t(status)));
+
+    host::PnpManager& pnp = host::PnpManager::Current();
+    pnp.SetFunctionDriver(kDriverName);
+    pnp.SetInstaller([name = options.port_name, rename = options.rename](host::PnpNode& node) {
+        if (rename || !Registry().String(node.HardwareKey(), u"PortName"))
+            Registry().SetString(node.HardwareKey(), u"PortName", std::u16string(name.begin(), name.end()));
+    });
+}
+
+System::~System() = default;
+
+void System::Plug()
+{
+    port_ = host::UsbBus::Current().Plug(module_);
+    if (port_ == nullptr)
+        throw std::runtime_error("the module does not answer on the bus");
+    host::PnpManager& pnp = host::PnpManager::Current();
+    pnp.Settle();
+    node_ = pnp.NodeOf(port_->DeviceObject());
+    if (node_ == nullptr || node_->state != host::PnpState::Started)
+        throw std::runtime_error(fmt::format("the port did not start: the device is {}", PortState()));
+    port_name_ = Registry().String(node_->HardwareKey(), u"PortName").value_or("");
+}
+
+void System::Unplug()
+{
+    if (port_ == nullptr)
+        return;
+    host::UsbBus::Current().Unplug(std::exchange(port_, nullptr));
+    kernel_->RunUntilIdle(); // the hub notices
+    host::PnpManager::Current().Settle();
+}
+
+bool System::Unload()
+{
+    const auto unloaded = [] { return host::IoUnloadDriver(kDriverName) == STATUS_SUCCESS; };
+    return kernel_->RunUntil(unloaded, kRemovalPatience);
+}
+
+std::string System::PortState() const
+{
+    return node_ != nullptr ? host::PnpStateName(node_->state) : "absent";
+}
+
+std::vector<host::Finding> System::Findings()
+{
+    return kernel_->GetVerifier().Findings();
+}
+
+void System::SaveRegistry(const std::string& file)
+{
+    if (const auto error = host::CmSaveRegFile(Registry(), kMachine, file))
+        throw std::runtime_error(error->Text());
+}
+
+void System::SaveTrace(const std::string& file)
+{
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    kernel_->Log().WriteJson(out);
+    if (!out.flush())
+        throw std::runtime_error("cannot write the trace " + file);
+}
+
+} // namespace app

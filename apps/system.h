@@ -1,0 +1,74 @@
+// A whole machine: kernel, registry, bus, GPS module and the driver, put together in the order in which a
+// real one comes up.
+#pragma once
+
+#include "io/pnp_manager.h"
+#include "ke/kernel.h"
+#include "module/gps_module.h"
+#include "usbd/usb_bus.h"
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace app {
+
+struct SystemOptions {
+    host::KernelOptions kernel{};
+    std::string registry_file{}; // .reg to begin with; empty: an empty registry
+    // Written to the device's hardware key before the driver sees the device, where `rename` is set or the
+    // registry has none.
+    std::string port_name = "COM5";
+    bool rename = false;
+    module::GpsModuleOptions module{};
+    std::unique_ptr<module::NmeaSource> source{}; // null: a module that says nothing
+};
+
+// What the driver does on purpose against the verifier's rules.
+std::vector<host::Excuse> KeptOnPurpose();
+
+// All members are called on the thread that made it, the kernel's main, at PASSIVE_LEVEL.
+class System {
+  public:
+    // Starts the kernel, loads the registry and the driver. The driver's excuses join those in `options`.
+    // Throws RegistryError or std::runtime_error.
+    explicit System(SystemOptions options);
+    ~System();
+    System(const System&) = delete;
+    System& operator=(const System&) = delete;
+
+    // Connects the module; returns when the port has started. std::runtime_error when it has not.
+    void Plug();
+    // Pulls the module; returns when the driver has been told. Handles that are open keep the device.
+    void Unplug();
+    // Waits until the device has gone, and unloads the driver, which is then audited. False when it cannot be
+    // unloaded. Every handle must be closed.
+    [[nodiscard]] bool Unload();
+
+    host::Kernel& Kernel() { return *kernel_; }
+    module::GpsModule& Module() { return *module_; }
+    const std::string& PortName() const { return port_name_; } // as the registry has it, once plugged
+    std::string PortState() const;                             // of the device, in the PnP manager's words
+    std::vector<host::Finding> Findings();
+
+    // Throws std::runtime_error.
+    void SaveRegistry(const std::string& file);
+    void SaveTrace(const std::string& file);
+
+  private:
+    std::unique_ptr<host::Kernel> kernel_;
+    std::shared_ptr<module::GpsModule> module_;
+    host::UsbPortPtr port_;
+    host::PnpNodePtr node_;
+    std::string port_name_;
+};
+
+// The registry file cannot be used: its name, the line, and why.
+class RegistryError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+} // namespace app
