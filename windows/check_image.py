@@ -14,6 +14,8 @@ import pe_image as pe
 LIBRARIES = {"ntoskrnl.exe", "hal.dll", "usbd.sys", "wmilib.sys"}
 PAGE_SIZE = 0x1000
 CODE_SECTIONS = {".text", "INIT", "PAGE"}
+# What the compiler calls the code that sets up globals, and that nobody calls in a driver.
+CONSTRUCTOR_PREFIXES = ("_GLOBAL__sub_I", "_GLOBAL__I")
 
 
 def header_rules(image):
@@ -90,8 +92,18 @@ def version_rules(image, version):
         yield "version", f"resource says {text}, expected {'.'.join(map(str, version))}"
 
 
+def symbol_problems(data):
+    """Violations that only the symbols, kept apart from the image, can show."""
+    names = pe.Image(data).symbols()
+    if "DriverEntry" not in names:
+        yield "symbols", "no DriverEntry: not the symbols of a driver"
+    for name in names:
+        if name.startswith(CONSTRUCTOR_PREFIXES):
+            yield "constructors", f"{name} would never run"
+
+
 def problems(data, version):
-    """All violations as (rule, text)."""
+    """All violations of the image as (rule, text)."""
     try:
         image = pe.Image(data)
         found = [*header_rules(image), *section_rules(image), *directory_rules(image), *import_rules(image)]
@@ -108,12 +120,15 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("image", type=pathlib.Path)
     parser.add_argument("--version", type=parse_version, required=True, metavar="A.B.C.D")
+    parser.add_argument("--symbols", type=pathlib.Path, help="the symbols that were set apart from the image")
     arguments = parser.parse_args()
     if not arguments.image.exists():
         print(f"{arguments.image}: not built (cmake --preset windows && cmake --build --preset windows)")
         return 77
     data = arguments.image.read_bytes()
     found = problems(data, arguments.version)
+    if arguments.symbols:
+        found += symbol_problems(arguments.symbols.read_bytes())
     for rule, text in found:
         print(f"{rule}: {text}")
     if found:

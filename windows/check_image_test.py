@@ -10,6 +10,7 @@ import check_image
 import pe_image as pe
 
 IMAGE = b""
+SYMBOLS = b""
 VERSION = (7, 2, 1, 1)
 
 
@@ -129,6 +130,14 @@ class CheckImage(unittest.TestCase):
         rules = [rule for rule, _ in check_image.problems(IMAGE, (7, 2, 1, 2))]
         self.assertEqual(rules, ["version"])
 
+    def test_a_constructor_shows_in_the_symbols(self):
+        self.assertEqual(list(check_image.symbol_problems(SYMBOLS)), [])
+        prefix = check_image.CONSTRUCTOR_PREFIXES[0]
+        victim = next(name for name in pe.Image(SYMBOLS).symbols() if len(name) > len(prefix) and name != "DriverEntry")
+        broken = SYMBOLS.replace(b"\0" + victim.encode() + b"\0", f"\0{prefix}{victim[len(prefix):]}\0".encode(), 1)
+        self.assertEqual([rule for rule, _ in check_image.symbol_problems(broken)], ["constructors"])
+        self.assertEqual([rule for rule, _ in check_image.symbol_problems(IMAGE)], ["symbols"])
+
 
 if __name__ == "__main__":
     path = pathlib.Path(sys.argv.pop(1))
@@ -136,4 +145,5 @@ if __name__ == "__main__":
         print(f"{path}: not built")
         sys.exit(77)
     IMAGE = path.read_bytes()
+    SYMBOLS = path.with_name(path.name + ".debug").read_bytes()
     unittest.main(verbosity=1)

@@ -164,6 +164,20 @@ class Image:
         high, low = self.unpack("<II", fixed + 8)
         return high >> 16, high & 0xFFFF, low >> 16, low & 0xFFFF
 
+    def symbols(self):
+        """Names in the symbol table: those of the linker's own table, none in a stripped image."""
+        table, count = self.unpack("<II", self.pe + 12)
+        strings, names, i = table + 18 * count, [], 0
+        while i < count:
+            row = table + 18 * i
+            raw = bytes(self.data[row : row + 8])
+            if raw[:4] == b"\0\0\0\0":
+                start = strings + self.get("<I", row + 4)
+                raw = bytes(self.data[start : self.data.find(b"\0", start)])
+            names.append(raw.rstrip(b"\0").decode("latin-1"))
+            i += 1 + self.get("<B", row + 17)
+        return names
+
     def stored_checksum(self):
         return self.get("<I", self.optional + CHECKSUM_OFFSET)
 
