@@ -56,6 +56,8 @@ UsbPortPtr UsbBus::Plug(std::shared_ptr<module::Device> device, UsbPortOptions o
 void UsbBus::Unplug(const UsbPortPtr& port)
 {
     port->Disconnect();
+    // The PnP manager knows of it when this returns.
+    KeFlushQueuedDpcs();
 }
 
 std::vector<UsbPortPtr> UsbBus::Ports()
