@@ -106,6 +106,11 @@ void EventLog::Instant(const char* category, const char* name, std::string detai
     Add({.kind = EventKind::Instant, .category = category, .name = name, .detail = std::move(detail)});
 }
 
+void EventLog::Note(const char* category, const char* name, std::string detail)
+{
+    Add({.kind = EventKind::Instant, .category = category, .name = name, .detail = std::move(detail)}, false);
+}
+
 void EventLog::Begin(const char* category, const char* name, std::string detail)
 {
     Add({.kind = EventKind::Begin, .category = category, .name = name, .detail = std::move(detail)});
@@ -148,7 +153,7 @@ void EventLog::Counter(const char* category, const char* name, std::int64_t valu
     Add({.kind = EventKind::Counter, .category = category, .name = name, .value = value});
 }
 
-void EventLog::Add(Event event)
+void EventLog::Add(Event event, bool hash_detail)
 {
     const Scheduler& scheduler = kernel_.GetScheduler();
     const Thread* const self = KiCurrentThread();
@@ -164,7 +169,8 @@ void EventLog::Add(Event event)
     Mix(hash_, event.name);
     Mix(hash_, event.id);
     Mix(hash_, static_cast<std::uint64_t>(event.value));
-    Mix(hash_, event.detail);
+    if (hash_detail)
+        Mix(hash_, event.detail);
     if (!keep_)
         return;
     if (events_.size() == capacity_) {

@@ -47,6 +47,8 @@ class EventLog {
     EventLog(Kernel& kernel, bool keep, std::size_t capacity);
 
     void Instant(const char* category, const char* name, std::string detail = {});
+    // An instant whose detail may be anything, addresses too: it does not enter the hash.
+    void Note(const char* category, const char* name, std::string detail);
     void Begin(const char* category, const char* name, std::string detail = {});
     void End(const char* category, const char* name, std::string detail = {});
     void AsyncBegin(const char* category, const char* name, const void* object, std::string detail = {});
@@ -71,7 +73,7 @@ class EventLog {
     void WriteJson(std::ostream& out) const;
 
   private:
-    void Add(Event event);
+    void Add(Event event, bool hash_detail = true);
 
     Kernel& kernel_;
     const bool keep_;

@@ -104,6 +104,8 @@ Kernel::~Kernel()
     } catch (const SimulationStopped&) {
         // Now all other threads have been unwound.
     }
+    if (impl.options.on_end != nullptr)
+        impl.options.on_end(*this);
     {
         const MutexLock lock(impl.components_mutex);
         while (!impl.components_in_order.empty())

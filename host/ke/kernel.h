@@ -22,6 +22,8 @@ namespace host {
 enum class Mode { Simulated, Live };
 enum class StrategyKind { Fifo, Random, Pct, Replay, Custom };
 
+class Kernel;
+
 struct OsVersion {
     std::uint32_t major = 10;
     std::uint32_t minor = 0;
@@ -49,6 +51,10 @@ struct KernelOptions {
     bool verifier = true;
     Policy policy = Policy::Stop;
     std::vector<Excuse> excuses;
+    // Called for each finding that is not excused, on the thread that made it, under Policy::Record.
+    std::function<void(const Finding&)> on_finding;
+    // Called by the destructor after all audits.
+    std::function<void(const Kernel&)> on_end;
     bool guard_pages = true; // every pool block ends at an inaccessible page
 
     OsVersion os;
@@ -179,6 +185,10 @@ class Kernel {
 void SetActorName(std::string name);
 // The calling thread's name; "?" outside the kernel.
 std::string ActorName();
+
+// The process that the calling kernel thread runs for, as PsGetCurrentProcessId tells. The kernel's own threads run
+// for process 4, main and what it spawns for 1000 until this is called.
+void SetActorProcess(std::uint32_t id);
 
 // Live kernels only: registers an operating-system thread of the application for as long as the object lives.
 class AttachedThread {

@@ -11,6 +11,8 @@
 namespace host {
 namespace {
 
+constexpr ULONG kFirstProcess = 1000; // of applications
+
 thread_local Thread* t_current = nullptr;
 
 // Leaves a thread's body from wherever it is.
@@ -89,6 +91,8 @@ std::shared_ptr<Thread> ThreadTable::Add(Kernel& kernel, std::string name, Threa
     auto thread =
         std::make_shared<Thread>(kernel, static_cast<ThreadId>(threads_.size()), kind, std::move(body));
     KiInitializeHeader(thread->header, ObjectType::Thread, 0);
+    if (kind != ThreadKind::System)
+        thread->process = t_current == nullptr ? kFirstProcess : t_current->process;
     threads_.push_back(thread);
     names_.push_back(std::move(name));
     return thread;
@@ -203,6 +207,11 @@ void SetActorName(std::string name)
 {
     Thread& self = KiSelf();
     self.kernel.impl().threads.Rename(self.id, std::move(name));
+}
+
+void SetActorProcess(std::uint32_t id)
+{
+    KiSelf().process = id;
 }
 
 std::string ActorName()

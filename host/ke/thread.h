@@ -53,6 +53,10 @@ class Thread {
     NTSTATUS exit_status = 0;
     std::atomic<bool> done{false};
 
+    // Of the process that it runs for; spawned threads inherit their maker's.
+    static constexpr ULONG kSystemProcess = 4;
+    ULONG process = kSystemProcess;
+
     // Of the thread itself; others look only in a report.
     KIRQL irql = PASSIVE_LEVEL;
     int critical_regions = 0;

@@ -1,4 +1,5 @@
 // What must not be left behind.
+#include "etw/providers.h"
 #include "ex/work_item.h"
 #include "ke/kernel_impl.h"
 
@@ -86,6 +87,7 @@ void VfAuditUnload(std::string_view driver)
         VfReport(Rule::TimerAlive, "", "a timer" + WhereIs(kernel, timer) + " is armed" + when);
     for (const KDPC* const dpc : kernel.dpcs.Alive())
         VfReport(Rule::DpcAlive, "", "a DPC" + WhereIs(kernel, dpc) + " is queued or running" + when);
+    kernel.kernel.Get<EtwProviders>().AuditUnload(when);
     kernel.kernel.Get<WorkItems>().AuditUnload(when);
     kernel.pool.AuditLeaks(when);
 }

@@ -63,6 +63,7 @@
     R(WorkItemLeak,             0xC4, 0x62,   "a work item was not freed")                                            \
     R(WorkItemUnknown,          0xC4, 0x132,  "a routine was given something that is no work item")                     \
     R(WorkItemFreedQueued,      0xC4, 0x131,  "a work item was freed or queued again while queued")                   \
+    R(EtwStillRegistered,       0xC4, 0xDD,   "a provider of event tracing is still registered")                        \
     R(ThreadAlive,              0xCE, 0x01,   "a system thread still runs")                                           \
     R(DpcWatchdog,              0x133, 0x00,  "a DPC took longer than the watchdog allows")                           \
     /* Strings */                                                                                                     \

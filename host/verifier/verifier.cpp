@@ -76,9 +76,8 @@ void Verifier::Report(Rule rule, std::string detail, std::string text, const voi
         return;
     if (policy_ == Policy::Stop)
         PrintAndAbort(finding);
-    kernel_.Log().Instant("verifier", NameOf(rule), finding.detail);
-    const MutexLock lock(mutex_);
-    findings_.push_back(std::move(finding));
+    kernel_.Log().Note("verifier", NameOf(rule), finding.detail);
+    Record(std::move(finding));
 }
 
 void Verifier::ReportFatal(Rule rule, std::string detail, std::string text, const void* caller)
@@ -87,11 +86,16 @@ void Verifier::ReportFatal(Rule rule, std::string detail, std::string text, cons
     if (policy_ == Policy::Stop || !kernel_.Simulated())
         PrintAndAbort(finding);
     const std::string why = std::string(NameOf(rule)) + ": " + finding.text;
-    {
-        const MutexLock lock(mutex_);
-        findings_.push_back(std::move(finding));
-    }
+    Record(std::move(finding));
     kernel_.GetScheduler().Stop(why);
+}
+
+void Verifier::Record(Finding finding)
+{
+    if (const auto& listener = kernel_.Options().on_finding; listener != nullptr)
+        listener(finding);
+    const MutexLock lock(mutex_);
+    findings_.push_back(std::move(finding));
 }
 
 void Verifier::PrintAndAbort(const Finding& finding) const
@@ -167,12 +171,25 @@ bool VfEnabled()
 
 void VfRequireIrqlAtMost(int highest, Rule rule, const char* routine, const void* caller)
 {
-    const Thread& self = KiSelf();
-    if (self.irql > highest)
+    const Thread* const self = KiCurrentThread();
+    if (self != nullptr && self->irql > highest)
         VfReport(rule, routine,
-                 std::string(routine) + " at IRQL " + std::to_string(self.irql) + ", at most " +
+                 std::string(routine) + " at IRQL " + std::to_string(self->irql) + ", at most " +
                      std::to_string(highest) + " is allowed; " + VfDescribeLocksHeld(),
                  caller);
+}
+
+bool VfRequireString(const UNICODE_STRING* text, const char* routine, const void* caller)
+{
+    if (text->Length % sizeof(WCHAR) == 0 && text->Length <= text->MaximumLength &&
+        (text->Buffer != nullptr || text->MaximumLength == 0))
+        return true;
+    VfReport(Rule::MalformedString, routine,
+             std::string(routine) + " was given a string of length " + std::to_string(text->Length) +
+                 ", maximum " + std::to_string(text->MaximumLength) +
+                 (text->Buffer == nullptr ? ", without a buffer" : ""),
+             caller);
+    return false;
 }
 
 CallbackState VfEnterCallback()

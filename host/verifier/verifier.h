@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <ntdef.h>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -87,6 +88,7 @@ class Verifier {
 
   private:
     Finding Describe(Rule rule, std::string detail, std::string text, const void* caller) const;
+    void Record(Finding finding);
     bool TakeIfExcused(const Finding& finding);
     [[noreturn]] void PrintAndAbort(const Finding& finding) const;
 
@@ -110,6 +112,10 @@ void VfReport(Rule rule, std::string detail, std::string text, const void* calle
 bool VfEnabled();
 // IRQL of `routine` (its name) must be at most `highest`; reports `rule` if not.
 void VfRequireIrqlAtMost(int highest, Rule rule, const char* routine, const void* caller);
+
+// A counted string is well formed: even length, not beyond its maximum, a buffer unless it is empty. False and a
+// report if not.
+bool VfRequireString(const UNICODE_STRING* text, const char* routine, const void* caller);
 
 // State of the calling thread before a driver callback; VfLeaveCallback reports a changed IRQL, locks that
 // are held and were not, and a changed critical-region count.
