@@ -43,7 +43,7 @@ NTSTATUS SendClassRequest(PDEVICE_OBJECT device, UCHAR request, USHORT value, UL
 
 NTSTATUS SendCdcRequest(PDEVICE_OBJECT device, PURB urb)
 {
-    const NTSTATUS status = SendUrb(GetExtension(device), urb);
+    const NTSTATUS status = SubmitUrbOrAbort(GetExtension(device), urb);
     DbgPrint("\nStatus After submitting CDC Message is (%!STATUS!) 0x%x\n", status, status);
     return status;
 }

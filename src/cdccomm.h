@@ -3,7 +3,7 @@
 
 #include "navox.h"
 
-// The largest thing a CDC request carries, and bits of SET_CONTROL_LINE_STATE.
+// Bits of SET_CONTROL_LINE_STATE.
 inline constexpr USHORT kLineDtr = 0x0001;
 inline constexpr USHORT kLineRts = 0x0002;
 

@@ -25,11 +25,20 @@ class NAVOX_SCOPED_LOCK SpinLockGuard {
     KIRQL irql_;
 };
 
-// Holds a fast mutex. The holder runs at APC_LEVEL; the caller at PASSIVE_LEVEL.
+// Holds a fast mutex. PASSIVE_LEVEL, and so is the holder: the registry may be written under it. What the IRQL would
+// have kept out, the critical region does.
 class FastMutexGuard {
   public:
-    explicit FastMutexGuard(FAST_MUTEX* mutex) : mutex_(mutex) { ExAcquireFastMutex(mutex_); }
-    ~FastMutexGuard() { ExReleaseFastMutex(mutex_); }
+    explicit FastMutexGuard(FAST_MUTEX* mutex) : mutex_(mutex)
+    {
+        KeEnterCriticalRegion();
+        ExAcquireFastMutexUnsafe(mutex_);
+    }
+    ~FastMutexGuard()
+    {
+        ExReleaseFastMutexUnsafe(mutex_);
+        KeLeaveCriticalRegion();
+    }
     FastMutexGuard(const FastMutexGuard&) = delete;
     FastMutexGuard& operator=(const FastMutexGuard&) = delete;
 

@@ -40,6 +40,7 @@ struct DEVICE_EXTENSION {
     Racy<BOOLEAN> ReaderHalted; // the cycle must not go on
     ULONG BytesReceived;        // length of the last transfer
     KDPC ReaderDpc;
+    LONG ReaderDeferred;      // interlocked: the reader stopped for want of power and is to go on with it
     LONG ReaderCycle;         // ReaderCycleState, interlocked
     KEVENT ReaderCancelEvent; // synchronization event: the canceller of ReaderIrp is through with it
 
@@ -48,7 +49,7 @@ struct DEVICE_EXTENSION {
     PDEVICE_OBJECT PhysicalDeviceObject;
     PDEVICE_OBJECT LowerDeviceObject;
 
-    // Names (navox_pnp)
+    // Names (navox_portname)
     UNICODE_STRING InterfaceName;
     UNICODE_STRING DeviceName;
     UNICODE_STRING SpareName; // never filled
@@ -109,6 +110,7 @@ struct DEVICE_EXTENSION {
 
     // Pending-I/O accounting (navox_utils)
     ULONG OutstandingIO _Guarded_by_(StateLock); // starts at 1: the bias that removal takes away
+    ULONG IdleDebt _Guarded_by_(StateLock);      // decrements without an increment: see SubmitIdleRequest
     KEVENT StopEvent;                            // signalled while OutstandingIO <= 1
     KEVENT RemoveEvent;                          // signalled once OutstandingIO is 0
 
@@ -137,7 +139,8 @@ struct DEVICE_EXTENSION {
     FAST_MUTEX ClientListMutex;
     ULONG EnableFR;
     ULONG EnableSelectiveSuspend;
-    Racy<BOOLEAN> RemovalStarted;
+    Racy<BOOLEAN> RemovalStarted;    // for the debugger
+    Racy<BOOLEAN> RequestsCancelled; // the device is going: no request may begin to wait
     Racy<BOOLEAN> NoIdleRequests;
     LIST_ENTRY ClientList; // written under ClientListMutex and ClientListLock; either is enough to walk it
 };

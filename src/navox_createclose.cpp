@@ -141,6 +141,11 @@ NTSTATUS WriteOpenHandles(DEVICE_EXTENSION* extension, ULONG count)
 
 void CancelAllClientRequests(DEVICE_EXTENSION* extension)
 {
+    {
+        // Orders the flag before the walk: a request that was admitted before either sees it or is found below.
+        CancelLockGuard cancelLock;
+        extension->RequestsCancelled = TRUE;
+    }
     // The mutex alone keeps the clients in place, so that their requests complete under no spin lock.
     FastMutexGuard mutex(&extension->ClientListMutex);
     for (PLIST_ENTRY entry = extension->ClientList.Flink; entry != &extension->ClientList;

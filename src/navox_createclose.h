@@ -3,7 +3,7 @@
 //     no client --first open--> first client --open--> several clients
 //         ^   reader armed (1.5 s), line set up          |  |
 //         |                                     last close  close
-//         +---- reader stopped, line released <----------+
+//         '---- reader stopped, line released <----------'
 //
 // A client lives from its open to its close; cleanup empties its queues.
 #pragma once
@@ -21,8 +21,8 @@ DRIVER_DISPATCH CloseDispatch;
 // The number of open clients. ClientListLock held.
 ULONG CountClients(DEVICE_EXTENSION* extension) _Requires_lock_held_(extension->ClientListLock);
 
-// Stores the number of open clients as "OpenHandles" in the hardware key. PASSIVE_LEVEL or APC_LEVEL.
+// Stores the number of open clients as "OpenHandles" in the hardware key. PASSIVE_LEVEL.
 NTSTATUS WriteOpenHandles(DEVICE_EXTENSION* extension, ULONG count);
 
-// Cancels the requests of every client. PASSIVE_LEVEL.
+// Cancels the requests of every client, and every one that would begin to wait from now on. PASSIVE_LEVEL.
 void CancelAllClientRequests(DEVICE_EXTENSION* extension);

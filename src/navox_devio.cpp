@@ -20,9 +20,12 @@ bool SendAndWait(DEVICE_EXTENSION* extension, PIRP irp, KEVENT* done)
 {
     extension->ReaderCancelled = FALSE;
     InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->ReaderIrp), irp);
+    // Who wanted to cancel before there was anything to take has come for nothing.
+    if (GetPnpState(extension) != STATE_STARTED || !HasClients(extension))
+        CancelReader(extension);
     if (IoCallDriver(extension->LowerDeviceObject, irp) == STATUS_PENDING)
         KeWaitForSingleObject(done, Executive, KernelMode, FALSE, nullptr);
-    if (InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->ReaderIrp), nullptr) == nullptr) {
+    if (TakeIrp(&extension->ReaderIrp) == nullptr) {
         // A canceller has it; the request must outlive its IoCancelIrp.
         KeWaitForSingleObject(&extension->ReaderCancelEvent, Executive, KernelMode, FALSE, nullptr);
     }
@@ -36,19 +39,14 @@ void ProcessTransfer(DEVICE_EXTENSION* extension, NTSTATUS status, const URB* ur
         extension->ReaderHalted = TRUE;
     else if (status == STATUS_SUCCESS)
         extension->ReaderHalted = FALSE;
-    extension->BytesReceived = urb->UrbBulkOrInterruptTransfer.TransferBufferLength;
+    const ULONG received = urb->UrbBulkOrInterruptTransfer.TransferBufferLength;
+    extension->BytesReceived = received < extension->ReadBufferSize ? received : extension->ReadBufferSize;
     if (urb->UrbHeader.Status == USBD_STATUS_SUCCESS && extension->ReadBuffer != nullptr)
         FanOut(extension, extension->BytesReceived, extension->ReadBuffer);
 }
 
-// One transfer. A status other than STATUS_SUCCESS ends the cycle; a cancelled transfer ends it through
-// ReaderHalted.
-NTSTATUS TransferOnce(DEVICE_EXTENSION* extension)
+NTSTATUS TransferCounted(DEVICE_EXTENSION* extension)
 {
-    // Counted before the buffer is touched: removal frees the buffer only when the count has gone.
-    if (!IncrementIoCountIfStarted(extension))
-        return STATUS_DELETE_PENDING;
-
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
     KEVENT done;
     KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -69,6 +67,18 @@ NTSTATUS TransferOnce(DEVICE_EXTENSION* extension)
     }
     if (irp != nullptr)
         IoFreeIrp(irp);
+    return status;
+}
+
+// One transfer. A status other than STATUS_SUCCESS ends the cycle; a cancelled transfer ends it through
+// ReaderHalted.
+NTSTATUS TransferOnce(DEVICE_EXTENSION* extension)
+{
+    // Counted before the buffer is touched: removal frees the buffer only when the count has gone.
+    if (!IncrementIoCountIfStarted(extension))
+        return STATUS_DELETE_PENDING;
+
+    const NTSTATUS status = TransferCounted(extension);
     DecrementIoCount(extension);
     return status;
 }
@@ -122,12 +132,6 @@ bool ClaimCycle(DEVICE_EXTENSION* extension)
            ReaderCycleIdle;
 }
 
-bool HasClients(DEVICE_EXTENSION* extension)
-{
-    SpinLockGuard lock(&extension->ClientListLock);
-    return !IsListEmpty(&extension->ClientList);
-}
-
 // Copies a transfer to one client. Returns a wait request that this has ended, or null.
 PIRP DeliverToClient(CLIENT* client, ULONG length, const UCHAR* bytes)
 {
@@ -147,6 +151,23 @@ PIRP DeliverToClient(CLIENT* client, ULONG length, const UCHAR* bytes)
     return tellWait ? DeliverEvents(client) : nullptr;
 }
 
+bool IsReady(const DEVICE_EXTENSION* extension)
+{
+    return extension->DevicePowerState == PowerDeviceD0 && extension->DevicePnPState == STATE_STARTED;
+}
+
+// Whether the device is up and started. If it is on its way up, reading goes on when it has arrived.
+bool MayRead(DEVICE_EXTENSION* extension)
+{
+    if (IsReady(extension))
+        return true;
+    if (extension->DevicePowerState == PowerDeviceD0 && extension->DevicePnPState != STATE_POWER_QUERIED)
+        return false;
+    InterlockedExchange(&extension->ReaderDeferred, TRUE);
+    // It may have arrived between the look and the note.
+    return IsReady(extension) && InterlockedExchange(&extension->ReaderDeferred, FALSE) != FALSE;
+}
+
 } // namespace
 
 void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes)
@@ -163,7 +184,7 @@ void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes)
         }
     }
     while (!IsListEmpty(&finished))
-        FinishRequest(extension, CONTAINING_RECORD(RemoveHeadList(&finished), IRP, Tail.Overlay.ListEntry));
+        CompleteCounted(extension, CONTAINING_RECORD(RemoveHeadList(&finished), IRP, Tail.Overlay.ListEntry));
 }
 
 void NTAPI ReaderDpc(PKDPC, PVOID context, PVOID, PVOID)
@@ -171,12 +192,14 @@ void NTAPI ReaderDpc(PKDPC, PVOID context, PVOID, PVOID)
     const auto device = static_cast<PDEVICE_OBJECT>(context);
     DEVICE_EXTENSION* extension = GetExtension(device);
     extension->ReaderHalted = FALSE;
-    if (!HasClients(extension))
+    if (!HasClients(extension) || !MayRead(extension))
         return;
-    if (extension->DevicePowerState != PowerDeviceD0 || extension->DevicePnPState != STATE_STARTED)
+    if (!ClaimCycle(extension)) {
+        // The running round may wait for data that a module which has to be set up anew will never send.
+        if (extension->AtCommandPending)
+            CancelReader(extension);
         return;
-    if (!ClaimCycle(extension))
-        return;
+    }
     const PIO_WORKITEM item = IoAllocateWorkItem(device);
     if (item != nullptr) {
         IoQueueWorkItem(item, ReaderWorkItem, DelayedWorkQueue, nullptr);

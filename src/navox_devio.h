@@ -2,7 +2,7 @@
 //
 //     first open --1.5 s--> ReaderDpc --> work item --> transfer --> fan-out
 //                               ^             |                        |
-//                               +-------------+------------------------+
+//                               '-------------+------------------------'
 //
 // While AtCommandPending is set the work item sets the module up instead of reading. The cycle ends when the
 // last client has closed, a transfer fails or is cancelled, or the device is not started or not in D0.

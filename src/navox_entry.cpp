@@ -49,6 +49,7 @@ class DeviceBuilder {
 
 NAVOX_PAGED NTSTATUS DeviceBuilder::CreateDevice()
 {
+    PAGED_CODE();
     PoolPointer<WCHAR, kTagDeviceName> buffer;
     if (!buffer.Allocate(PagedPool, kDeviceNameBytes))
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -76,6 +77,7 @@ NAVOX_PAGED NTSTATUS DeviceBuilder::CreateDevice()
 
 NAVOX_PAGED void DeviceBuilder::InitialiseState()
 {
+    PAGED_CODE();
     DEVICE_EXTENSION* extension = extension_;
     extension->DevicePnPState = STATE_NEVER_STARTED;
     extension->DevicePowerState = PowerDeviceD0;
@@ -93,12 +95,14 @@ NAVOX_PAGED void DeviceBuilder::InitialiseState()
 
 NAVOX_PAGED NTSTATUS DeviceBuilder::Attach()
 {
+    PAGED_CODE();
     extension_->LowerDeviceObject = IoAttachDeviceToDeviceStack(extension_->Self, physicalDevice_);
     return extension_->LowerDeviceObject != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
 }
 
 NAVOX_PAGED NTSTATUS DeviceBuilder::Name()
 {
+    PAGED_CODE();
     NTSTATUS status = WriteOpenHandles(extension_, 0);
     if (!NT_SUCCESS(status))
         return status;
@@ -111,6 +115,7 @@ NAVOX_PAGED NTSTATUS DeviceBuilder::Name()
 
 NAVOX_PAGED void DeviceBuilder::ReadSettings()
 {
+    PAGED_CODE();
     DEVICE_EXTENSION* extension = extension_;
     extension->NmeaMode = 0;
     extension->FirstOpenSinceStart = TRUE;
@@ -127,6 +132,7 @@ NAVOX_PAGED void DeviceBuilder::ReadSettings()
 
 NAVOX_PAGED NTSTATUS DeviceBuilder::PrepareReader()
 {
+    PAGED_CODE();
     DEVICE_EXTENSION* extension = extension_;
     extension->ReadBufferSize = kReadBufferSize;
     extension->ReadBuffer = static_cast<PUCHAR>(AllocatePool(NonPagedPool, kReadBufferSize, kTagReadBuffer));
@@ -144,12 +150,14 @@ NAVOX_PAGED NTSTATUS DeviceBuilder::PrepareReader()
 // From here on the system may send requests, even if the last step fails.
 NAVOX_PAGED void DeviceBuilder::AcceptRequests()
 {
+    PAGED_CODE();
     extension_->Self->Flags |= DO_BUFFERED_IO | DO_POWER_PAGABLE;
     extension_->Self->Flags &= ~DO_DEVICE_INITIALIZING;
 }
 
 NAVOX_PAGED NTSTATUS DeviceBuilder::PrepareDrain()
 {
+    PAGED_CODE();
     extension_->AuxBufferSize = kAuxBufferSize;
     extension_->AuxUrb = static_cast<PURB>(AllocatePool(NonPagedPool, kUrbAllocation, kTagAuxUrb));
     extension_->AuxBuffer = static_cast<PUCHAR>(AllocatePool(NonPagedPool, kAuxBufferSize, kTagAuxBuffer));
@@ -159,6 +167,7 @@ NAVOX_PAGED NTSTATUS DeviceBuilder::PrepareDrain()
 
 NAVOX_PAGED NTSTATUS DeviceBuilder::Build()
 {
+    PAGED_CODE();
     NTSTATUS status = CreateDevice();
     if (!NT_SUCCESS(status))
         return status;
@@ -183,6 +192,7 @@ NAVOX_PAGED NTSTATUS DeviceBuilder::Build()
 
 NAVOX_PAGED DeviceBuilder::~DeviceBuilder()
 {
+    PAGED_CODE();
     if (built_ || extension_ == nullptr)
         return;
     ReleasePortNames(extension_->Self, true);
@@ -229,6 +239,7 @@ extern "C" NAVOX_INIT NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE
 
 NAVOX_PAGED NTSTATUS NTAPI AddDevice(PDRIVER_OBJECT, PDEVICE_OBJECT physicalDevice)
 {
+    PAGED_CODE();
     if (physicalDevice == nullptr)
         return STATUS_NO_MORE_ENTRIES;
     const NTSTATUS status = DeviceBuilder(physicalDevice).Build();
@@ -238,6 +249,7 @@ NAVOX_PAGED NTSTATUS NTAPI AddDevice(PDRIVER_OBJECT, PDEVICE_OBJECT physicalDevi
 
 NAVOX_PAGED void NTAPI DriverUnload(PDRIVER_OBJECT)
 {
+    PAGED_CODE();
     FreePool(Globals.RegistryPath.Buffer, kTagRegistryPath);
     Globals.RegistryPath = {};
     TraceUnregister();
@@ -245,6 +257,7 @@ NAVOX_PAGED void NTAPI DriverUnload(PDRIVER_OBJECT)
 
 NAVOX_PAGED BOOLEAN ReadDeviceSetting(DEVICE_EXTENSION* extension, PCWSTR valueName, ULONG* value)
 {
+    PAGED_CODE();
     *value = 0;
     const RegistryKey key(extension->PhysicalDeviceObject, PLUGPLAY_REGKEY_DRIVER, STANDARD_RIGHTS_ALL);
     if (!NT_SUCCESS(key.Status()))
@@ -267,6 +280,7 @@ NAVOX_PAGED BOOLEAN ReadDeviceSetting(DEVICE_EXTENSION* extension, PCWSTR valueN
 
 NAVOX_PAGED bool IsOsVersionAtLeast(ULONG version)
 {
+    PAGED_CODE();
     using VersionRoutine = BOOLEAN(NTAPI*)(ULONG version);
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, L"RtlIsNtDdiVersionAvailable");

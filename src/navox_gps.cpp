@@ -87,9 +87,12 @@ NTSTATUS SetNmeaMode(const Request& request)
 // why: succeeds with any buffers, and counts as many bytes as the port's name has.
 NTSTATUS ResetGps(const Request& request)
 {
-    // What is counted is copied out: none of it may be left from before.
     const ULONG length = request.Extension->PortName.Length;
-    if (request.OutputLength > request.InputLength && request.Buffer != nullptr)
+    // The count is copied out. What the buffer does not hold must not be: neither what lies behind it, nor what
+    // was in it before.
+    if (request.OutputLength < length)
+        request.Irp->Flags &= ~static_cast<ULONG>(IRP_INPUT_OPERATION);
+    else if (request.OutputLength > request.InputLength)
         RtlZeroMemory(static_cast<UCHAR*>(request.Buffer) + request.InputLength,
                       request.OutputLength - request.InputLength);
     return request.Finish(STATUS_SUCCESS, length);

@@ -24,15 +24,9 @@ NTSTATUS PassDown(DEVICE_EXTENSION* extension, PIRP irp)
     return status;
 }
 
-void ReportDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state)
-{
-    POWER_STATE power;
-    power.DeviceState = state;
-    PoSetPowerState(extension->Self, DevicePowerState, power);
-}
-
 NAVOX_PAGED NTSTATUS BringUp(DEVICE_EXTENSION* extension, bool firstStart)
 {
+    PAGED_CODE();
     NTSTATUS status = ConfigureDevice(extension);
     if (!NT_SUCCESS(status))
         return status;
@@ -52,6 +46,7 @@ NAVOX_PAGED NTSTATUS BringUp(DEVICE_EXTENSION* extension, bool firstStart)
 
 NAVOX_PAGED NTSTATUS Start(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     const bool firstStart = extension->DevicePnPState == STATE_NEVER_STARTED;
     NTSTATUS status = ForwardAndWait(extension, irp);
     if (NT_SUCCESS(status))
@@ -62,6 +57,7 @@ NAVOX_PAGED NTSTATUS Start(DEVICE_EXTENSION* extension, PIRP irp)
 // Never refused, whoever has the port open. Waits until nothing is inside the driver any more.
 NAVOX_PAGED NTSTATUS QuiesceAndPassDown(DEVICE_EXTENSION* extension, PIRP irp, ULONG state)
 {
+    PAGED_CODE();
     SetPnpState(extension, state);
     DecrementIoCount(extension);
     CancelReader(extension);
@@ -72,17 +68,20 @@ NAVOX_PAGED NTSTATUS QuiesceAndPassDown(DEVICE_EXTENSION* extension, PIRP irp, U
 
 NAVOX_PAGED NTSTATUS QueryStop(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     return QuiesceAndPassDown(extension, irp, STATE_STOP_PENDING);
 }
 
 NAVOX_PAGED NTSTATUS QueryRemove(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     return QuiesceAndPassDown(extension, irp, STATE_REMOVE_PENDING);
 }
 
 // why: what the query stopped is not started again.
 NAVOX_PAGED NTSTATUS CancelQuery(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     const NTSTATUS status = ForwardAndWait(extension, irp);
     if (NT_SUCCESS(status))
         SetPnpState(extension, STATE_STARTED);
@@ -91,6 +90,7 @@ NAVOX_PAGED NTSTATUS CancelQuery(DEVICE_EXTENSION* extension, PIRP irp)
 
 NAVOX_PAGED NTSTATUS Stop(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     SetPnpState(extension, STATE_STOPPED);
     StopIdleMonitor(extension);
     irp->IoStatus.Status = STATUS_SUCCESS;
@@ -111,6 +111,7 @@ void FreeInterfaceName(DEVICE_EXTENSION* extension)
 
 NAVOX_PAGED NTSTATUS SurpriseRemove(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     SetPnpState(extension, STATE_SURPRISE_REMOVED);
     StopIdleMonitor(extension);
     CancelAllClientRequests(extension);
@@ -126,6 +127,7 @@ NAVOX_PAGED NTSTATUS SurpriseRemove(DEVICE_EXTENSION* extension, PIRP irp)
 // Takes the bias off the pending-I/O count and waits until nobody is inside any more.
 NAVOX_PAGED void WaitForRemoval(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     DecrementIoCount(extension);
     DecrementIoCount(extension);
     KeWaitForSingleObject(&extension->RemoveEvent, Executive, KernelMode, FALSE, nullptr);
@@ -138,6 +140,7 @@ NAVOX_PAGED void WaitForRemoval(DEVICE_EXTENSION* extension)
 
 NAVOX_PAGED void FreeTransferMemory(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     FreePool(extension->ReadBuffer, kTagReadBuffer);
     FreePool(extension->AuxBuffer, kTagAuxBuffer);
     FreePool(extension->AuxUrb, kTagAuxUrb);
@@ -146,9 +149,9 @@ NAVOX_PAGED void FreeTransferMemory(DEVICE_EXTENSION* extension)
     extension->AuxUrb = nullptr;
 }
 
-NAVOX_PAGED NTSTATUS Remove(DEVICE_EXTENSION* extension, PIRP irp)
+NAVOX_PAGED NTSTATUS RemoveDevice(DEVICE_EXTENSION* extension, PIRP irp, bool surprise)
 {
-    const bool surprise = extension->DevicePnPState == STATE_SURPRISE_REMOVED;
+    PAGED_CODE();
     SetPnpState(extension, STATE_REMOVED);
     StopIdleMonitor(extension);
     const BOOLEAN readerWasArmed = KeCancelTimer(&extension->ReaderStartTimer);
@@ -179,9 +182,22 @@ NAVOX_PAGED NTSTATUS Remove(DEVICE_EXTENSION* extension, PIRP irp)
     return status;
 }
 
-// The last of the light sleep states that leaves the device above D3, or else D2.
-DEVICE_POWER_STATE ChooseIdlePowerState(const DEVICE_EXTENSION* extension, DEVICE_POWER_STATE idle)
+NAVOX_PAGED NTSTATUS Remove(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
+    return RemoveDevice(extension, irp, false);
+}
+
+NAVOX_PAGED NTSTATUS RemoveAfterSurprise(DEVICE_EXTENSION* extension, PIRP irp)
+{
+    PAGED_CODE();
+    return RemoveDevice(extension, irp, true);
+}
+
+// The last of the light sleep states that leaves the device above D3, or else D2.
+DEVICE_POWER_STATE ChooseIdlePowerState(const DEVICE_EXTENSION* extension)
+{
+    DEVICE_POWER_STATE idle = PowerDeviceUnspecified;
     for (int state = PowerSystemSleeping1; state <= PowerSystemSleeping3; ++state)
         if (extension->DeviceStateMap[state] < PowerDeviceD3)
             idle = extension->DeviceStateMap[state];
@@ -212,6 +228,7 @@ void TraceCapabilities(const DEVICE_CAPABILITIES& capabilities)
 
 NAVOX_PAGED NTSTATUS QueryCapabilities(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    PAGED_CODE();
     const NTSTATUS status = ForwardAndWait(extension, irp);
     if (NT_SUCCESS(status)) {
         PDEVICE_CAPABILITIES capabilities =
@@ -220,7 +237,7 @@ NAVOX_PAGED NTSTATUS QueryCapabilities(DEVICE_EXTENSION* extension, PIRP irp)
         RtlCopyMemory(extension->DeviceStateMap, capabilities->DeviceState,
                       sizeof(extension->DeviceStateMap));
         TraceCapabilities(extension->Capabilities);
-        extension->IdlePowerState = ChooseIdlePowerState(extension, extension->IdlePowerState);
+        extension->IdlePowerState = ChooseIdlePowerState(extension);
         capabilities->SurpriseRemovalOK = TRUE; // in the request only
         extension->CapabilitiesReceived = TRUE;
     }
@@ -250,7 +267,13 @@ constexpr PNP_TRANSITION kTransitions[] = {
     {STATE_REMOVE_PENDING, IRP_MN_SURPRISE_REMOVAL, SurpriseRemove},
     {STATE_STOPPED, IRP_MN_START_DEVICE, Start},
     {STATE_STOPPED, IRP_MN_SURPRISE_REMOVAL, SurpriseRemove},
-    {STATE_SURPRISE_REMOVED, IRP_MN_REMOVE_DEVICE, Remove},
+    {STATE_SURPRISE_REMOVED, IRP_MN_REMOVE_DEVICE, RemoveAfterSurprise},
+
+    // Without these the device would stay attached to a stack that is gone: a start that failed after
+    // STATE_STARTED, and a module that was pulled or removed while the system slept.
+    {STATE_STARTED, IRP_MN_REMOVE_DEVICE, Remove},
+    {STATE_POWER_QUERIED, IRP_MN_REMOVE_DEVICE, Remove},
+    {STATE_POWER_QUERIED, IRP_MN_SURPRISE_REMOVAL, SurpriseRemove},
 };
 
 PnpHandler* FindHandler(ULONG state, UCHAR minor)
@@ -268,9 +291,9 @@ NTSTATUS NTAPI PnpDispatch(PDEVICE_OBJECT device, PIRP irp)
     DEVICE_EXTENSION* extension = GetExtension(device);
     const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
     IncrementIoCount(extension);
-    TRACE(TRACE_PNP, LEVEL_INFORMATION, "%s in %s", PnpMinorName(minor),
-          PnpStateName(extension->DevicePnPState));
+    const ULONG state = extension->DevicePnPState; // one look, so that trace, table and handler agree
+    TRACE(TRACE_PNP, LEVEL_INFORMATION, "%s in %s", PnpMinorName(minor), PnpStateName(state));
     if (minor != IRP_MN_START_DEVICE && extension->IdleMonitorActive)
         CancelIdleRequest(extension);
-    return FindHandler(extension->DevicePnPState, minor)(extension, irp);
+    return FindHandler(state, minor)(extension, irp);
 }

@@ -4,8 +4,10 @@
 //                                |  ^----cancel stop-------'
 //                                |  ^----cancel remove---.
 //                                '--query remove--> REMOVE_PENDING --remove--> REMOVED
-//     STARTED, STOP_PENDING, REMOVE_PENDING, STOPPED --surprise removal--> SURPRISE_REMOVED --remove-->
-//     REMOVED NEVER_STARTED --remove--> REMOVED
+//
+//     STARTED, STOP_PENDING,   --surprise removal--> SURPRISE_REMOVED --remove--> REMOVED
+//     REMOVE_PENDING, STOPPED
+//     NEVER_STARTED            --remove--> REMOVED
 //
 // Every other pair of a state and a minor code goes straight down.
 #pragma once

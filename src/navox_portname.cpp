@@ -18,6 +18,7 @@ void FreeString(UNICODE_STRING* string, ULONG tag)
 NAVOX_PAGED NTSTATUS AllocateString(UNICODE_STRING* string, USHORT bufferBytes, USHORT maximumLength,
                                     ULONG tag)
 {
+    PAGED_CODE();
     string->Length = 0;
     string->MaximumLength = maximumLength;
     string->Buffer = static_cast<PWSTR>(AllocatePool(PagedPool, bufferBytes, tag));
@@ -27,6 +28,7 @@ NAVOX_PAGED NTSTATUS AllocateString(UNICODE_STRING* string, USHORT bufferBytes, 
 // Copies a value's data into `buffer`, which stays as it is when the value is longer than kLongestValue.
 NAVOX_PAGED NTSTATUS QueryValueString(HANDLE key, PCWSTR valueName, ULONG nameBytes, PVOID buffer)
 {
+    PAGED_CODE();
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, valueName);
     const ULONG bytes = nameBytes + kQueryOverhead;
@@ -43,6 +45,7 @@ NAVOX_PAGED NTSTATUS QueryValueString(HANDLE key, PCWSTR valueName, ULONG nameBy
 // Builds "\DosDevices\<port name>" in `working`, and a copy of just the right size in `linkName`.
 NAVOX_PAGED NTSTATUS BuildLinkName(PCWSTR portName, UNICODE_STRING* working, UNICODE_STRING* linkName)
 {
+    PAGED_CODE();
     NTSTATUS status = RtlAppendUnicodeToString(working, L"\\");
     if (NT_SUCCESS(status))
         status = RtlAppendUnicodeToString(working, L"DosDevices");
@@ -64,6 +67,7 @@ NAVOX_PAGED NTSTATUS BuildLinkName(PCWSTR portName, UNICODE_STRING* working, UNI
 // The two kept copies of the port name.
 NAVOX_PAGED NTSTATUS StorePortName(DEVICE_EXTENSION* extension, PCWSTR portName)
 {
+    PAGED_CODE();
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, portName);
     NTSTATUS status =
@@ -88,6 +92,7 @@ NAVOX_PAGED NTSTATUS StorePortName(DEVICE_EXTENSION* extension, PCWSTR portName)
 // written; a name without a terminator in its buffer gets it here.
 NAVOX_PAGED NTSTATUS WriteSerialComm(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     WCHAR terminated[kPortNameBytes / sizeof(WCHAR) + 1] = {};
     RtlCopyMemory(terminated, extension->PortName.Buffer, extension->PortName.Length);
     return RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, L"SERIALCOMM", extension->DeviceName.Buffer, REG_SZ,
@@ -97,6 +102,7 @@ NAVOX_PAGED NTSTATUS WriteSerialComm(DEVICE_EXTENSION* extension)
 // The number behind the first three characters, whatever those are; a name without one leaves the number 0.
 NAVOX_PAGED void ParsePortNumber(DEVICE_EXTENSION* extension, PCWSTR portName)
 {
+    PAGED_CODE();
     constexpr ULONG prefix = 3;
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, portName);
@@ -108,6 +114,7 @@ NAVOX_PAGED void ParsePortNumber(DEVICE_EXTENSION* extension, PCWSTR portName)
 
 NAVOX_PAGED NTSTATUS PublishPortName(DEVICE_EXTENSION* extension, PCWSTR portName)
 {
+    PAGED_CODE();
     NTSTATUS status = StorePortName(extension, portName);
     if (!NT_SUCCESS(status))
         return status;
@@ -126,6 +133,7 @@ NAVOX_PAGED NTSTATUS PublishPortName(DEVICE_EXTENSION* extension, PCWSTR portNam
 // Leaves no pointer behind that the caller's unwinding would free again.
 NAVOX_PAGED void UndoPublish(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     FreeString(&extension->PortName, kTagPortName);
     if (extension->SymbolicLinkCreated)
         IoDeleteSymbolicLink(&extension->SymbolicLinkName);
@@ -140,6 +148,7 @@ NAVOX_PAGED void UndoPublish(DEVICE_EXTENSION* extension)
 NAVOX_PAGED NTSTATUS GetPortName(DEVICE_EXTENSION*, HANDLE hardwareKey, UNICODE_STRING* linkName,
                                  PWSTR* portName)
 {
+    PAGED_CODE();
     *portName = nullptr;
     UNICODE_STRING working;
     if (!NT_SUCCESS(AllocateString(&working, kNameBufferBytes, kLongestValue, kTagWorkingName)))
@@ -161,6 +170,7 @@ NAVOX_PAGED NTSTATUS GetPortName(DEVICE_EXTENSION*, HANDLE hardwareKey, UNICODE_
 
 NAVOX_PAGED NTSTATUS CreatePortName(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     PWSTR portName = nullptr;
     {
         const RegistryKey key(extension->PhysicalDeviceObject, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ);
@@ -179,6 +189,7 @@ NAVOX_PAGED NTSTATUS CreatePortName(DEVICE_EXTENSION* extension)
 
 NAVOX_PAGED void RemovePortName(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     if (extension->SymbolicLinkName.Buffer != nullptr && extension->SymbolicLinkCreated) {
         const RegistryKey key(extension->PhysicalDeviceObject, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ);
         UNICODE_STRING link = {};
@@ -202,6 +213,7 @@ NAVOX_PAGED void RemovePortName(DEVICE_EXTENSION* extension)
 
 NAVOX_PAGED void ReleasePortNames(PDEVICE_OBJECT device, bool undo)
 {
+    PAGED_CODE();
     DEVICE_EXTENSION* extension = GetExtension(device);
     if (undo)
         RemovePortName(extension);

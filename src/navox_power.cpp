@@ -15,13 +15,6 @@ struct DRAIN_CONTEXT {
 };
 static_assert(sizeof(DRAIN_CONTEXT) == 16);
 
-void ReportDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state)
-{
-    POWER_STATE power;
-    power.DeviceState = state;
-    PoSetPowerState(extension->Self, DevicePowerState, power);
-}
-
 NTSTATUS PassDown(DEVICE_EXTENSION* extension, PIRP irp)
 {
     PoStartNextPowerIrp(irp);
@@ -40,18 +33,19 @@ NTSTATUS SendDownPending(DEVICE_EXTENSION* extension, PIRP irp, PIO_COMPLETION_R
     return STATUS_PENDING;
 }
 
-// Wait-wake
-// ------------------------------------------------------------------------------------------------------
+// Wait-wake -----------------------------------------------------------------------------------------------
 
-// Whoever takes the request out of its field owns it: this routine, or somebody who cancels it.
+// Whoever takes the request out of its field owns it: this routine, or somebody who cancels it. The request is
+// not counted: the bus may keep it until the removal. A reference to the device keeps the extension meanwhile.
 NTSTATUS NTAPI WaitWakeCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
     auto* extension = static_cast<DEVICE_EXTENSION*>(context);
     if (irp->PendingReturned)
         IoMarkIrpPending(irp);
-    const bool taken =
-        InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->WaitWakeIrp), nullptr) != nullptr;
-    if (!taken && InterlockedExchange(&extension->WaitWakeCancelled, 1) == 0)
+    const bool taken = TakeIrp(&extension->WaitWakeIrp) != nullptr;
+    const bool leave = !taken && InterlockedExchange(&extension->WaitWakeCancelled, 1) == 0;
+    ObDereferenceObject(extension->Self);
+    if (leave)
         return STATUS_MORE_PROCESSING_REQUIRED;
     PoStartNextPowerIrp(irp);
     return taken ? STATUS_SUCCESS : STATUS_CANCELLED;
@@ -59,6 +53,7 @@ NTSTATUS NTAPI WaitWakeCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
 
 NTSTATUS WaitWake(DEVICE_EXTENSION* extension, PIRP irp)
 {
+    ObReferenceObject(extension->Self);
     IoMarkIrpPending(irp);
     IoCopyCurrentIrpStackLocationToNext(irp);
     IoSetCompletionRoutine(irp, WaitWakeCompleted, extension, TRUE, TRUE, TRUE);
@@ -68,14 +63,7 @@ NTSTATUS WaitWake(DEVICE_EXTENSION* extension, PIRP irp)
     return STATUS_PENDING;
 }
 
-// System power
-// ---------------------------------------------------------------------------------------------------
-
-PIRP TakeSystemPowerIrp(DEVICE_EXTENSION* extension)
-{
-    return static_cast<PIRP>(
-        InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->SystemPowerIrp), nullptr));
-}
+// System power --------------------------------------------------------------------------------------------
 
 // The device has followed the system, or could not.
 void NTAPI DeviceFollowed(PDEVICE_OBJECT, UCHAR minor, POWER_STATE power, PVOID context,
@@ -87,7 +75,7 @@ void NTAPI DeviceFollowed(PDEVICE_OBJECT, UCHAR minor, POWER_STATE power, PVOID 
         DecrementIoCount(extension);
         return;
     }
-    const PIRP irp = TakeSystemPowerIrp(extension);
+    const PIRP irp = TakeIrp(&extension->SystemPowerIrp);
     PoStartNextPowerIrp(irp);
     irp->IoStatus.Status = ioStatus->Status;
     if (power.DeviceState == PowerDeviceD0)
@@ -109,12 +97,7 @@ void SteerReader(DEVICE_EXTENSION* extension, SYSTEM_POWER_STATE state)
         KeRemoveQueueDpc(&extension->ReaderDpc);
     } else if (state == PowerSystemWorking) {
         extension->AtCommandPending = TRUE;
-        bool hasClients;
-        {
-            SpinLockGuard lock(&extension->ClientListLock);
-            hasClients = !IsListEmpty(&extension->ClientList);
-        }
-        if (hasClients)
+        if (HasClients(extension))
             QueueReader(extension);
     }
 }
@@ -122,6 +105,8 @@ void SteerReader(DEVICE_EXTENSION* extension, SYSTEM_POWER_STATE state)
 NTSTATUS NTAPI SystemPowerCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
     auto* extension = static_cast<DEVICE_EXTENSION*>(context);
+    // The device may follow, and the request's own count go, before this routine is through.
+    const PendingIo pending(extension);
     const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     const UCHAR minor = stack->MinorFunction;
     const SYSTEM_POWER_STATE state = stack->Parameters.Power.State.SystemState;
@@ -136,7 +121,8 @@ NTSTATUS NTAPI SystemPowerCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
     }
 
     POWER_STATE power;
-    power.DeviceState = extension->DeviceStateMap[state];
+    power.DeviceState =
+        state < PowerSystemMaximum ? extension->DeviceStateMap[state] : PowerDeviceUnspecified;
     const bool fastResume = IsFastResume(extension, minor, state);
     if (fastResume) {
         irp->IoStatus.Status = STATUS_SUCCESS;
@@ -161,7 +147,7 @@ NTSTATUS NTAPI SystemPowerCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
         DecrementIoCount(extension);
         return STATUS_MORE_PROCESSING_REQUIRED; // completed above
     }
-    TakeSystemPowerIrp(extension);
+    (void)TakeIrp(&extension->SystemPowerIrp);
     PoStartNextPowerIrp(irp);
     irp->IoStatus.Status = status;
     DecrementIoCount(extension);
@@ -180,8 +166,7 @@ NTSTATUS SystemPower(DEVICE_EXTENSION* extension, PIRP irp)
     }
 }
 
-// Device power
-// ---------------------------------------------------------------------------------------------------
+// Device power --------------------------------------------------------------------------------------------
 
 void NoteDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state)
 {
@@ -191,8 +176,12 @@ void NoteDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state)
         ReportDevicePower(extension, state);
     extension->PreviousDevicePowerState = current;
     extension->DevicePowerState = state;
-    if (!poweringDown)
-        SetStartedUnlessLeaving(extension);
+    if (poweringDown)
+        return;
+    SetStartedUnlessLeaving(extension);
+    // The reader that was queued while the device was still on its way up found no power.
+    if (InterlockedExchange(&extension->ReaderDeferred, FALSE) != FALSE)
+        QueueReader(extension);
 }
 
 NTSTATUS NTAPI DevicePowerCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
@@ -249,7 +238,7 @@ NTSTATUS DevicePower(DEVICE_EXTENSION* extension, PIRP irp)
     const DEVICE_POWER_STATE state = stack->Parameters.Power.State.DeviceState;
     switch (stack->MinorFunction) {
     case IRP_MN_QUERY_POWER:
-        SetPnpState(extension, STATE_POWER_QUERIED);
+        SetPowerQueriedIfStarted(extension);
         return SendDownPending(extension, irp, DevicePowerCompleted);
     case IRP_MN_SET_POWER:
         if (state > extension->DevicePowerState)

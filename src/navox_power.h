@@ -2,9 +2,8 @@
 // back up.
 //
 //     system request --down--> completion --PoRequestPowerIrp--> device request --> callback --> system
-//     request done
-//                                  |                              ^
-//                                  +-- fast resume to S0: done ---+ (the device follows by itself)
+//                                  |                                  ^                      request done
+//                                  '-- fast resume to S0: done at once; the device follows ---'
 //
 //     D0 --set D1..D3: report, drain both in-pipes, pass down--> D1..D3 --set D0: pass down, report--> D0
 #pragma once

@@ -66,7 +66,7 @@ NTSTATUS BeginWaiting(CLIENT* client, PIRP irp, const ReadPlan& plan, ULONG take
     SetReferences(irp, 0);
     SpinLockGuard clientLock(&client->Lock);
     client->Ring.Account(taken);
-    if (irp->Cancel) {
+    if (IsCancelled(client, irp)) {
         irp->IoStatus.Information = 0;
         return irp->IoStatus.Status = STATUS_CANCELLED;
     }

@@ -1,9 +1,9 @@
 // Reads under the serial time-outs.
 //
-//     served from the ring ---------------------------------------------------------> completed
-//     still needs bytes --> direct fill --+-- buffer filled: ReadCompletionDpc -----> STATUS_SUCCESS
-//                                         +-- TotalTimerDpc, IntervalTimerDpc ------> STATUS_TIMEOUT
-//                                         +-- cancelled ----------------------------> STATUS_CANCELLED
+//     served from the ring --------------------------------------------------------> completed
+//     still needs bytes --> direct fill --+-- buffer filled: ReadCompletionDpc ----> STATUS_SUCCESS
+//                                         +-- TotalTimerDpc, IntervalTimerDpc -----> STATUS_TIMEOUT
+//                                         '-- cancelled ---------------------------> STATUS_CANCELLED
 #pragma once
 
 #include "navox.h"

@@ -21,27 +21,17 @@ void ArmIdleTimer(DEVICE_EXTENSION* extension)
     KeSetTimerEx(&extension->IdleTimer, due, kLookPeriod, &extension->IdleDpc);
 }
 
-bool HasClients(DEVICE_EXTENSION* extension)
-{
-    SpinLockGuard lock(&extension->ClientListLock);
-    return !IsListEmpty(&extension->ClientList);
-}
-
 bool IsIdle(DEVICE_EXTENSION* extension)
 {
     return IsNothingPending(extension) && !HasClients(extension) && !extension->NoIdleRequests;
-}
-
-PIRP TakeIdleIrp(DEVICE_EXTENSION* extension)
-{
-    return static_cast<PIRP>(
-        InterlockedExchangePointer(reinterpret_cast<PVOID*>(&extension->IdleIrp), nullptr));
 }
 
 void FreeIdleIrp(DEVICE_EXTENSION* extension, PIRP irp)
 {
     IoFreeIrp(irp);
     KeSetEvent(&extension->IdleRequestDoneEvent, IO_NO_INCREMENT, FALSE);
+    // Only now may the next one be prepared: the references are this one's as long as somebody has it.
+    InterlockedExchange(&extension->IdleInProgress, 0);
 }
 
 // Drops one of the two references; the last one frees the request.
@@ -51,8 +41,7 @@ void DereferenceIdleIrp(DEVICE_EXTENSION* extension, PIRP irp)
         FreeIdleIrp(extension, irp);
 }
 
-// Suspend and resume
-// ---------------------------------------------------------------------------------------------
+// Suspend and resume --------------------------------------------------------------------------------------
 
 void NTAPI PoweredDown(PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK)
 {
@@ -75,7 +64,8 @@ void NTAPI IdleCallback(PVOID context)
     KeInitializeEvent(&done, NotificationEvent, FALSE);
     idle->Extension = extension;
     idle->Done = &done;
-    IncrementIoCount(extension);
+    if (!IncrementIoCountIfStarted(extension))
+        return;
 
     POWER_STATE power;
     power.DeviceState = extension->IdlePowerState;
@@ -124,9 +114,7 @@ PIRP TakeIdleRequest(DEVICE_EXTENSION* extension, PUSB_IDLE_CALLBACK_INFO* info)
     SpinLockGuard lock(&extension->IdleLock);
     *info = extension->IdleCallbackInfo;
     extension->IdleCallbackInfo = nullptr;
-    const PIRP taken = TakeIdleIrp(extension);
-    InterlockedExchange(&extension->IdleInProgress, 0);
-    return taken;
+    return TakeIrp(&extension->IdleIrp);
 }
 
 void ReleaseIdleRequest(DEVICE_EXTENSION* extension, PIRP irp)
@@ -157,8 +145,7 @@ NTSTATUS NTAPI IdleCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// The idle check
-// -------------------------------------------------------------------------------------------------
+// The idle check ------------------------------------------------------------------------------------------
 
 void NTAPI IdleWorkItem(PDEVICE_OBJECT device, PVOID context)
 {
@@ -175,7 +162,8 @@ void NTAPI IdleDpc(PKDPC, PVOID context, PVOID, PVOID)
 {
     const auto device = static_cast<PDEVICE_OBJECT>(context);
     DEVICE_EXTENSION* extension = GetExtension(device);
-    KeClearEvent(&extension->IdleCheckDoneEvent);
+    if (KeResetEvent(&extension->IdleCheckDoneEvent) == 0)
+        return; // the check before this one is still under way
     const PIO_WORKITEM item = IsIdle(extension) ? IoAllocateWorkItem(device) : nullptr;
     if (item != nullptr)
         IoQueueWorkItem(item, IdleWorkItem, DelayedWorkQueue, item);
@@ -183,8 +171,7 @@ void NTAPI IdleDpc(PKDPC, PVOID context, PVOID, PVOID)
         KeSetEvent(&extension->IdleCheckDoneEvent, IO_NO_INCREMENT, FALSE);
 }
 
-// The idle request
-// -----------------------------------------------------------------------------------------------
+// The idle request ----------------------------------------------------------------------------------------
 
 // Builds the request and publishes it. On failure everything is as before.
 NTSTATUS PrepareIdleRequest(DEVICE_EXTENSION* extension, PIRP* request)
@@ -217,6 +204,19 @@ NTSTATUS PrepareIdleRequest(DEVICE_EXTENSION* extension, PIRP* request)
     return STATUS_SUCCESS;
 }
 
+void TakeBackIdleRequest(DEVICE_EXTENSION* extension)
+{
+    PIRP irp;
+    {
+        SpinLockGuard lock(&extension->IdleLock);
+        irp = TakeIrp(&extension->IdleIrp);
+    }
+    if (irp == nullptr)
+        return;
+    IoCancelIrp(irp);
+    DereferenceIdleIrp(extension, irp);
+}
+
 } // namespace
 
 void InitialiseIdleMonitor(DEVICE_EXTENSION* extension)
@@ -246,23 +246,17 @@ void StopIdleMonitor(DEVICE_EXTENSION* extension)
         KeCancelTimer(&extension->IdleTimer);
         extension->IdleMonitorActive = FALSE;
     }
+    KeFlushQueuedDpcs(); // a check that was due already
     KeWaitForSingleObject(&extension->IdleCheckDoneEvent, Executive, KernelMode, FALSE, nullptr);
+    // That check may have sent a request after our caller looked; the hub would keep it.
+    TakeBackIdleRequest(extension);
     KeWaitForSingleObject(&extension->IdleRequestDoneEvent, Executive, KernelMode, FALSE, nullptr);
 }
 
 void CancelIdleRequest(DEVICE_EXTENSION* extension)
 {
-    if (IsNothingPending(extension) && !HasClients(extension))
-        return;
-    PIRP irp;
-    {
-        SpinLockGuard lock(&extension->IdleLock);
-        irp = TakeIdleIrp(extension);
-    }
-    if (irp == nullptr)
-        return;
-    IoCancelIrp(irp);
-    DereferenceIdleIrp(extension, irp);
+    if (!IsNothingPending(extension) || HasClients(extension))
+        TakeBackIdleRequest(extension);
 }
 
 NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension)
@@ -283,6 +277,6 @@ NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension)
         return IoCallDriver(extension->LowerDeviceObject, irp);
     }
     ReleaseIdleRequest(extension, irp);
-    DecrementIoCount(extension); // why: kept, although nothing was counted on this path
+    DecrementIoCountUnpaired(extension); // why: kept, although nothing was counted on this path
     return STATUS_UNSUCCESSFUL;
 }

@@ -1,9 +1,10 @@
 // Selective suspend: lets the hub suspend the module while nobody uses it.
 //
-//     off --StartIdleMonitor--> armed (a look every 5 s) --idle--> request at the hub --callback-->
-//     IdlePowerState
-//                                 ^                                     |                              |
-//                                 +------ completed or cancelled: back to D0, if it had left it <------+
+//     off --StartIdleMonitor--> armed (a look every 5 s) --idle--> request at the hub
+//                                 ^                                     |          |
+//                                 |                                     |      callback
+//                                 |                                     |          v
+//                                 '-- completed or cancelled: back to D0 <-- IdlePowerState
 //
 // The idle request has two parties, the completion routine and a canceller. IdleIrp is taken by exchange;
 // IdleIrpRefs starts at 2. Who finds it dropping from 1 to 0 frees the request, or the completion does if no

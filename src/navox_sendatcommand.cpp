@@ -27,7 +27,7 @@ NTSTATUS WriteAtCommand(DEVICE_EXTENSION* extension, const char* /*command*/)
         return STATUS_INSUFFICIENT_RESOURCES;
     BuildTransferUrb(urb.get(), extension->BulkOutPipe, const_cast<char*>(kStreamCommand),
                      kStreamCommandLength);
-    return SendUrb(extension, urb.get());
+    return SubmitUrbOrAbort(extension, urb.get());
 }
 
 NTSTATUS ReadAtResponse(DEVICE_EXTENSION* extension, UCHAR* buffer, ULONG size)
@@ -41,7 +41,7 @@ NTSTATUS ReadAtResponse(DEVICE_EXTENSION* extension, UCHAR* buffer, ULONG size)
     LARGE_INTEGER timeout;
     timeout.QuadPart = kResponseTimeout;
     BuildTransferUrb(urb.get(), extension->BulkInPipe, packet.get(), packetSize);
-    const NTSTATUS status = SendUrb(extension, urb.get(), &timeout);
+    const NTSTATUS status = SubmitUrbOrAbort(extension, urb.get(), &timeout);
     RtlZeroMemory(buffer, size);
     if (!NT_SUCCESS(status))
         return status;

@@ -2,7 +2,7 @@
 //
 //     reset both bulk pipes --> write the command --> read --> "$..." or OK: done
 //                                                     ^ |----> ERROR: again in the reader's next round
-//                                                     +-+ the echo, or anything else
+//                                                     '-' the echo, or anything else
 //
 // PASSIVE_LEVEL, in the reader's work item only. No locks.
 #pragma once

@@ -77,27 +77,6 @@ NTSTATUS SubmitCounted(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER tim
     return ioStatus.Status;
 }
 
-NTSTATUS SendCounted(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER abortAfter)
-{
-    KEVENT done;
-    KeInitializeEvent(&done, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK ioStatus = {};
-    const PIRP irp = BuildUrbRequest(extension, urb, &done, &ioStatus);
-    if (irp == nullptr)
-        return STATUS_INSUFFICIENT_RESOURCES;
-    const NTSTATUS status = IoCallDriver(extension->LowerDeviceObject, irp);
-    if (status != STATUS_PENDING)
-        return status;
-    const NTSTATUS waited = KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, abortAfter);
-    if (waited == STATUS_TIMEOUT) {
-        (void)AbortBulkInPipe(extension);
-        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-    } else if (!NT_SUCCESS(waited)) {
-        return waited;
-    }
-    return ioStatus.Status;
-}
-
 void BuildDescriptorUrb(PURB urb, UCHAR type, PVOID buffer, ULONG length)
 {
     struct _URB_CONTROL_DESCRIPTOR_REQUEST& request = urb->UrbControlDescriptorRequest;
@@ -136,6 +115,7 @@ class SelectionUrb {
     NAVOX_PAGED SelectionUrb(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCHAR interfaceClass,
                              UCHAR subClass, UCHAR protocol)
     {
+        PAGED_CODE();
         PUSB_INTERFACE_DESCRIPTOR descriptor = USBD_ParseConfigurationDescriptorEx(
             configuration, configuration, -1, 0, interfaceClass, subClass, protocol);
         if (descriptor == nullptr)
@@ -158,6 +138,7 @@ class SelectionUrb {
     // Selects, if the interface has exactly as many pipes.
     NAVOX_PAGED NTSTATUS Select(DEVICE_EXTENSION* extension, ULONG pipes)
     {
+        PAGED_CODE();
         // why: a missing interface counts as a lack of memory.
         if (interface_ == nullptr)
             return STATUS_INSUFFICIENT_RESOURCES;
@@ -182,6 +163,7 @@ void TracePipe(const char* name, const USBD_PIPE_INFORMATION& pipe)
 NAVOX_PAGED NTSTATUS SelectDataInterface(DEVICE_EXTENSION* extension,
                                          PUSB_CONFIGURATION_DESCRIPTOR configuration)
 {
+    PAGED_CODE();
     SelectionUrb selection(configuration, kClassData, 0, 0);
     const NTSTATUS status = selection.Select(extension, 2);
     if (!NT_SUCCESS(status))
@@ -205,6 +187,7 @@ NAVOX_PAGED NTSTATUS SelectDataInterface(DEVICE_EXTENSION* extension,
 NAVOX_PAGED NTSTATUS SelectCommunicationInterface(DEVICE_EXTENSION* extension,
                                                   PUSB_CONFIGURATION_DESCRIPTOR configuration)
 {
+    PAGED_CODE();
     constexpr UCHAR abstractControlModel = 2;
     constexpr UCHAR atCommands = 1;
     SelectionUrb selection(configuration, kClassCommunications, abstractControlModel, atCommands);
@@ -223,12 +206,14 @@ NAVOX_PAGED NTSTATUS SelectCommunicationInterface(DEVICE_EXTENSION* extension,
 NAVOX_PAGED NTSTATUS SelectConfiguration(DEVICE_EXTENSION* extension,
                                          PUSB_CONFIGURATION_DESCRIPTOR configuration)
 {
+    PAGED_CODE();
     const NTSTATUS status = SelectDataInterface(extension, configuration);
     return NT_SUCCESS(status) ? SelectCommunicationInterface(extension, configuration) : status;
 }
 
 NAVOX_PAGED NTSTATUS ReadConfigurationDescriptor(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     PoolPointer<URB, kTagDescriptorUrb> urb;
     PoolPointer<USB_CONFIGURATION_DESCRIPTOR, kTagDescriptor> configuration;
     if (!urb.Allocate(NonPagedPool, kDescriptorUrbBytes) || !configuration.Allocate(NonPagedPool))
@@ -257,15 +242,39 @@ NAVOX_PAGED NTSTATUS ReadConfigurationDescriptor(DEVICE_EXTENSION* extension)
     return SelectConfiguration(extension, configuration.get());
 }
 
+bool BuildPipeUrb(PoolPointer<URB, kTagPipeUrb>* urb, USHORT function, USBD_PIPE_HANDLE pipe)
+{
+    if (!urb->Allocate(NonPagedPool, kPipeUrbBytes))
+        return false;
+    (*urb)->UrbHeader.Length = kPipeUrbBytes;
+    (*urb)->UrbHeader.Function = function;
+    (*urb)->UrbPipeRequest.PipeHandle = pipe;
+    return true;
+}
+
 NTSTATUS SendPipeRequest(DEVICE_EXTENSION* extension, USHORT function, USBD_PIPE_HANDLE pipe)
 {
     PoolPointer<URB, kTagPipeUrb> urb;
-    if (!urb.Allocate(NonPagedPool, kPipeUrbBytes))
+    return BuildPipeUrb(&urb, function, pipe) ? SubmitUrb(extension, urb.get())
+                                              : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+NTSTATUS ExchangeCounted(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER abortAfter)
+{
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK ioStatus = {};
+    const PIRP irp = BuildUrbRequest(extension, urb, &done, &ioStatus);
+    if (irp == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
-    urb->UrbHeader.Length = kPipeUrbBytes;
-    urb->UrbHeader.Function = function;
-    urb->UrbPipeRequest.PipeHandle = pipe;
-    return SubmitUrb(extension, urb.get());
+    const NTSTATUS status = IoCallDriver(extension->LowerDeviceObject, irp);
+    if (status != STATUS_PENDING)
+        return status;
+    if (KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, abortAfter) == STATUS_TIMEOUT) {
+        (void)AbortBulkInPipe(extension);
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    }
+    return ioStatus.Status;
 }
 
 } // namespace
@@ -299,17 +308,18 @@ NTSTATUS SubmitUrb(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER timeout
     return status;
 }
 
-NTSTATUS SendUrb(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER abortAfter)
+NTSTATUS SubmitUrbOrAbort(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER abortAfter)
 {
     if (!IncrementIoCountUnlessRemoved(extension))
         return STATUS_DELETE_PENDING;
-    const NTSTATUS status = SendCounted(extension, urb, abortAfter);
+    const NTSTATUS status = ExchangeCounted(extension, urb, abortAfter);
     DecrementIoCount(extension);
     return status;
 }
 
 NAVOX_PAGED NTSTATUS ConfigureDevice(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     PoolPointer<URB, kTagDescriptorUrb> urb;
     PoolPointer<USB_DEVICE_DESCRIPTOR, kTagDescriptor> device;
     if (!urb.Allocate(NonPagedPool, kDescriptorUrbBytes) || !device.Allocate(NonPagedPool))
@@ -333,7 +343,15 @@ NTSTATUS ResetPipe(PDEVICE_OBJECT device, const USBD_PIPE_INFORMATION& pipe)
 
 NTSTATUS AbortBulkInPipe(DEVICE_EXTENSION* extension)
 {
-    return SendPipeRequest(extension, URB_FUNCTION_ABORT_PIPE, extension->BulkInPipe.PipeHandle);
+    PoolPointer<URB, kTagPipeUrb> urb;
+    if (!BuildPipeUrb(&urb, URB_FUNCTION_ABORT_PIPE, extension->BulkInPipe.PipeHandle))
+        return STATUS_INSUFFICIENT_RESOURCES;
+    // The exchange that is aborted is counted, which keeps the lower device: the abort goes down even when removal has
+    // begun, because removal waits for that exchange.
+    IncrementIoCount(extension);
+    const NTSTATUS status = SubmitCounted(extension, urb.get(), nullptr);
+    DecrementIoCount(extension);
+    return status;
 }
 
 NTSTATUS DrainPipe(DEVICE_EXTENSION* extension, const USBD_PIPE_INFORMATION& pipe)

@@ -14,7 +14,7 @@
 // Clears a halted endpoint and its data toggle.
 NTSTATUS ResetPipe(PDEVICE_OBJECT device, const USBD_PIPE_INFORMATION& pipe);
 
-// Brings back every transfer of the bulk-in pipe.
+// Brings back every transfer of the bulk-in pipe, one of which the caller waits for.
 NTSTATUS AbortBulkInPipe(DEVICE_EXTENSION* extension);
 
 // Reads and discards what the pipe holds, for at most 30 ms.
@@ -28,4 +28,5 @@ void PrepareUrbIrp(PIRP irp, PURB urb);
 
 // Sends the URB as part of an exchange with the module, without a completion routine of ours. When it takes
 // longer than `abortAfter` (100 ns, relative; null: never), the bulk-in pipe is aborted and the wait goes on.
-[[nodiscard]] NTSTATUS SendUrb(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER abortAfter = nullptr);
+[[nodiscard]] NTSTATUS SubmitUrbOrAbort(DEVICE_EXTENSION* extension, PURB urb,
+                                        PLARGE_INTEGER abortAfter = nullptr);

@@ -1,17 +1,19 @@
 #include "navox_utils.h"
 
-// Pending-I/O count
-// ----------------------------------------------------------------------------------------------
+// Pending-I/O count ---------------------------------------------------------------------------------------
 
 namespace {
 
-void AddOne(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
-    _Requires_lock_held_(extension->StateLock)
+ULONG AddOne(DEVICE_EXTENSION* extension) _Requires_lock_held_(extension->StateLock)
 {
     if (++extension->OutstandingIO == 2)
         KeClearEvent(&extension->StopEvent);
-    TRACE(TRACE_COUNT, LEVEL_VERBOSE, "%s:%u raises the pending-I/O count to %u", caller, line,
-          extension->OutstandingIO);
+    return extension->OutstandingIO;
+}
+
+void TraceCount(const char* caller, ULONG line, ULONG count)
+{
+    TRACE(TRACE_COUNT, LEVEL_VERBOSE, "%s:%u: pending-I/O count %u", caller, line, count);
 }
 
 } // namespace
@@ -30,37 +32,61 @@ bool IsNothingPending(DEVICE_EXTENSION* extension)
 
 void IncrementIoCount(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
 {
-    SpinLockGuard guard(&extension->StateLock);
-    AddOne(extension, caller, line);
+    ULONG count;
+    {
+        SpinLockGuard guard(&extension->StateLock);
+        count = AddOne(extension);
+    }
+    TraceCount(caller, line, count);
 }
 
 bool IncrementIoCountUnlessRemoved(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
 {
-    SpinLockGuard guard(&extension->StateLock);
-    if (extension->DevicePnPState == STATE_REMOVED)
-        return false;
-    AddOne(extension, caller, line);
+    ULONG count;
+    {
+        SpinLockGuard guard(&extension->StateLock);
+        if (extension->DevicePnPState == STATE_REMOVED)
+            return false;
+        count = AddOne(extension);
+    }
+    TraceCount(caller, line, count);
     return true;
 }
 
 bool IncrementIoCountIfStarted(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
 {
-    SpinLockGuard guard(&extension->StateLock);
-    if (extension->DevicePnPState != STATE_STARTED)
-        return false;
-    AddOne(extension, caller, line);
+    ULONG count;
+    {
+        SpinLockGuard guard(&extension->StateLock);
+        if (extension->DevicePnPState != STATE_STARTED)
+            return false;
+        count = AddOne(extension);
+    }
+    TraceCount(caller, line, count);
     return true;
 }
 
 void DecrementIoCount(DEVICE_EXTENSION* extension, const char* caller, ULONG line)
 {
-    SpinLockGuard guard(&extension->StateLock);
-    const ULONG count = --extension->OutstandingIO;
-    TRACE(TRACE_COUNT, LEVEL_VERBOSE, "%s:%u lowers the pending-I/O count to %u", caller, line, count);
-    if (count == 1)
-        KeSetEvent(&extension->StopEvent, 1, FALSE);
-    else if (count == 0)
-        KeSetEvent(&extension->RemoveEvent, 1, FALSE);
+    ULONG count;
+    {
+        SpinLockGuard guard(&extension->StateLock);
+        count = --extension->OutstandingIO;
+        if (count == 1)
+            KeSetEvent(&extension->StopEvent, 1, FALSE);
+        if (count + extension->IdleDebt == 0)
+            KeSetEvent(&extension->RemoveEvent, 1, FALSE);
+    }
+    TraceCount(caller, line, count); // the extension may be gone by now
+}
+
+void DecrementIoCountUnpaired(DEVICE_EXTENSION* extension)
+{
+    {
+        SpinLockGuard guard(&extension->StateLock);
+        ++extension->IdleDebt;
+    }
+    DecrementIoCount(extension);
 }
 
 void SetPnpState(DEVICE_EXTENSION* extension, ULONG state)
@@ -73,6 +99,13 @@ ULONG GetPnpState(DEVICE_EXTENSION* extension)
 {
     SpinLockGuard guard(&extension->StateLock);
     return extension->DevicePnPState;
+}
+
+void SetPowerQueriedIfStarted(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    if (extension->DevicePnPState == STATE_STARTED)
+        extension->DevicePnPState = STATE_POWER_QUERIED;
 }
 
 void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension)
@@ -101,8 +134,20 @@ NTSTATUS AdmitRequest(PIRP irp, DEVICE_EXTENSION* extension, const char* caller,
     return STATUS_SUCCESS;
 }
 
-// Requests
-// -------------------------------------------------------------------------------------------------------
+bool HasClients(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard lock(&extension->ClientListLock);
+    return !IsListEmpty(&extension->ClientList);
+}
+
+void ReportDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state)
+{
+    POWER_STATE power;
+    power.DeviceState = state;
+    PoSetPowerState(extension->Self, DevicePowerState, power);
+}
+
+// Requests ------------------------------------------------------------------------------------------------
 
 NTSTATUS CompleteRequest(PIRP irp, NTSTATUS status, ULONG_PTR information, CCHAR boost)
 {
@@ -142,7 +187,7 @@ void QueueReader(DEVICE_EXTENSION* extension)
         KeInsertQueueDpc(&extension->ReaderDpc, nullptr, nullptr);
 }
 
-static PIRP TakeIrp(PIRP* field)
+PIRP TakeIrp(PIRP* field)
 {
     return static_cast<PIRP>(InterlockedExchangePointer(reinterpret_cast<PVOID*>(field), nullptr));
 }
@@ -159,8 +204,12 @@ void CancelReader(DEVICE_EXTENSION* extension)
     KeSetEvent(&extension->ReaderCancelEvent, IO_NO_INCREMENT, FALSE);
 }
 
-// Current and queued requests
-// ------------------------------------------------------------------------------------
+// Current and queued requests -----------------------------------------------------------------------------
+
+bool IsCancelled(const CLIENT* client, PIRP irp)
+{
+    return irp->Cancel || client->Device->RequestsCancelled;
+}
 
 NTSTATUS StartOrQueue(CLIENT* client, PIRP irp, const REQUEST_SLOT& slot)
 {
@@ -170,11 +219,11 @@ NTSTATUS StartOrQueue(CLIENT* client, PIRP irp, const REQUEST_SLOT& slot)
         cancelLock.Release();
         return slot.Start(client);
     }
-    if (irp->Cancel) {
+    if (IsCancelled(client, irp)) {
         cancelLock.Release();
         irp->IoStatus.Status = STATUS_CANCELLED;
         irp->IoStatus.Information = 0;
-        FinishRequest(client->Device, irp);
+        CompleteCounted(client->Device, irp);
         return STATUS_CANCELLED;
     }
     IoMarkIrpPending(irp);
@@ -205,11 +254,11 @@ PIRP NextRequest(CLIENT* client, PIRP finished, const REQUEST_SLOT& slot)
         next = PromoteNext(client, slot);
     }
     // From here on the client lives only as long as `next` does.
-    FinishRequest(extension, finished);
+    CompleteCounted(extension, finished);
     return next;
 }
 
-void FinishRequest(DEVICE_EXTENSION* extension, PIRP irp)
+void CompleteCounted(DEVICE_EXTENSION* extension, PIRP irp)
 {
     IoCompleteRequest(irp, IO_SERIAL_INCREMENT);
     DecrementIoCount(extension);
@@ -255,7 +304,7 @@ NAVOX_HANDS_LOCK_OVER void CompleteCurrent(CLIENT* client, LeaveRoutine* leave, 
     IoReleaseCancelSpinLock(cancelIrql);
     if (finished == nullptr)
         return;
-    FinishRequest(extension, finished);
+    CompleteCounted(extension, finished);
     // The next request, if there is one, keeps the client alive.
     if (startNext)
         (void)slot.Start(client);
@@ -267,7 +316,7 @@ NAVOX_HANDS_LOCK_OVER void NTAPI CancelQueued(PDEVICE_OBJECT device, PIRP irp)
     IoReleaseCancelSpinLock(irp->CancelIrql);
     irp->IoStatus.Status = STATUS_CANCELLED;
     irp->IoStatus.Information = 0;
-    FinishRequest(GetExtension(device), irp);
+    CompleteCounted(GetExtension(device), irp);
 }
 
 // Cancels the request as IoCancelIrp would. Entered with the cancel spin lock, which is released.
@@ -275,7 +324,7 @@ NAVOX_HANDS_LOCK_OVER static void CancelThroughItsRoutine(PDEVICE_OBJECT device,
 {
     irp->Cancel = TRUE;
     const PDRIVER_CANCEL routine = IoSetCancelRoutine(irp, nullptr);
-    if (routine == nullptr) {
+    if (routine == nullptr) { // current, and not waiting
         IoReleaseCancelSpinLock(cancelIrql);
         return;
     }
@@ -308,8 +357,7 @@ void CancelClientRequests(PDEVICE_OBJECT device, CLIENT* client)
     CancelQueueAndCurrent(device, &client->DeferredQueue, nullptr);
 }
 
-// Time-out timers
-// ------------------------------------------------------------------------------------------------
+// Time-out timers -----------------------------------------------------------------------------------------
 
 void RaiseTimerCounts(CLIENT* client)
 {

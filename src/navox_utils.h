@@ -4,8 +4,7 @@
 
 #include "navox.h"
 
-// Pending-I/O count
-// ----------------------------------------------------------------------------------------------
+// Pending-I/O count ---------------------------------------------------------------------------------------
 //
 // Every request is counted while it is inside the driver. StopEvent tells that only the bias is left,
 // RemoveEvent that the bias is gone too. IRQL <= DISPATCH_LEVEL. The caller's name and line serve only the
@@ -33,6 +32,9 @@ void DecrementIoCount(DEVICE_EXTENSION* extension, const char* caller = __builti
 // Whether nothing but the bias is counted.
 [[nodiscard]] bool IsNothingPending(DEVICE_EXTENSION* extension);
 
+// Lowers the count without a matching increment. What is signalled still waits for everybody who is inside.
+void DecrementIoCountUnpaired(DEVICE_EXTENSION* extension);
+
 // Counts a request for as long as it is in scope.
 class PendingIo {
   public:
@@ -55,6 +57,9 @@ class PendingIo {
 void SetPnpState(DEVICE_EXTENSION* extension, ULONG state);
 [[nodiscard]] ULONG GetPnpState(DEVICE_EXTENSION* extension);
 
+// To STATE_POWER_QUERIED, unless Plug and Play has other plans with the device.
+void SetPowerQueriedIfStarted(DEVICE_EXTENSION* extension);
+
 // Back to STATE_STARTED after a power-up, unless Plug and Play has other plans with the device.
 void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension);
 
@@ -64,8 +69,13 @@ void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension);
 [[nodiscard]] NTSTATUS AdmitRequest(PIRP irp, DEVICE_EXTENSION* extension,
                                     const char* caller = __builtin_FUNCTION(), ULONG line = __builtin_LINE());
 
-// Requests
-// -------------------------------------------------------------------------------------------------------
+// Whether a handle is open. IRQL <= DISPATCH_LEVEL.
+[[nodiscard]] bool HasClients(DEVICE_EXTENSION* extension);
+
+// Tells the power manager of the device's state. IRQL <= DISPATCH_LEVEL.
+void ReportDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state);
+
+// Requests ------------------------------------------------------------------------------------------------
 
 // Completes the request and returns `status`.
 NTSTATUS CompleteRequest(PIRP irp, NTSTATUS status, ULONG_PTR information = 0, CCHAR boost = IO_NO_INCREMENT);
@@ -77,6 +87,9 @@ NTSTATUS SkipAndForward(DEVICE_EXTENSION* extension, PIRP irp);
 // PASSIVE_LEVEL.
 NTSTATUS ForwardAndWait(DEVICE_EXTENSION* extension, PIRP irp);
 
+// Takes a request out of a field that several parties go for; null: somebody else has it.
+[[nodiscard]] PIRP TakeIrp(PIRP* field);
+
 // Queues ReaderDpc, unless the device has been removed: removal flushes the DPCs once. IRQL <=
 // DISPATCH_LEVEL.
 void QueueReader(DEVICE_EXTENSION* extension);
@@ -84,8 +97,7 @@ void QueueReader(DEVICE_EXTENSION* extension);
 // Cancels the reader's transfer if one is outstanding. Its data are not delivered. IRQL <= DISPATCH_LEVEL.
 void CancelReader(DEVICE_EXTENSION* extension);
 
-// Current and queued requests
-// ------------------------------------------------------------------------------------
+// Current and queued requests -----------------------------------------------------------------------------
 //
 //     dispatch --> queued ----> current ----> waiting ----> completed
 //                    |             |                            ^
@@ -101,6 +113,7 @@ inline constexpr ULONG_PTR kReferenceCancel = 0x2;
 inline constexpr ULONG_PTR kReferenceTotalTimer = 0x4;
 inline constexpr ULONG_PTR kReferenceIntervalTimer = 0x8;
 
+// Reads and buffered controls leave the fourth argument of the stack location free.
 inline ULONG_PTR References(PIRP irp)
 {
     return reinterpret_cast<ULONG_PTR>(IoGetCurrentIrpStackLocation(irp)->Parameters.Others.Argument4);
@@ -132,6 +145,9 @@ extern const REQUEST_SLOT WaitSlot; // navox_write
 // Takes the request away from the fan-out. Runs under the cancel spin lock and, inside it, the client lock.
 using LeaveRoutine = void(CLIENT* client, PIRP irp);
 
+// Whether the request must not begin to wait: it was cancelled, or the device is going. Cancel spin lock held.
+[[nodiscard]] bool IsCancelled(const CLIENT* client, PIRP irp);
+
 // Makes the request current and starts it, or queues it behind those that are there. Returns the request's
 // status.
 [[nodiscard]] NTSTATUS StartOrQueue(CLIENT* client, PIRP irp, const REQUEST_SLOT& slot);
@@ -145,12 +161,12 @@ PIRP NextRequest(CLIENT* client, PIRP finished, const REQUEST_SLOT& slot);
 
 // Clears the reference bit of the slot's current request, takes back every other reference that it can, and
 // returns the request when the last one is gone: out of the slot, with its final status, for the caller to
-// give to FinishRequest. Otherwise null: who holds the last reference completes it. Cancel spin lock held.
+// give to CompleteCounted. Otherwise null: who holds the last reference completes it. Cancel spin lock held.
 PIRP ReleaseReference(CLIENT* client, LeaveRoutine* leave, NTSTATUS status, const REQUEST_SLOT& slot,
                       ULONG_PTR reference);
 
 // Completes a request whose status is set and lowers the pending-I/O count. No spin lock held.
-void FinishRequest(DEVICE_EXTENSION* extension, PIRP irp);
+void CompleteCounted(DEVICE_EXTENSION* extension, PIRP irp);
 
 // ReleaseReference, then release of the cancel spin lock at `cancelIrql`, then completion and start of the
 // next.
@@ -163,8 +179,7 @@ DRIVER_CANCEL CancelQueued;
 // Cancels every request of the client, queued and current, through its own cancel routine. IRQL <= APC_LEVEL.
 void CancelClientRequests(PDEVICE_OBJECT device, CLIENT* client);
 
-// Time-out timers
-// ------------------------------------------------------------------------------------------------
+// Time-out timers -----------------------------------------------------------------------------------------
 //
 // Armed timers and queued completion DPCs are counted per client and per device.
 

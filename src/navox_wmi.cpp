@@ -22,6 +22,7 @@ NAVOX_PAGED NTSTATUS NTAPI WmiQueryRegInfo(PDEVICE_OBJECT device, PULONG regFlag
                                            PUNICODE_STRING* registryPath, PUNICODE_STRING,
                                            PDEVICE_OBJECT* pdo)
 {
+    PAGED_CODE();
     DEVICE_EXTENSION* extension = GetExtension(device);
     *regFlags = WMIREG_FLAG_INSTANCE_PDO;
     *registryPath = &Globals.RegistryPath;
@@ -38,6 +39,7 @@ struct Answer {
 
 NAVOX_PAGED Answer ReturnPortName(const DEVICE_EXTENSION* extension, ULONG available, UCHAR* buffer)
 {
+    PAGED_CODE();
     const UNICODE_STRING& name = extension->PortNameCopy;
     const ULONG size = name.Length + sizeof(USHORT);
     if (available < size)
@@ -52,6 +54,7 @@ NAVOX_PAGED Answer ReturnPortName(const DEVICE_EXTENSION* extension, ULONG avail
 // A null block is reported by its size only.
 NAVOX_PAGED Answer ReturnBlock(const void* block, ULONG size, ULONG available, UCHAR* buffer)
 {
+    PAGED_CODE();
     if (available < size)
         return {STATUS_BUFFER_TOO_SMALL, size};
     if (block != nullptr)
@@ -62,6 +65,7 @@ NAVOX_PAGED Answer ReturnBlock(const void* block, ULONG size, ULONG available, U
 NAVOX_PAGED Answer QueryBlock(const DEVICE_EXTENSION* extension, ULONG guidIndex, ULONG available,
                               UCHAR* buffer)
 {
+    PAGED_CODE();
     switch (guidIndex) {
     case BlockPortName: return ReturnPortName(extension, available, buffer);
     case BlockCommData:
@@ -77,6 +81,7 @@ NAVOX_PAGED Answer QueryBlock(const DEVICE_EXTENSION* extension, ULONG guidIndex
 NAVOX_PAGED NTSTATUS NTAPI WmiQueryDataBlock(PDEVICE_OBJECT device, PIRP irp, ULONG guidIndex, ULONG, ULONG,
                                              PULONG instanceLengths, ULONG available, PUCHAR buffer)
 {
+    PAGED_CODE();
     const Answer answer = QueryBlock(GetExtension(device), guidIndex, available, buffer);
     if (NT_SUCCESS(answer.Status) && instanceLengths != nullptr)
         instanceLengths[0] = answer.Used;
@@ -86,6 +91,7 @@ NAVOX_PAGED NTSTATUS NTAPI WmiQueryDataBlock(PDEVICE_OBJECT device, PIRP irp, UL
 NAVOX_PAGED NTSTATUS NTAPI WmiSetDataBlock(PDEVICE_OBJECT device, PIRP irp, ULONG guidIndex, ULONG, ULONG,
                                            PUCHAR)
 {
+    PAGED_CODE();
     const NTSTATUS status =
         guidIndex < BlockCount ? STATUS_INVALID_DEVICE_REQUEST : STATUS_WMI_GUID_NOT_FOUND;
     return WmiCompleteRequest(device, irp, status, 0, IO_NO_INCREMENT);
@@ -93,6 +99,7 @@ NAVOX_PAGED NTSTATUS NTAPI WmiSetDataBlock(PDEVICE_OBJECT device, PIRP irp, ULON
 
 NAVOX_PAGED void InitialiseCommData(SERIAL_WMI_COMM_DATA* data)
 {
+    PAGED_CODE();
     RtlZeroMemory(data, sizeof(*data));
     data->BaudRate = 9600;
     data->BitsPerByte = 8;
@@ -125,6 +132,7 @@ NAVOX_PAGED void InitialiseCommData(SERIAL_WMI_COMM_DATA* data)
 
 NAVOX_PAGED NTSTATUS WmiRegister(DEVICE_EXTENSION* extension)
 {
+    PAGED_CODE();
     InitialiseCommData(&extension->WmiCommData);
     WMILIB_CONTEXT& library = extension->WmiLibInfo;
     RtlZeroMemory(&library, sizeof(library));
@@ -138,6 +146,7 @@ NAVOX_PAGED NTSTATUS WmiRegister(DEVICE_EXTENSION* extension)
 
 NAVOX_PAGED NTSTATUS NTAPI SystemControl(PDEVICE_OBJECT device, PIRP irp)
 {
+    PAGED_CODE();
     DEVICE_EXTENSION* extension = GetExtension(device);
     const PendingIo pending(extension);
     SYSCTL_IRP_DISPOSITION disposition;

@@ -52,7 +52,7 @@ PIRP SetMask(CLIENT* client, ULONG mask)
 PIRP SetWaitMask(CLIENT* client, PIRP irp)
 {
     if (const PIRP wait = SetMask(client, SystemWord(irp)))
-        FinishRequest(client->Device, wait);
+        CompleteCounted(client->Device, wait);
     irp->IoStatus.Status = STATUS_SUCCESS;
     irp->IoStatus.Information = 0;
     return NextRequest(client, irp, MaskSlot);
@@ -101,7 +101,7 @@ PIRP WaitOnMask(CLIENT* client, PIRP irp, NTSTATUS* status)
     PIRP finished = nullptr;
     if (*status == STATUS_PENDING) {
         CancelLockGuard cancelLock;
-        if (irp->Cancel)
+        if (IsCancelled(client, irp))
             *status = STATUS_CANCELLED;
         else
             next = ArmWait(client, irp, &finished);
@@ -111,7 +111,7 @@ PIRP WaitOnMask(CLIENT* client, PIRP irp, NTSTATUS* status)
         return NextRequest(client, irp, MaskSlot);
     }
     if (finished != nullptr)
-        FinishRequest(extension, finished);
+        CompleteCounted(extension, finished);
     return next;
 }
 

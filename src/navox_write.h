@@ -1,9 +1,9 @@
 // Writes, which go nowhere, and the serial event mask.
 //
 //     no wait --WAIT_ON_MASK--> armed --event------------> completed with the events
-//        |                        |----SET_WAIT_MASK-----> completed with 0
-//        |                        +----cancelled---------> STATUS_CANCELLED
-//        +--WAIT_ON_MASK, events in the history----------> completed with them
+//        |                        |-----SET_WAIT_MASK----> completed with 0
+//        |                        '-----cancelled--------> STATUS_CANCELLED
+//        '--WAIT_ON_MASK, events in the history----------> completed with them
 #pragma once
 
 #include "navox_utils.h"
@@ -16,6 +16,6 @@ DRIVER_DISPATCH WriteDispatch;
 // held.
 [[nodiscard]] bool NoteReceiveEvents(CLIENT* client, UCHAR firstByte) _Requires_lock_held_(client->Lock);
 
-// Gives the history to the armed wait, if there still are both. Returns the wait, for FinishRequest, when
+// Gives the history to the armed wait, if there still are both. Returns the wait, for CompleteCounted, when
 // this was its last reference. IRQL <= DISPATCH_LEVEL.
 [[nodiscard]] PIRP DeliverEvents(CLIENT* client);

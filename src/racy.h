@@ -7,6 +7,10 @@ class Racy {
   public:
     Racy() = default;
     operator T() const { return __atomic_load_n(&value_, __ATOMIC_RELAXED); }
+    // What was stored by the matching Release is seen by whoever sees the value through this.
+    T Acquire() const { return __atomic_load_n(&value_, __ATOMIC_ACQUIRE); }
+    void Release(T value) { __atomic_store_n(&value_, value, __ATOMIC_RELEASE); }
+
     Racy& operator=(T value)
     {
         __atomic_store_n(&value_, value, __ATOMIC_RELAXED);

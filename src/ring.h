@@ -12,11 +12,12 @@
 #pragma once
 
 #include "navox_ddk.h"
+#include "racy.h"
 
 struct ClientRing {
     PUCHAR RingBuffer;     // the storage, RingSize bytes
     PUCHAR FillBase;       // start of the area being filled: RingBuffer, or the waiting read's buffer
-    ULONG RingCount;       // unread bytes in the ring
+    Racy<ULONG> RingCount; // unread bytes in the ring
     PUCHAR WritePosition;  // next byte to be written
     PUCHAR LastSlot;       // last byte of the area being filled
     PUCHAR ReadPosition;   // oldest unread byte
@@ -62,7 +63,8 @@ struct ClientRing {
     // Copies up to `wanted` unread bytes out and returns how many. Account lowers the count afterwards.
     [[nodiscard]] ULONG Take(PUCHAR destination, ULONG wanted)
     {
-        const ULONG n = RingCount < wanted ? RingCount : wanted;
+        const ULONG unread = RingCount.Acquire(); // one look: Append may be adding to it
+        const ULONG n = unread < wanted ? unread : wanted;
         const ULONG contiguous = static_cast<ULONG>(RingBuffer + RingSize - ReadPosition);
         if (n == 0)
             return 0;
@@ -80,7 +82,7 @@ struct ClientRing {
     void Account(ULONG taken)
     {
         ASSERT(taken <= RingCount);
-        RingCount -= taken;
+        RingCount = RingCount - taken;
     }
 
     // `buffer` of `length` bytes holds `filled` already; the ring is empty.
@@ -114,6 +116,6 @@ struct ClientRing {
         RtlCopyMemory(WritePosition, bytes, first);
         RtlCopyMemory(RingBuffer, bytes + first, n - first);
         WritePosition = n < beforeWrap ? WritePosition + n : RingBuffer + (n - first);
-        RingCount += n;
+        RingCount.Release(RingCount + n); // the bytes first, for Take
     }
 };

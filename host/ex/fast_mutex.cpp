@@ -42,20 +42,33 @@ void BlockFor(FAST_MUTEX& mutex, Scheduler& scheduler)
 
 } // namespace
 
-VOID NTAPI ExAcquireFastMutex(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
+static void Acquire(PFAST_MUTEX mutex, KIRQL irql, const char* routine, const void* caller) HOST_NO_ANALYSIS
 {
-    const void* const caller = __builtin_return_address(0);
     Thread& self = KiSelf();
-    CheckUse(*FastMutex, __func__, caller);
-    if (VfEnabled() && !KiKernel().locks.Acquiring(self, FastMutex, LockKind::FastMutex, caller))
+    CheckUse(*mutex, routine, caller);
+    if (VfEnabled() && !KiKernel().locks.Acquiring(self, mutex, LockKind::FastMutex, caller))
         return;
     const KIRQL old_irql = self.irql;
     KiYield(YieldPoint::Lock);
-    if (!TryTake(*FastMutex))
-        BlockFor(*FastMutex, self.kernel.GetScheduler());
-    if (old_irql < APC_LEVEL)
-        KiSetIrql(self, APC_LEVEL);
-    Own(*FastMutex, self, old_irql, caller);
+    if (!TryTake(*mutex))
+        BlockFor(*mutex, self.kernel.GetScheduler());
+    if (old_irql < irql)
+        KiSetIrql(self, irql);
+    Own(*mutex, self, old_irql, caller);
+}
+
+VOID NTAPI ExAcquireFastMutex(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
+{
+    Acquire(FastMutex, APC_LEVEL, __func__, __builtin_return_address(0));
+}
+
+VOID NTAPI ExAcquireFastMutexUnsafe(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
+{
+    const void* const caller = __builtin_return_address(0);
+    const Thread& self = KiSelf();
+    if (self.irql < APC_LEVEL && self.critical_regions == 0)
+        VfReport(Rule::FastMutexIrql, __func__, "below APC_LEVEL and in no critical region", caller);
+    Acquire(FastMutex, self.irql, __func__, caller);
 }
 
 BOOLEAN NTAPI ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
@@ -73,25 +86,36 @@ BOOLEAN NTAPI ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
     return TRUE;
 }
 
-VOID NTAPI ExReleaseFastMutex(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
+static void Release(PFAST_MUTEX mutex, bool restore_irql, const void* caller) HOST_NO_ANALYSIS
 {
-    const void* const caller = __builtin_return_address(0);
     Thread& self = KiSelf();
-    if (self.irql != APC_LEVEL)
-        VfReport(Rule::FastMutexReleaseIrql, __func__,
-                 "IRQL is " + std::to_string(self.irql) + "; " + VfDescribeLocksHeld(), caller);
-    if (VfEnabled() &&
-        !KiKernel().locks.Releasing(self, FastMutex, LockKind::FastMutex, std::nullopt, caller))
+    if (VfEnabled() && !KiKernel().locks.Releasing(self, mutex, LockKind::FastMutex, std::nullopt, caller))
         return;
-    const auto old_irql = static_cast<KIRQL>(FastMutex->OldIrql);
-    FastMutex->Owner = nullptr;
-    __atomic_store_n(&FastMutex->Count, FM_LOCK_BIT, __ATOMIC_RELEASE);
+    const auto old_irql = static_cast<KIRQL>(mutex->OldIrql);
+    mutex->Owner = nullptr;
+    __atomic_store_n(&mutex->Count, FM_LOCK_BIT, __ATOMIC_RELEASE);
     {
         // Once it is free another thread may free its memory as well: it is touched under this lock at most,
         // where the next owner's release comes after.
         const MutexLock lock(KiDispatcher());
-        KiSignal(FastMutex->Event.Header);
+        KiSignal(mutex->Event.Header);
     }
-    KiSetIrql(self, old_irql);
+    if (restore_irql)
+        KiSetIrql(self, old_irql);
     KiYield(YieldPoint::Unlock);
+}
+
+VOID NTAPI ExReleaseFastMutex(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
+{
+    const void* const caller = __builtin_return_address(0);
+    const Thread& self = KiSelf();
+    if (self.irql != APC_LEVEL)
+        VfReport(Rule::FastMutexReleaseIrql, __func__,
+                 "IRQL is " + std::to_string(self.irql) + "; " + VfDescribeLocksHeld(), caller);
+    Release(FastMutex, true, caller);
+}
+
+VOID NTAPI ExReleaseFastMutexUnsafe(PFAST_MUTEX FastMutex) HOST_NO_ANALYSIS
+{
+    Release(FastMutex, false, __builtin_return_address(0));
 }

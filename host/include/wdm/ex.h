@@ -41,6 +41,11 @@ _IRQL_requires_max_(DISPATCH_LEVEL) VOID NTAPI ExFreePool(PVOID P);
 _IRQL_requires_max_(APC_LEVEL) VOID NTAPI ExAcquireFastMutex(PFAST_MUTEX FastMutex)
     _Acquires_lock_(FastMutex);
 _IRQL_requires_(APC_LEVEL) VOID NTAPI ExReleaseFastMutex(PFAST_MUTEX FastMutex) _Releases_lock_(FastMutex);
+/// The same for callers that have disabled APCs, by a critical region or APC_LEVEL; the IRQL stays.
+_IRQL_requires_max_(APC_LEVEL) VOID NTAPI ExAcquireFastMutexUnsafe(PFAST_MUTEX FastMutex)
+    _Acquires_lock_(FastMutex);
+_IRQL_requires_max_(APC_LEVEL) VOID NTAPI ExReleaseFastMutexUnsafe(PFAST_MUTEX FastMutex)
+    _Releases_lock_(FastMutex);
 _IRQL_requires_max_(APC_LEVEL) BOOLEAN NTAPI ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex)
     SAL_TSA(try_acquire_capability(1, FastMutex));
 
