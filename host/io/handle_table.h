@@ -17,6 +17,8 @@ class ObHandleBody {
     virtual ~ObHandleBody() = default;
     // For reports: "key \Registry\...".
     virtual std::string Describe() const = 0;
+    // What ObReferenceObjectByHandle gives for it; nullptr when it has no object of its own.
+    virtual PVOID Object() const { return nullptr; }
 };
 
 class ObHandleTable : public Component {
