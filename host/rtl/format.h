@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <wdm/rtl.h>
@@ -14,7 +15,8 @@ namespace host {
 // The arguments of a variadic routine, in either calling convention.
 class RtlpArguments {
   public:
-    explicit RtlpArguments(va_list list) { va_copy(list_, list); }
+    // why: inlined into a routine of the platform's convention, clang's va_copy copies one pointer only.
+    explicit RtlpArguments(va_list list) { std::memcpy(list_, list, sizeof(list_)); }
     ~RtlpArguments() { va_end(list_); }
     RtlpArguments(const RtlpArguments&) = delete;
     RtlpArguments& operator=(const RtlpArguments&) = delete;
