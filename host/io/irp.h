@@ -41,6 +41,7 @@ enum class IrpOrigin : std::uint8_t {
 struct IrpTurn {
     std::uint64_t call = 0; // which IofCallDriver entered it; 0: none yet
     PDEVICE_OBJECT device = nullptr;
+    bool forced = false;    // the kernel marked it pending and answered STATUS_PENDING in its driver's place
     bool completed = false;        // completion has passed it
     bool marked = false;           // it was marked pending then
     bool started_next = false;     // PoStartNextPowerIrp was called in this turn

@@ -37,9 +37,8 @@ void HangUp(PIRP irp)
     IoReleaseCancelSpinLock(irql);
 }
 
-void DispatchLater(PDEVICE_OBJECT device, PIRP irp, IrpTicket ticket, Time delay)
+void DispatchLater(PDEVICE_OBJECT device, PIRP irp, const IrpTicket& ticket, Time delay)
 {
-    ticket.forced_pending = true;
     Kernel::Current().Get<SlowDriver>().actor.Post([=] {
         if (delay != 0)
             Kernel::Current().RunFor(delay);
@@ -62,7 +61,7 @@ bool IopLowerFault(PDEVICE_OBJECT device, PIRP irp, const IrpTicket& ticket, NTS
         IopCompleteRequest(irp, nullptr);
         return true;
     }
-    IoMarkIrpPending(irp);
+    VfIrpForcePending(ticket);
     *status = STATUS_PENDING;
     if (fault->action == FaultAction::Hang)
         HangUp(irp);

@@ -125,7 +125,7 @@ NTSTATUS PowerManager::Call(PDEVICE_OBJECT device, PIRP irp, const void* caller)
     IoSetNextIrpStackLocation(irp);
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     location->DeviceObject = device;
-    IrpTicket ticket = VfIrpEnter(record, device, irp);
+    const IrpTicket ticket = VfIrpEnter(record, device, irp);
     const auto type = static_cast<std::size_t>(location->Parameters.Power.Type & 1);
     const bool serialised = IsSerialised(location->MinorFunction);
     {
@@ -133,8 +133,7 @@ NTSTATUS PowerManager::Call(PDEVICE_OBJECT device, PIRP irp, const void* caller)
         PoDevice& power = *device->DeviceObjectExtension->power;
         ++power.outstanding;
         if (serialised && power.busy[type]) {
-            IoMarkIrpPending(irp);
-            ticket.forced_pending = true;
+            VfIrpForcePending(ticket);
             power.waiting[type].push_back({irp, ticket});
             return STATUS_PENDING;
         }

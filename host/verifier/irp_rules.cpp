@@ -123,11 +123,14 @@ IrpTicket VfIrpEnter(const IrpRecordPtr& record, PDEVICE_OBJECT device, PIRP irp
     record->major = location->MajorFunction;
     record->minor = location->MinorFunction;
     IrpTurn& turn = record->turns[static_cast<std::size_t>(index)];
+    // A driver that skipped its location leaves the mark in it.
+    const bool forced = turn.forced && turn.call != 0 && !turn.completed;
     turn = IrpTurn{};
+    turn.forced = forced;
     turn.call = ++record->calls;
     turn.device = device;
     turn.entry_status = irp->IoStatus.Status;
-    return {record, index, turn.call, location->MajorFunction, false};
+    return {record, index, turn.call, location->MajorFunction};
 }
 
 namespace {
@@ -194,12 +197,10 @@ void CheckFinalAnswer(const IrpTicket& ticket, const Turn& turn, NTSTATUS status
 
 void VfIrpDispatched(const IrpTicket& ticket, NTSTATUS status, const void* routine)
 {
-    if (ticket.forced_pending)
-        return;
     if (status == STATUS_PENDING)
         NotePending(ticket);
     const Turn turn = TurnOf(ticket);
-    if (!turn.current)
+    if (!turn.current || turn.state.forced)
         return; // the driver below was called again by a driver that had kept the request
     if (status == STATUS_PENDING)
         CheckPendingAnswer(ticket, turn, routine);
@@ -318,6 +319,13 @@ void VfIrpBack(IrpRecord& record)
 {
     const MutexLock lock(IrpTable::Current().mutex);
     record.in_flight = false;
+}
+
+void VfIrpForcePending(const IrpTicket& ticket)
+{
+    IoMarkIrpPending(ticket.record->irp);
+    const MutexLock lock(IrpTable::Current().mutex);
+    ticket.record->turns[static_cast<std::size_t>(ticket.index)].forced = true;
 }
 
 bool VfIrpContinues(const IrpRecordPtr& record, int index, bool pending, const void* routine)

@@ -12,7 +12,6 @@ struct IrpTicket {
     int index = 0; // stack location
     std::uint64_t call = 0;
     UCHAR major = 0;
-    bool forced_pending = false; // a fault answered STATUS_PENDING in the driver's place
 };
 
 // Before a routine that takes a request. Null or false: the kernel cannot go on with that request.
@@ -31,6 +30,8 @@ void VfIrpQueuedToThread(PIRP irp);
 
 // A driver is about to be called with the request, and has returned.
 IrpTicket VfIrpEnter(const IrpRecordPtr& record, PDEVICE_OBJECT device, PIRP irp);
+// The kernel answers STATUS_PENDING in the driver's place and calls it later. Marks the request.
+void VfIrpForcePending(const IrpTicket& ticket);
 void VfIrpDispatched(const IrpTicket& ticket, NTSTATUS status, const void* routine);
 
 // Completion leaves stack location `index`.

@@ -3,6 +3,7 @@
 
 #include "io/device.h"
 #include "io/driver.h"
+#include "io/irp.h"
 #include "io/io_manager.h"
 #include "ke/kernel.h"
 #include "nt/file.h"

@@ -1,0 +1,148 @@
+// Names, device stacks, drivers and device interfaces.
+#include "scripted_driver.h"
+
+#include "cm/configuration_manager.h"
+#include "io/object_names.h"
+
+namespace {
+
+using host_test::Bench;
+using host_test::Counted;
+using host::Rule;
+
+struct NameCase {
+    const char16_t* path;
+    bool found;
+    const char16_t* rest;
+};
+
+TEST(ObjectNames, LeadThroughLinksToDevices)
+{
+    DEVICE_OBJECT device{};
+    host::ObjectNames names;
+    EXPECT_EQ(names.AddDevice(u"\\Device\\gps0", &device), STATUS_SUCCESS);
+    EXPECT_EQ(names.AddDevice(u"\\device\\GPS0", &device), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(names.AddLink(u"\\DosDevices\\COM5", u"\\Device\\gps0"), STATUS_SUCCESS);
+    EXPECT_EQ(names.AddLink(u"\\??\\com5", u"\\Device\\other"), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(names.AddLink(u"\\??\\GPS", u"\\GLOBAL??\\COM5"), STATUS_SUCCESS);
+    EXPECT_EQ(names.AddLink(u"\\??\\LOOP", u"\\??\\LOOP"), STATUS_SUCCESS);
+    EXPECT_EQ(names.AddLink(u"COM6", u"\\Device\\gps0"), STATUS_OBJECT_PATH_SYNTAX_BAD);
+    const NameCase cases[] = {
+        {u"\\??\\COM5", true, u""},          {u"\\GLOBAL??\\com5", true, u""},
+        {u"\\??\\GPS", true, u""},           {u"\\DosDevices\\gps\\File Name", true, u"\\File Name"},
+        {u"\\Device\\gps0\\a\\b", true, u"\\a\\b"}, {u"\\Device\\gps01", false, u""},
+        {u"\\??\\COM55", false, u""},        {u"\\??\\LOOP", false, u""},
+        {u"", false, u""},                   {u"\\", false, u""},
+    };
+    LONG opens = 0;
+    for (const NameCase& item : cases) {
+        const auto found = names.Open(item.path);
+        EXPECT_EQ(found.has_value(), item.found);
+        EXPECT_TRUE(!found || found->rest == item.rest);
+        opens += item.found ? 1 : 0;
+        EXPECT_EQ(device.ReferenceCount, opens);
+    }
+    EXPECT_EQ(names.RemoveLink(u"\\Device\\gps0"), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(names.RemoveLink(u"\\??\\com5"), STATUS_SUCCESS);
+    EXPECT_EQ(names.RemoveLink(u"\\??\\com5"), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_FALSE(names.Open(u"\\??\\GPS"));
+}
+
+TEST(Device, IsMadeAsItsDriverAsks)
+{
+    Bench bench;
+    std::u16string name = u"\\Device\\made";
+    UNICODE_STRING counted = Counted(name);
+    PDEVICE_OBJECT device = nullptr;
+    ASSERT_EQ(IoCreateDevice(bench.driver, 100, &counted, FILE_DEVICE_SERIAL_PORT, 0x102, TRUE, &device),
+              STATUS_SUCCESS);
+    EXPECT_EQ(device->Flags, ULONG{DO_DEVICE_INITIALIZING | DO_EXCLUSIVE});
+    EXPECT_EQ(device->DeviceType, ULONG{FILE_DEVICE_SERIAL_PORT});
+    EXPECT_EQ(device->Characteristics, 0x102U);
+    EXPECT_EQ(device->StackSize, 1);
+    const auto* bytes = static_cast<const UCHAR*>(device->DeviceExtension);
+    EXPECT_TRUE(std::all_of(bytes, bytes + 100, [](UCHAR byte) { return byte == 0; }));
+    EXPECT_EQ(bench.driver->DeviceObject, device);
+    PDEVICE_OBJECT second = nullptr;
+    EXPECT_EQ(IoCreateDevice(bench.driver, 0, &counted, 0, 0, FALSE, &second), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(second, nullptr);
+    // Until it is initialised nobody can open it or attach to it.
+    host::nt::File file;
+    EXPECT_EQ(host::nt::File::Open("\\Device\\made", &file), STATUS_NO_SUCH_DEVICE);
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(bench.script.device, device), nullptr);
+    device->Flags &= ~ULONG{DO_DEVICE_INITIALIZING};
+    ASSERT_EQ(host::nt::File::Open("\\Device\\made", &file), STATUS_SUCCESS);
+    host::nt::File other;
+    EXPECT_EQ(host::nt::File::Open("\\Device\\made", &other), STATUS_ACCESS_DENIED) << "it is exclusive";
+    file.Close();
+    IoDeleteDevice(device);
+    EXPECT_EQ(host::nt::File::Open("\\Device\\made", &file), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(Device, StacksGrowAndShrinkAtTheTop)
+{
+    Bench bench;
+    PDEVICE_OBJECT bottom = bench.script.device;
+    PDEVICE_OBJECT middle = host_test::MakeDevice(bench.driver, u"");
+    PDEVICE_OBJECT top = host_test::MakeDevice(bench.driver, u"");
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(middle, bottom), bottom);
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(top, bottom), middle) << "on top of what is there";
+    EXPECT_EQ(top->StackSize, 3);
+    EXPECT_EQ(host::IopTopOf(bottom), top);
+    EXPECT_EQ(host::IopBottomOf(top), bottom);
+    IoDetachDevice(middle);
+    IoDeleteDevice(top);
+    EXPECT_EQ(host::IopTopOf(bottom), middle);
+    IoDetachDevice(bottom);
+    IoDeleteDevice(middle);
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(Device, LivesUntilTheLastReferenceGoes)
+{
+    Bench bench;
+    PDEVICE_OBJECT device = bench.script.device;
+    host::nt::File file = bench.Open();
+    ObReferenceObject(device);
+    IoDeleteDevice(device);
+    EXPECT_TRUE(host::IoManager::Current().DeviceExists(device));
+    file.Close();
+    EXPECT_TRUE(bench.script.Saw("IRP_MJ_CLOSE"));
+    EXPECT_TRUE(host::IoManager::Current().DeviceExists(device));
+    ObDereferenceObject(device);
+    EXPECT_FALSE(host::IoManager::Current().DeviceExists(device));
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(Driver, LoadsUnderItsServicesKey)
+{
+    Bench bench;
+    EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry), STATUS_IMAGE_ALREADY_LOADED);
+    const auto key = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\scripted";
+    EXPECT_TRUE(host::ConfigurationManager::Current().Registry().Open(key));
+    EXPECT_EQ(host::IoUnloadDriver("scripted"), STATUS_DEVICE_BUSY) << "it has a device";
+    EXPECT_EQ(host::IoUnloadDriver("another"), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST(Driver, ThatFailsItsEntryIsNotThere)
+{
+    Bench bench(Bench::Recording(), false);
+    EXPECT_EQ(host::IoUnloadDriver("scripted"), STATUS_SUCCESS);
+    bench.script.entry = [](PDRIVER_OBJECT) { return STATUS_INSUFFICIENT_RESOURCES; };
+    EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(host::IoDriverByName("scripted"), nullptr);
+    bench.script.entry = nullptr;
+    EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry, &bench.driver), STATUS_SUCCESS);
+}
+
+TEST(Driver, WithoutARoutineFailsTheRequest)
+{
+    Bench bench;
+    bench.script.entry = [](PDRIVER_OBJECT) { return STATUS_SUCCESS; };
+    bench.driver->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = &host::IopInvalidDeviceRequest;
+    const host::nt::File file = bench.Open();
+    EXPECT_EQ(file.Flush().status, STATUS_INVALID_DEVICE_REQUEST);
+}
+
+} // namespace
