@@ -10,37 +10,10 @@ namespace {
 // {6E61766F-7847-5053-8A11-0C0DCAC3A0D1}
 constexpr GUID kProvider = {0x6E61766F, 0x7847, 0x5053, {0x8A, 0x11, 0x0C, 0x0D, 0xCA, 0xC3, 0xA0, 0xD1}};
 
-// The platform's own layouts, under names of ours: its headers may declare them or not.
-struct TraceEvent {
-    USHORT Id;
-    UCHAR Version;
-    UCHAR Channel;
-    UCHAR Level;
-    UCHAR Opcode;
-    USHORT Task;
-    ULONGLONG Keyword;
-};
-static_assert(sizeof(TraceEvent) == 16);
-
-struct TraceData {
-    ULONGLONG Pointer;
-    ULONG Size;
-    ULONG Reserved;
-};
-static_assert(sizeof(TraceData) == 16);
-
-using EnableCallback = void(NTAPI*)(const GUID* source, ULONG enable, UCHAR level, ULONGLONG any,
-                                    ULONGLONG all, PVOID filter, PVOID context);
-using RegisterRoutine = NTSTATUS(NTAPI*)(const GUID* provider, EnableCallback callback, PVOID context,
-                                         ULONGLONG* handle);
-using WriteRoutine = NTSTATUS(NTAPI*)(ULONGLONG handle, const TraceEvent* event, const GUID* activity,
-                                      ULONG count, TraceData* data);
-using UnregisterRoutine = NTSTATUS(NTAPI*)(ULONGLONG handle);
-
 struct Provider {
-    ULONGLONG Handle;
-    WriteRoutine Write;
-    UnregisterRoutine Unregister;
+    REGHANDLE Handle;
+    decltype(&EtwWrite) Write;
+    decltype(&EtwUnregister) Unregister;
     Racy<LONG> Level; // the highest level that a session asked for; 0: none
     Racy<ULONGLONG> Flags;
 };
@@ -54,7 +27,8 @@ Routine FindSystemRoutine(PCWSTR name)
     return reinterpret_cast<Routine>(MmGetSystemRoutineAddress(&string));
 }
 
-void NTAPI OnEnable(const GUID*, ULONG enable, UCHAR level, ULONGLONG any, ULONGLONG, PVOID, PVOID)
+void NTAPI OnEnable(LPCGUID, ULONG enable, UCHAR level, ULONGLONG any, ULONGLONG, PEVENT_FILTER_DESCRIPTOR,
+                    PVOID)
 {
     // An empty keyword mask asks for everything.
     TheProvider.Flags = any != 0 ? any : ~0ULL;
@@ -65,9 +39,9 @@ void NTAPI OnEnable(const GUID*, ULONG enable, UCHAR level, ULONGLONG any, ULONG
 
 void TraceRegister()
 {
-    const auto registerProvider = FindSystemRoutine<RegisterRoutine>(L"EtwRegister");
-    TheProvider.Write = FindSystemRoutine<WriteRoutine>(L"EtwWrite");
-    TheProvider.Unregister = FindSystemRoutine<UnregisterRoutine>(L"EtwUnregister");
+    const auto registerProvider = FindSystemRoutine<decltype(&EtwRegister)>(L"EtwRegister");
+    TheProvider.Write = FindSystemRoutine<decltype(&EtwWrite)>(L"EtwWrite");
+    TheProvider.Unregister = FindSystemRoutine<decltype(&EtwUnregister)>(L"EtwUnregister");
     if (registerProvider == nullptr || TheProvider.Write == nullptr || TheProvider.Unregister == nullptr)
         return;
     if (!NT_SUCCESS(registerProvider(&kProvider, OnEnable, nullptr, &TheProvider.Handle)))
@@ -97,14 +71,14 @@ void TraceWrite(TraceFlag flag, TraceLevel level, const char* format, ...)
     SIZE_T length = 0;
     while (line[length] != '\0')
         ++length;
-    const TraceEvent event = {.Id = 1,
-                              .Version = 0,
-                              .Channel = 0,
-                              .Level = level,
-                              .Opcode = 0,
-                              .Task = 0,
-                              .Keyword = static_cast<ULONGLONG>(flag)};
-    TraceData data = {reinterpret_cast<ULONGLONG>(line), static_cast<ULONG>(length + 1), 0};
+    const EVENT_DESCRIPTOR event = {.Id = 1,
+                                    .Version = 0,
+                                    .Channel = 0,
+                                    .Level = level,
+                                    .Opcode = 0,
+                                    .Task = 0,
+                                    .Keyword = static_cast<ULONGLONG>(flag)};
+    EVENT_DATA_DESCRIPTOR data = {reinterpret_cast<ULONGLONG>(line), static_cast<ULONG>(length + 1), 0};
     TheProvider.Write(TheProvider.Handle, &event, nullptr, 1, &data);
 }
 

@@ -48,6 +48,10 @@ struct KernelOptions {
     unsigned dpc_processors = 2;
     unsigned worker_threads = 4; // of each work queue
 
+    // Timers expire at multiples of this since the start, as at the interrupts of a clock. The system's own
+    // clock ticks every 15.625 ms (156,250).
+    Time clock_tick = 1;
+
     bool verifier = true;
     Policy policy = Policy::Stop;
     std::vector<Excuse> excuses;

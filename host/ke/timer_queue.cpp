@@ -17,7 +17,7 @@ bool TimerQueue::Set(KTIMER& timer, Time due, ULONG period_ms, KDPC* dpc)
     if (thread_ == nullptr)
         thread_ = KiStartThread("timers", ThreadKind::System, [this] { Serve(); });
     else if (armed_.begin()->second == &timer)
-        kernel_.GetScheduler().SetDeadline(*thread_, due);
+        kernel_.GetScheduler().SetDeadline(*thread_, armed_.begin()->first);
     return was_armed;
 }
 
@@ -43,6 +43,9 @@ void TimerQueue::Shutdown()
 
 void TimerQueue::Arm(KTIMER& timer, Time due)
 {
+    const Time tick = kernel_.Options().clock_tick;
+    if (due > kernel_.GetScheduler().Now() && due <= kForever - tick)
+        due = (due + tick - 1) / tick * tick;
     timer.DueTime.QuadPart = static_cast<ULONGLONG>(due);
     timer.Header.Inserted = TRUE;
     armed_.emplace(due, &timer);

@@ -112,7 +112,8 @@ bool VfDeviceDelete(PDEVICE_OBJECT device, const void* caller)
     }
     const auto* extension = device->DeviceObjectExtension;
     const std::string name = IopDescribeDevice(device);
-    if (device->AttachedDevice != nullptr)
+    // A bus driver deletes its device object on the way of the remove request, before those above detach.
+    if (device->AttachedDevice != nullptr && (device->Flags & DO_BUS_ENUMERATED_DEVICE) == 0)
         VfReport(Rule::DeviceDeletedUnder, extension->owner,
                  name + " is deleted under " + IopDescribeDevice(device->AttachedDevice), caller);
     if (extension->attached_to != nullptr)

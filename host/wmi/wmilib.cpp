@@ -49,7 +49,8 @@ NTSTATUS NotCompleted(PIRP irp, Refusal refusal, PSYSCTL_IRP_DISPOSITION disposi
 void PutString(UCHAR* buffer, ULONG* offset, const UNICODE_STRING& text)
 {
     std::memcpy(buffer + *offset, &text.Length, sizeof text.Length);
-    std::memcpy(buffer + *offset + sizeof text.Length, text.Buffer, text.Length);
+    if (text.Length != 0)
+        std::memcpy(buffer + *offset + sizeof text.Length, text.Buffer, text.Length);
     *offset += static_cast<ULONG>(sizeof text.Length) + text.Length;
 }
 
