@@ -1,10 +1,12 @@
-# navox_add_test(<name> [SOURCES] <source>... [LIBS <library>...] [LABELS <label>...] [TIMEOUT <seconds>] [OWN_MAIN])
+# navox_add_test(<name> [SOURCES] <source>... [LIBS <library>...] [LABELS <label>...] [TIMEOUT <seconds>]
+#                [OWN_MAIN])
 #
 # One area of tests: a GoogleTest executable whose cases CTest lists as <name>.<suite>.<case>. TIMEOUT is
-# for each case (default 60 s). Cases with the label `live` also run under ThreadSanitizer. OWN_MAIN: one
-# of the sources has a main of its own.
+# for each case (default 60 s). Cases with the label `live` also run under ThreadSanitizer; the target live_tests
+# builds them. OWN_MAIN: one of the sources has a main of its own.
 find_package(GTest REQUIRED)
 include(GoogleTest)
+add_custom_target(live_tests)
 
 function(navox_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "OWN_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS")
@@ -15,6 +17,9 @@ function(navox_add_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} navox_options GTest::gtest)
   if(NOT arg_OWN_MAIN)
     target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
+  if("live" IN_LIST arg_LABELS)
+    add_dependencies(live_tests ${name})
   endif()
   set(properties TIMEOUT ${arg_TIMEOUT})
   if(arg_LABELS)
