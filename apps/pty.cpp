@@ -98,9 +98,9 @@ void Pty::Unwatch()
 }
 
 // A terminal that nobody has open hangs up on its master.
-bool Pty::Occupied() const
+bool Pty::Occupied()
 {
-    pollfd master{const_cast<asio::posix::stream_descriptor&>(master_).native_handle(), POLLIN, 0};
+    pollfd master{master_.native_handle(), POLLIN, 0};
     return ::poll(&master, 1, 0) >= 0 && (master.revents & POLLHUP) == 0;
 }
 

@@ -32,7 +32,7 @@ class Pty {
     void Unwatch();
     void AwaitEvents();
     void OnEvents(std::size_t size);
-    bool Occupied() const;
+    bool Occupied();
     void Join();
     void Leave();
     void AwaitInput();

@@ -1,0 +1,95 @@
+"""Wrong arguments, missing files, a busy port: one clear line, exit status 2."""
+
+import pathlib
+import socket
+import tempfile
+import unittest
+
+import navox
+
+
+class CommandLine(unittest.TestCase):
+    def refuse(self, *arguments, says):
+        """`says`: words that the one line must have."""
+        with self.subTest(arguments=arguments):
+            answer = navox.run_host(*arguments)
+            lines = answer.stderr.decode().splitlines()
+            self.assertEqual(answer.returncode, 2, lines)
+            self.assertEqual(len(lines), 1, lines)
+            self.assertTrue(lines[0].startswith("navox-host: "), lines)
+            for word in says:
+                self.assertIn(word, lines[0])
+            self.assertEqual(answer.stdout, b"")
+
+    def test_wrong_arguments(self):
+        for arguments, says in [
+            (["--port", "COM0"], ["--port", "COM0"]),
+            (["--port", "LPT1"], ["LPT1"]),
+            (["--port", "COM5x"], ["COM5x"]),
+            (["--pty", "-1"], ["--pty"]),
+            (["--pty", "many"], ["--pty", "many"]),
+            (["--tcp", "10110"], ["--tcp"]),
+            (["--tcp", "127.0.0.1:65536"], ["--tcp"]),
+            (["--tcp", "somewhere:1"], ["somewhere"]),
+            (["--tcp", "192.0.2.1:0"], ["192.0.2.1"]),
+            (["--rate", "11"], ["--rate"]),
+            (["--rate", "-1"], ["--rate"]),
+            (["--rate", "fast"], ["--rate", "fast"]),
+            (["--for", "0"], ["--for"]),
+            (["--for", "soon"], ["--for", "soon"]),
+            (["--for", "nan"], ["--for"]),
+            (["--log", "loud"], ["--log", "loud"]),
+            (["--colour"], ["--colour"]),
+            (["COM5"], ["COM5"]),
+            (["--replay"], ["--replay"]),
+            (["--status"], ["no instance"]),
+        ]:
+            self.refuse(*arguments, says=says)
+
+    def test_files_that_cannot_be_used(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = pathlib.Path(name)
+            (folder / "comments.log").write_bytes(b"# nothing else\n")
+            (folder / "sentence.log").write_bytes(b"$GPTXT,hello*00\r\n")
+            (folder / "bad.reg").write_text(
+                'Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE]\n"A"=dword:xyz\n')
+            for arguments, says in [
+                (["--replay", str(folder / "missing.log")], ["missing.log"]),
+                (["--replay", name], [name]),
+                (["--replay", str(folder / "comments.log")], ["comments.log"]),
+                (["--replay", str(folder / "sentence.log"), "--rate", "1001"], ["1000"]),
+                (["--registry", str(folder / "missing.reg")], ["missing.reg"]),
+                (["--registry", str(folder / "sentence.log")], ["sentence.log", "line 1"]),
+                (["--registry", str(folder / "bad.reg")], ["bad.reg", "line 4"]),
+                (["--trace", str(folder / "missing" / "trace.json")], ["trace.json"]),
+            ]:
+                self.refuse("--tcp", "127.0.0.1:0", *arguments, says=says)
+
+    def test_what_is_taken_already(self):
+        with socket.create_server(("127.0.0.1", 0)) as other:
+            address = f"127.0.0.1:{other.getsockname()[1]}"
+            self.refuse("--tcp", address, says=[address, "in use"])
+        with navox.Host("--quiet", "--rate", "0") as host:
+            answer = navox.run_host("--quiet", "--tcp", "127.0.0.1:0", runtime=host.runtime)
+            self.assertEqual(answer.returncode, 2, answer.stderr)
+            self.assertIn(b"another instance", answer.stderr)
+            self.assertEqual(host.status(), {}, "the first one still serves")
+
+    def test_a_folder_that_others_can_enter(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = pathlib.Path(name) / "navox"
+            folder.mkdir()
+            folder.chmod(0o777)
+            answer = navox.run_host("--tcp", "127.0.0.1:0", runtime=name)
+            self.assertEqual(answer.returncode, 2, answer.stderr)
+            self.assertIn(b"only this user", answer.stderr)
+
+    def test_help(self):
+        answer = navox.run_host("--help")
+        self.assertEqual((answer.returncode, answer.stderr), (0, b""))
+        for option in ["port", "pty", "tcp", "replay", "rate", "for", "registry", "trace", "log", "quiet", "status"]:
+            self.assertIn(b"--" + option.encode(), answer.stdout)
+
+
+if __name__ == "__main__":
+    navox.main()
