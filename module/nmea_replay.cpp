@@ -57,7 +57,12 @@ NmeaReplay::NmeaReplay(std::string_view log, ReplayOptions options) : options_(o
 NmeaReplay NmeaReplay::FromFile(const std::string& path, ReplayOptions options)
 {
     std::ifstream file(path, std::ios::binary);
-    const std::string log((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::string log;
+    try {
+        log.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    } catch (const std::ios_base::failure&) { // a folder
+        file.setstate(std::ios::badbit);
+    }
     if (!file) {
         throw std::runtime_error("cannot read the log " + path);
     }
