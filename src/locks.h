@@ -25,8 +25,8 @@ class NAVOX_SCOPED_LOCK SpinLockGuard {
     KIRQL irql_;
 };
 
-// Holds a fast mutex. PASSIVE_LEVEL, and so is the holder: the registry may be written under it. What the IRQL would
-// have kept out, the critical region does.
+// Holds a fast mutex. PASSIVE_LEVEL, and so is the holder: the registry may be written under it. What the
+// IRQL would have kept out, the critical region does.
 class FastMutexGuard {
   public:
     explicit FastMutexGuard(FAST_MUTEX* mutex) : mutex_(mutex)

@@ -142,7 +142,8 @@ NTSTATUS WriteOpenHandles(DEVICE_EXTENSION* extension, ULONG count)
 void CancelAllClientRequests(DEVICE_EXTENSION* extension)
 {
     {
-        // Orders the flag before the walk: a request that was admitted before either sees it or is found below.
+        // Orders the flag before the walk: a request that was admitted before either sees it or is found
+        // below.
         CancelLockGuard cancelLock;
         extension->RequestsCancelled = TRUE;
     }

@@ -88,8 +88,8 @@ NTSTATUS SetNmeaMode(const Request& request)
 NTSTATUS ResetGps(const Request& request)
 {
     const ULONG length = request.Extension->PortName.Length;
-    // The count is copied out. What the buffer does not hold must not be: neither what lies behind it, nor what
-    // was in it before.
+    // The count is copied out. What the buffer does not hold must not be: neither what lies behind it, nor
+    // what was in it before.
     if (request.OutputLength < length)
         request.Irp->Flags &= ~static_cast<ULONG>(IRP_INPUT_OPERATION);
     else if (request.OutputLength > request.InputLength)

@@ -35,8 +35,9 @@ NTSTATUS SendDownPending(DEVICE_EXTENSION* extension, PIRP irp, PIO_COMPLETION_R
 
 // Wait-wake -----------------------------------------------------------------------------------------------
 
-// Whoever takes the request out of its field owns it: this routine, or somebody who cancels it. The request is
-// not counted: the bus may keep it until the removal. A reference to the device keeps the extension meanwhile.
+// Whoever takes the request out of its field owns it: this routine, or somebody who cancels it. The request
+// is not counted: the bus may keep it until the removal. A reference to the device keeps the extension
+// meanwhile.
 NTSTATUS NTAPI WaitWakeCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
     auto* extension = static_cast<DEVICE_EXTENSION*>(context);

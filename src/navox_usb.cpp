@@ -346,8 +346,8 @@ NTSTATUS AbortBulkInPipe(DEVICE_EXTENSION* extension)
     PoolPointer<URB, kTagPipeUrb> urb;
     if (!BuildPipeUrb(&urb, URB_FUNCTION_ABORT_PIPE, extension->BulkInPipe.PipeHandle))
         return STATUS_INSUFFICIENT_RESOURCES;
-    // The exchange that is aborted is counted, which keeps the lower device: the abort goes down even when removal has
-    // begun, because removal waits for that exchange.
+    // The exchange that is aborted is counted, which keeps the lower device: the abort goes down even when
+    // removal has begun, because removal waits for that exchange.
     IncrementIoCount(extension);
     const NTSTATUS status = SubmitCounted(extension, urb.get(), nullptr);
     DecrementIoCount(extension);

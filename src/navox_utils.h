@@ -145,7 +145,8 @@ extern const REQUEST_SLOT WaitSlot; // navox_write
 // Takes the request away from the fan-out. Runs under the cancel spin lock and, inside it, the client lock.
 using LeaveRoutine = void(CLIENT* client, PIRP irp);
 
-// Whether the request must not begin to wait: it was cancelled, or the device is going. Cancel spin lock held.
+// Whether the request must not begin to wait: it was cancelled, or the device is going. Cancel spin lock
+// held.
 [[nodiscard]] bool IsCancelled(const CLIENT* client, PIRP irp);
 
 // Makes the request current and starts it, or queues it behind those that are there. Returns the request's
