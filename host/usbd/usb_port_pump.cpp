@@ -153,7 +153,7 @@ bool UsbPort::RunIn(UsbTransfer& transfer, Endpoint& endpoint)
                 size > transfer.pipe->max_packet ? USBD_STATUS_BABBLE_DETECTED : USBD_STATUS_DATA_OVERRUN;
             ended = true;
         } else {
-            std::memcpy(buffer + transfer.moved, packet.data.data(), size);
+            std::copy(packet.data.begin(), packet.data.end(), buffer + transfer.moved);
             transfer.moved += static_cast<ULONG>(size);
             ended = is_short || transfer.moved == wanted;
             if (is_short && transfer.moved < wanted && (request.TransferFlags & USBD_SHORT_TRANSFER_OK) == 0)
@@ -231,7 +231,7 @@ bool UsbPort::RunStep(UsbTransfer& transfer, const module::SetupPacket& setup)
     } else if (answer.data.size() > setup.wLength) {
         transfer.result = USBD_STATUS_DATA_OVERRUN;
     } else if (IsIn(setup) && setup.wLength != 0) {
-        std::memcpy(buffer.data, answer.data.data(), answer.data.size());
+        std::copy(answer.data.begin(), answer.data.end(), static_cast<UCHAR*>(buffer.data));
         transfer.moved = static_cast<ULONG>(answer.data.size());
         *buffer.length = transfer.moved;
     } else {

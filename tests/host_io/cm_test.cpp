@@ -30,7 +30,8 @@ std::vector<std::byte> Raw(std::initializer_list<int> values)
 std::optional<CmValue> Loaded(std::string_view lines, std::u16string_view name)
 {
     CmRegistry registry;
-    const auto error = CmLoadRegText(registry, std::string(kHead) + "[HKEY_LOCAL_MACHINE\\A]\r\n" + std::string(lines));
+    const auto error =
+        CmLoadRegText(registry, std::string(kHead) + "[HKEY_LOCAL_MACHINE\\A]\r\n" + std::string(lines));
     EXPECT_FALSE(error) << error->Text();
     const host::CmKeyPtr key = registry.Open(kKey);
     return key ? registry.Value(key, name) : std::nullopt;
@@ -114,7 +115,8 @@ TEST(RegText, DeletesValuesAndKeys)
     registry.SetDword(u"\\Registry\\Machine\\A", u"gone", 1);
     registry.SetDword(u"\\Registry\\Machine\\A\\Sub\\Deep", u"x", 1);
     const auto error = CmLoadRegText(
-        registry, std::string(kHead) + "[HKLM\\a]\n\"GONE\"=-\n\"none\"=-\n[-HKLM\\A\\sub]\n[-HKLM\\NotThere]\n");
+        registry,
+        std::string(kHead) + "[HKLM\\a]\n\"GONE\"=-\n\"none\"=-\n[-HKLM\\A\\sub]\n[-HKLM\\NotThere]\n");
     EXPECT_FALSE(error);
     EXPECT_FALSE(registry.Dword(kKey, u"gone"));
     EXPECT_FALSE(registry.Open(u"\\Registry\\Machine\\A\\Sub"));
@@ -202,7 +204,8 @@ class KeyTest : public testing::Test {
     {
         UNICODE_STRING name = Str(path);
         OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                                   nullptr);
         HANDLE key = nullptr;
         EXPECT_EQ(ZwOpenKey(&key, KEY_READ, &attributes), STATUS_SUCCESS);
         return key;
@@ -245,7 +248,8 @@ TEST_F(KeyTest, QueryFitsItsAnswerIntoTheBuffer)
     for (const QueryCase& item : cases) {
         std::array<UCHAR, 64> buffer{};
         ULONG needed = 0;
-        EXPECT_EQ(ZwQueryValueKey(key, &name, item.information, buffer.data(), item.room, &needed), item.status);
+        EXPECT_EQ(ZwQueryValueKey(key, &name, item.information, buffer.data(), item.room, &needed),
+                  item.status);
         EXPECT_EQ(needed, item.needed);
         if (item.status == STATUS_SUCCESS && item.information == KeyValueFullInformation) {
             const auto* full = reinterpret_cast<const KEY_VALUE_FULL_INFORMATION*>(buffer.data());
@@ -270,7 +274,8 @@ TEST_F(KeyTest, CreateMakesOnlyTheLastKey)
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     HANDLE key = nullptr;
-    EXPECT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr),
+              STATUS_OBJECT_NAME_NOT_FOUND);
     name = Str(L"\\Registry\\Machine\\New");
     ULONG disposition = 0;
     EXPECT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, &disposition), STATUS_SUCCESS);
@@ -307,8 +312,10 @@ TEST_F(KeyTest, DeviceMapIsWrittenByName)
     WCHAR path[] = L"SERIALCOMM";
     WCHAR name[] = L"\\Device\\t0";
     WCHAR port[] = L"COM5";
-    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name, REG_SZ, port, sizeof port), STATUS_SUCCESS);
-    EXPECT_EQ(registry.String(u"\\Registry\\Machine\\Hardware\\DeviceMap\\SERIALCOMM", u"\\Device\\t0"), "COM5");
+    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name, REG_SZ, port, sizeof port),
+              STATUS_SUCCESS);
+    EXPECT_EQ(registry.String(u"\\Registry\\Machine\\Hardware\\DeviceMap\\SERIALCOMM", u"\\Device\\t0"),
+              "COM5");
     EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name), STATUS_SUCCESS);
     EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(RtlWriteRegistryValue(99, path, name, REG_SZ, port, sizeof port), STATUS_INVALID_PARAMETER);

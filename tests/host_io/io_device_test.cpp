@@ -6,9 +6,9 @@
 
 namespace {
 
+using host::Rule;
 using host_test::Bench;
 using host_test::Counted;
-using host::Rule;
 
 struct NameCase {
     const char16_t* path;
@@ -28,11 +28,16 @@ TEST(ObjectNames, LeadThroughLinksToDevices)
     EXPECT_EQ(names.AddLink(u"\\??\\LOOP", u"\\??\\LOOP"), STATUS_SUCCESS);
     EXPECT_EQ(names.AddLink(u"COM6", u"\\Device\\gps0"), STATUS_OBJECT_PATH_SYNTAX_BAD);
     const NameCase cases[] = {
-        {u"\\??\\COM5", true, u""},          {u"\\GLOBAL??\\com5", true, u""},
-        {u"\\??\\GPS", true, u""},           {u"\\DosDevices\\gps\\File Name", true, u"\\File Name"},
-        {u"\\Device\\gps0\\a\\b", true, u"\\a\\b"}, {u"\\Device\\gps01", false, u""},
-        {u"\\??\\COM55", false, u""},        {u"\\??\\LOOP", false, u""},
-        {u"", false, u""},                   {u"\\", false, u""},
+        {u"\\??\\COM5", true, u""},
+        {u"\\GLOBAL??\\com5", true, u""},
+        {u"\\??\\GPS", true, u""},
+        {u"\\DosDevices\\gps\\File Name", true, u"\\File Name"},
+        {u"\\Device\\gps0\\a\\b", true, u"\\a\\b"},
+        {u"\\Device\\gps01", false, u""},
+        {u"\\??\\COM55", false, u""},
+        {u"\\??\\LOOP", false, u""},
+        {u"", false, u""},
+        {u"\\", false, u""},
     };
     LONG opens = 0;
     for (const NameCase& item : cases) {

@@ -7,8 +7,8 @@ namespace {
 
 using host::Rule;
 using host::nt::BytesOf;
-using host_test::Bench;
 using host_test::Below;
+using host_test::Bench;
 using host_test::Complete;
 
 // Three devices of the scripted driver, one above the other, and what each does with a read.
@@ -76,7 +76,9 @@ TEST(Request, CompletionRoutinesRunFromTheBottomUp)
     Stack stack;
     Visit middle;
     Visit top;
-    stack.on_top = [&](PDEVICE_OBJECT device, PIRP irp) { return Stack::Forward(device, irp, NoteVisit, &top); };
+    stack.on_top = [&](PDEVICE_OBJECT device, PIRP irp) {
+        return Stack::Forward(device, irp, NoteVisit, &top);
+    };
     stack.on_middle = [&](PDEVICE_OBJECT device, PIRP irp) {
         EXPECT_EQ(irp->CurrentLocation, 2);
         return Stack::Forward(device, irp, NoteVisit, &middle);
@@ -101,9 +103,12 @@ struct InvokeCase {
 TEST(Request, CompletionRoutinesRunOnWhatTheyAskedFor)
 {
     const InvokeCase cases[] = {
-        {STATUS_SUCCESS, false, true, false, false, 1},          {STATUS_SUCCESS, false, false, true, true, 0},
-        {STATUS_BUFFER_OVERFLOW, false, false, true, false, 1}, {STATUS_UNSUCCESSFUL, false, false, true, false, 1},
-        {STATUS_UNSUCCESSFUL, false, true, false, true, 0},      {STATUS_CANCELLED, true, false, false, true, 1},
+        {STATUS_SUCCESS, false, true, false, false, 1},
+        {STATUS_SUCCESS, false, false, true, true, 0},
+        {STATUS_BUFFER_OVERFLOW, false, false, true, false, 1},
+        {STATUS_UNSUCCESSFUL, false, false, true, false, 1},
+        {STATUS_UNSUCCESSFUL, false, true, false, true, 0},
+        {STATUS_CANCELLED, true, false, false, true, 1},
         {STATUS_TIMEOUT, false, true, false, false, 1},
     };
     for (const InvokeCase& item : cases) {
@@ -139,7 +144,10 @@ struct Pended {
             return STATUS_PENDING;
         };
     }
-    void Finish(NTSTATUS status = STATUS_SUCCESS, ULONG_PTR information = 0) { Complete(irp, status, information); }
+    void Finish(NTSTATUS status = STATUS_SUCCESS, ULONG_PTR information = 0)
+    {
+        Complete(irp, status, information);
+    }
 };
 
 TEST(Request, ADriverThatKeepsItCompletesItLater)
@@ -195,9 +203,12 @@ struct CopyCase {
 TEST(Request, BufferedDataAreCopiedOutOnSuccessAndWarning)
 {
     const CopyCase cases[] = {
-        {STATUS_SUCCESS, 5, "hello"},         {STATUS_SUCCESS, 2, "he"},
-        {STATUS_SUCCESS, 0, ""},              {STATUS_TIMEOUT, 3, "hel"},
-        {STATUS_BUFFER_OVERFLOW, 5, "hello"}, {STATUS_CANCELLED, 5, ""},
+        {STATUS_SUCCESS, 5, "hello"},
+        {STATUS_SUCCESS, 2, "he"},
+        {STATUS_SUCCESS, 0, ""},
+        {STATUS_TIMEOUT, 3, "hel"},
+        {STATUS_BUFFER_OVERFLOW, 5, "hello"},
+        {STATUS_CANCELLED, 5, ""},
         {STATUS_UNSUCCESSFUL, 5, ""},
     };
     for (const CopyCase& item : cases) {
@@ -217,7 +228,8 @@ TEST(Request, BufferedDataAreCopiedOutOnSuccessAndWarning)
 TEST(Request, BytesThatADriverNeverWroteShowTheFillPattern)
 {
     Bench bench;
-    bench.OnRequest(IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_SUCCESS, 4); });
+    bench.OnRequest(IRP_MJ_DEVICE_CONTROL,
+                    [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_SUCCESS, 4); });
     const host::nt::File file = bench.Open();
     const USHORT input = 0x1234;
     for (const int fill : {0x5A, 0xA5}) {

@@ -139,7 +139,8 @@ Bench::Bench(host::KernelOptions options, bool with_device) : kernel(std::move(o
 
 Bench::~Bench()
 {
-    if (driver->DeviceObject != nullptr && driver->DeviceObject->DeviceObjectExtension->attached_to == nullptr)
+    if (driver->DeviceObject != nullptr &&
+        driver->DeviceObject->DeviceObjectExtension->attached_to == nullptr)
         IoDeleteDevice(driver->DeviceObject);
 }
 

@@ -3,8 +3,8 @@
 
 #include "io/device.h"
 #include "io/driver.h"
-#include "io/irp.h"
 #include "io/io_manager.h"
+#include "io/irp.h"
 #include "ke/kernel.h"
 #include "nt/file.h"
 
@@ -29,7 +29,7 @@ struct Script {
     std::function<NTSTATUS(PDRIVER_OBJECT)> entry;                      // run at the end of DriverEntry
     std::function<void()> unload;
     bool has_power = true;
-    std::vector<std::string> seen; // requests as they came: "IRP_MJ_READ"
+    std::vector<std::string> seen;   // requests as they came: "IRP_MJ_READ"
     PDEVICE_OBJECT device = nullptr; // the last one made by MakeDevice or AttachTo
     PDEVICE_OBJECT lower = nullptr;  // what AttachTo attached to
 

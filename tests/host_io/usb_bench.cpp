@@ -1,0 +1,184 @@
+#include "usb_bench.h"
+
+#include <cstring>
+
+namespace host_test {
+namespace {
+
+NTSTATUS NTAPI Landed(PDEVICE_OBJECT, PIRP irp, PVOID context)
+{
+    auto* flight = static_cast<UsbBench::Flight*>(context);
+    flight->completed_at = KeGetCurrentIrql();
+    flight->block = irp->IoStatus;
+    KeSetEvent(&flight->done, IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+VOID NTAPI PowerDone(PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK)
+{
+    KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
+}
+
+} // namespace
+
+UsbBench::UsbBench(host::KernelOptions options, host::UsbPortOptions port_options)
+    : Bench(std::move(options), false)
+{
+    host::PnpManager::Current().SetFunctionDriver("scripted");
+    port = host::UsbBus::Current().Plug(device, std::move(port_options));
+    host::PnpManager::Current().Settle();
+}
+
+UsbBench::~UsbBench()
+{
+    if (port && !port->Gone())
+        host::UsbBus::Current().Unplug(port);
+    host::PnpManager::Current().Settle();
+}
+
+host::PnpNodePtr UsbBench::Node()
+{
+    const auto nodes = host::PnpManager::Current().Nodes();
+    return nodes.empty() ? nullptr : nodes.front();
+}
+
+UsbBench::FlightPtr UsbBench::Submit(std::unique_ptr<URB> urb, std::vector<UCHAR> buffer)
+{
+    auto flight = std::make_shared<Flight>();
+    KeInitializeEvent(&flight->done, NotificationEvent, FALSE);
+    flight->urb = std::move(urb);
+    flight->buffer = std::move(buffer);
+    flight->irp = IoAllocateIrp(Lower()->StackSize, FALSE);
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(flight->irp);
+    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    next->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_URB;
+    next->Parameters.Others.Argument1 = flight->urb.get();
+    IoSetCompletionRoutine(flight->irp, Landed, flight.get(), TRUE, TRUE, TRUE);
+    flight->returned = IoCallDriver(Lower(), flight->irp);
+    return flight;
+}
+
+UsbBench::Sent UsbBench::Land(const FlightPtr& flight)
+{
+    KeWaitForSingleObject(&flight->done, Executive, KernelMode, FALSE, nullptr);
+    Sent sent;
+    sent.status = flight->block.Status;
+    sent.usbd = flight->urb->UrbHeader.Status;
+    sent.length = flight->urb->UrbBulkOrInterruptTransfer.TransferBufferLength;
+    sent.data = flight->buffer;
+    IoFreeIrp(flight->irp);
+    flight->irp = nullptr;
+    return sent;
+}
+
+std::unique_ptr<URB> UsbBench::TransferUrb(USBD_PIPE_HANDLE pipe, std::vector<UCHAR>& buffer, ULONG flags)
+{
+    auto urb = std::make_unique<URB>();
+    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    UsbBuildInterruptOrBulkTransferRequest(urb.get(), sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER), pipe,
+                                           buffer.data(), nullptr, static_cast<ULONG>(buffer.size()), flags,
+                                           nullptr);
+    return urb;
+}
+
+UsbBench::FlightPtr UsbBench::StartIn(std::size_t length, ULONG flags)
+{
+    std::vector<UCHAR> buffer(length, 0xEE);
+    auto urb = TransferUrb(bulk_in, buffer, flags);
+    return Submit(std::move(urb), std::move(buffer));
+}
+
+UsbBench::FlightPtr UsbBench::StartOut(std::string_view data)
+{
+    std::vector<UCHAR> buffer(data.begin(), data.end());
+    auto urb = TransferUrb(bulk_out, buffer, 0);
+    return Submit(std::move(urb), std::move(buffer));
+}
+
+UsbBench::Sent UsbBench::PipeRequest(USHORT function, USBD_PIPE_HANDLE pipe)
+{
+    auto urb = std::make_unique<URB>();
+    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    urb->UrbPipeRequest.Hdr.Length = sizeof(_URB_PIPE_REQUEST);
+    urb->UrbPipeRequest.Hdr.Function = function;
+    urb->UrbPipeRequest.PipeHandle = pipe;
+    return Land(Submit(std::move(urb)));
+}
+
+UsbBench::Sent UsbBench::ClassRequest(UCHAR request, bool in, USHORT value, std::vector<UCHAR> data)
+{
+    auto urb = std::make_unique<URB>();
+    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    auto& control = urb->UrbControlVendorClassRequest;
+    control.Hdr.Length = sizeof control;
+    control.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
+    control.TransferFlags = in ? USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK : USBD_SHORT_TRANSFER_OK;
+    control.TransferBuffer = data.data();
+    control.TransferBufferLength = static_cast<ULONG>(data.size());
+    control.Request = request;
+    control.Value = value;
+    return Land(Submit(std::move(urb), std::move(data)));
+}
+
+UsbBench::Sent UsbBench::Descriptor(UCHAR type, std::size_t length)
+{
+    std::vector<UCHAR> buffer(length);
+    auto urb = std::make_unique<URB>();
+    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    UsbBuildGetDescriptorRequest(urb.get(), sizeof(_URB_CONTROL_DESCRIPTOR_REQUEST), type, 0, 0,
+                                 buffer.data(), nullptr, static_cast<ULONG>(length), nullptr);
+    return Land(Submit(std::move(urb), std::move(buffer)));
+}
+
+UsbBench::Sent UsbBench::Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCHAR interface_number,
+                                std::vector<USBD_PIPE_INFORMATION>* pipes)
+{
+    auto* found =
+        USBD_ParseConfigurationDescriptorEx(configuration, configuration, interface_number, 0, -1, -1, -1);
+    USBD_INTERFACE_LIST_ENTRY list[] = {{found, nullptr}, {nullptr, nullptr}};
+    PURB urb = USBD_CreateConfigurationRequestEx(configuration, list);
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK block{};
+    PIRP irp = IoBuildDeviceIoControlRequest(IOCTL_INTERNAL_USB_SUBMIT_URB, Lower(), nullptr, 0, nullptr, 0,
+                                             TRUE, &event, &block);
+    IoGetNextIrpStackLocation(irp)->Parameters.Others.Argument1 = urb;
+    if (IoCallDriver(Lower(), irp) == STATUS_PENDING)
+        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+    if (pipes != nullptr)
+        pipes->assign(list[0].Interface->Pipes, list[0].Interface->Pipes + list[0].Interface->NumberOfPipes);
+    const Sent sent{block.Status, urb->UrbHeader.Status, 0, {}};
+    ExFreePool(urb);
+    return sent;
+}
+
+void UsbBench::Configure()
+{
+    std::vector<UCHAR> descriptor = Descriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, 55).data;
+    auto* configuration = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(descriptor.data());
+    std::vector<USBD_PIPE_INFORMATION> pipes;
+    EXPECT_EQ(Select(configuration, 1, &pipes).status, STATUS_SUCCESS);
+    ASSERT_EQ(pipes.size(), 2U);
+    bulk_out = pipes[0].PipeHandle;
+    bulk_in = pipes[1].PipeHandle;
+    EXPECT_EQ(Select(configuration, 0, &pipes).status, STATUS_SUCCESS);
+    ASSERT_EQ(pipes.size(), 1U);
+    interrupt_in = pipes[0].PipeHandle;
+    host::UsbBus::Current().ClearLog();
+    device->control.clear();
+}
+
+NTSTATUS UsbBench::RequestPower(DEVICE_POWER_STATE state)
+{
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    POWER_STATE power{};
+    power.DeviceState = state;
+    const NTSTATUS status =
+        PoRequestPowerIrp(Node()->pdo, IRP_MN_SET_POWER, power, PowerDone, &done, nullptr);
+    if (status == STATUS_PENDING)
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    return status;
+}
+
+} // namespace host_test
