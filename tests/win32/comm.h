@@ -1,0 +1,139 @@
+// The communication functions of the Windows API: which controls each of them sends, and in which order.
+#pragma once
+
+#include "tests/win32/file.h"
+
+#include <ntddser.h>
+#include <optional>
+
+namespace win32 {
+
+using WORD = std::uint16_t;
+
+inline constexpr DWORD DTR_CONTROL_DISABLE = 0;
+inline constexpr DWORD DTR_CONTROL_ENABLE = 1;
+inline constexpr DWORD DTR_CONTROL_HANDSHAKE = 2;
+inline constexpr DWORD RTS_CONTROL_DISABLE = 0;
+inline constexpr DWORD RTS_CONTROL_ENABLE = 1;
+inline constexpr DWORD RTS_CONTROL_HANDSHAKE = 2;
+inline constexpr DWORD RTS_CONTROL_TOGGLE = 3;
+
+struct DCB {
+    DWORD DCBlength;
+    DWORD BaudRate;
+    DWORD fBinary : 1;
+    DWORD fParity : 1;
+    DWORD fOutxCtsFlow : 1;
+    DWORD fOutxDsrFlow : 1;
+    DWORD fDtrControl : 2;
+    DWORD fDsrSensitivity : 1;
+    DWORD fTXContinueOnXoff : 1;
+    DWORD fOutX : 1;
+    DWORD fInX : 1;
+    DWORD fErrorChar : 1;
+    DWORD fNull : 1;
+    DWORD fRtsControl : 2;
+    DWORD fAbortOnError : 1;
+    DWORD fDummy2 : 17;
+    WORD wReserved;
+    WORD XonLim;
+    WORD XoffLim;
+    UCHAR ByteSize;
+    UCHAR Parity;   // NO_PARITY ...
+    UCHAR StopBits; // STOP_BIT_1 ...
+    char XonChar;
+    char XoffChar;
+    char ErrorChar;
+    char EofChar;
+    char EvtChar;
+    WORD wReserved1;
+};
+static_assert(sizeof(DCB) == 28);
+
+struct COMMCONFIG {
+    DWORD dwSize;
+    WORD wVersion;
+    WORD wReserved;
+    DCB dcb;
+    DWORD dwProviderSubType;
+    DWORD dwProviderOffset;
+    DWORD dwProviderSize;
+    WCHAR wcProviderData[1];
+};
+static_assert(sizeof(COMMCONFIG) == 52);
+
+struct COMSTAT {
+    DWORD fCtsHold : 1;
+    DWORD fDsrHold : 1;
+    DWORD fRlsdHold : 1;
+    DWORD fXoffHold : 1;
+    DWORD fXoffSent : 1;
+    DWORD fEof : 1;
+    DWORD fTxim : 1;
+    DWORD fReserved : 25;
+    DWORD cbInQue;
+    DWORD cbOutQue;
+};
+static_assert(sizeof(COMSTAT) == 12);
+
+using COMMTIMEOUTS = SERIAL_TIMEOUTS;
+using COMMPROP = SERIAL_COMMPROP;
+
+inline constexpr DWORD CE_RXOVER = 0x01;
+inline constexpr DWORD CE_OVERRUN = 0x02;
+inline constexpr DWORD CE_RXPARITY = 0x04;
+inline constexpr DWORD CE_FRAME = 0x08;
+inline constexpr DWORD CE_BREAK = 0x10;
+
+inline constexpr DWORD EV_RXCHAR = SERIAL_EV_RXCHAR;
+inline constexpr DWORD EV_ERR = SERIAL_EV_ERR;
+
+inline constexpr DWORD PURGE_TXABORT = SERIAL_PURGE_TXABORT;
+inline constexpr DWORD PURGE_RXABORT = SERIAL_PURGE_RXABORT;
+inline constexpr DWORD PURGE_TXCLEAR = SERIAL_PURGE_TXCLEAR;
+inline constexpr DWORD PURGE_RXCLEAR = SERIAL_PURGE_RXCLEAR;
+inline constexpr DWORD PURGE_ALL = PURGE_TXABORT | PURGE_RXABORT | PURGE_TXCLEAR | PURGE_RXCLEAR;
+
+enum class Escape : DWORD {
+    SETXOFF = 1,
+    SETXON,
+    SETRTS,
+    CLRRTS,
+    SETDTR,
+    CLRDTR,
+    RESETDEV,
+    SETBREAK,
+    CLRBREAK,
+};
+
+bool GetCommState(const Handle& handle, DCB* dcb);
+bool SetCommState(const Handle& handle, const DCB& dcb);
+bool GetCommConfig(const Handle& handle, COMMCONFIG* config, DWORD* size);
+bool SetCommConfig(const Handle& handle, const COMMCONFIG& config);
+bool GetCommTimeouts(const Handle& handle, COMMTIMEOUTS* timeouts);
+bool SetCommTimeouts(const Handle& handle, const COMMTIMEOUTS& timeouts);
+bool GetCommMask(const Handle& handle, DWORD* mask);
+bool SetCommMask(const Handle& handle, DWORD mask);
+// `events` is filled as an overlapped call's buffer is.
+bool WaitCommEvent(const Handle& handle, DWORD* events, Overlapped* overlapped);
+// `status` may be null.
+bool ClearCommError(const Handle& handle, DWORD* errors, COMSTAT* status);
+bool PurgeComm(const Handle& handle, DWORD flags);
+bool SetupComm(const Handle& handle, DWORD in_size, DWORD out_size);
+bool GetCommProperties(const Handle& handle, COMMPROP* properties);
+bool GetCommModemStatus(const Handle& handle, DWORD* status);
+bool EscapeCommFunction(const Handle& handle, Escape function);
+bool TransmitCommChar(const Handle& handle, char c);
+
+// What a DCB stands for among the serial controls.
+struct SerialState {
+    ULONG baud_rate = 0;
+    SERIAL_LINE_CONTROL line{};
+    SERIAL_CHARS chars{};
+    SERIAL_HANDFLOW flow{};
+};
+DCB ToDcb(const SerialState& state);
+// Nothing for a DCB that kernel32 itself refuses.
+std::optional<SerialState> FromDcb(const DCB& dcb);
+
+} // namespace win32
