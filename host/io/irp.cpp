@@ -27,7 +27,9 @@ void Prepare(PIRP irp, USHORT size, CHAR stack_count)
 
 std::string IrpRecord::Describe() const
 {
-    std::string text = "request " + std::to_string(number) + " (" + IopRequestName(major, minor) + ')';
+    const std::string detail = major == IRP_MJ_DEVICE_CONTROL ? " " + IopHex(code) : "";
+    std::string text =
+        "request " + std::to_string(number) + " (" + IopRequestName(major, minor) + detail + ')';
     if (calls == 0)
         text = "request " + std::to_string(number) + " (never sent)";
     return text + ", made by " + allocated_by;

@@ -61,6 +61,7 @@ struct IrpRecord {
     bool freed = false;
     UCHAR major = 0;
     UCHAR minor = 0;
+    ULONG code = 0; // of device controls
     std::string allocated_by; // the actor
     const void* caller = nullptr;
     PKTHREAD thread = nullptr; // whose exit cancels it

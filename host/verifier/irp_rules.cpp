@@ -122,6 +122,8 @@ IrpTicket VfIrpEnter(const IrpRecordPtr& record, PDEVICE_OBJECT device, PIRP irp
     record->in_flight = true;
     record->major = location->MajorFunction;
     record->minor = location->MinorFunction;
+    if (record->major == IRP_MJ_DEVICE_CONTROL)
+        record->code = location->Parameters.DeviceIoControl.IoControlCode;
     IrpTurn& turn = record->turns[static_cast<std::size_t>(index)];
     // A driver that skipped its location leaves the mark in it.
     const bool forced = turn.forced && turn.call != 0 && !turn.completed;
