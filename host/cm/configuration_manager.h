@@ -34,6 +34,10 @@ class CmKeyHandle : public ObHandleBody {
 // Opens `path`, making the last keys of it when they are missing and `create` is set.
 NTSTATUS CmpOpenKeyHandle(std::u16string_view path, bool create, HANDLE* handle);
 
+// Tells the event log of a value that was set, or deleted when there is no data: "OpenHandles = 1".
+void CmpLogChange(std::u16string_view name, std::uint32_t type,
+                  std::optional<std::span<const std::byte>> data);
+
 // True when a registry routine is to fail now; `status` says with what.
 bool CmpFaultHit(const char* routine, NTSTATUS* status);
 

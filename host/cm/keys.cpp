@@ -32,6 +32,20 @@ bool CmpFaultHit(const char* routine, NTSTATUS* status)
     return true;
 }
 
+void CmpLogChange(std::u16string_view name, std::uint32_t type,
+                  std::optional<std::span<const std::byte>> data)
+{
+    EventLog& log = Kernel::Current().Log();
+    if (!data) {
+        log.Instant("registry", "value deleted", ToUtf8(name));
+        return;
+    }
+    const CmWrite change{CmWrite::Kind::SetValue, {}, {}, type, {data->begin(), data->end()}};
+    const std::optional<std::uint32_t> number = change.Dword();
+    const std::string value = number ? std::to_string(*number) : change.Text().value_or("...");
+    log.Instant("registry", "value set", ToUtf8(name) + " = " + value);
+}
+
 namespace {
 
 CmKeyPtr KeyOf(HANDLE handle)
@@ -238,6 +252,8 @@ NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG,
         return STATUS_OBJECT_NAME_INVALID;
     const std::span data(static_cast<const std::byte*>(Data), DataSize);
     const bool set = ConfigurationManager::Current().Registry().SetValue(key, *name, Type, data);
+    if (set)
+        CmpLogChange(*name, Type, data);
     return set ? STATUS_SUCCESS : STATUS_KEY_DELETED;
 }
 
@@ -255,6 +271,8 @@ NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName)
     if (!name)
         return STATUS_OBJECT_NAME_INVALID;
     const bool deleted = ConfigurationManager::Current().Registry().DeleteValue(key, *name);
+    if (deleted)
+        CmpLogChange(*name, 0, std::nullopt);
     return deleted ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 

@@ -68,6 +68,8 @@ NTSTATUS NTAPI RtlWriteRegistryValue(ULONG RelativeTo, PCWSTR Path, PCWSTR Value
     const std::span data(static_cast<const std::byte*>(ValueData), ValueLength);
     const bool set =
         ConfigurationManager::Current().Registry().SetValue(key, TextOf(ValueName), ValueType, data);
+    if (set)
+        CmpLogChange(TextOf(ValueName), ValueType, data);
     return set ? STATUS_SUCCESS : STATUS_KEY_DELETED;
 }
 
@@ -83,6 +85,8 @@ NTSTATUS NTAPI RtlDeleteRegistryValue(ULONG RelativeTo, PCWSTR Path, PCWSTR Valu
     if (!NT_SUCCESS(status))
         return status;
     const bool deleted = ConfigurationManager::Current().Registry().DeleteValue(key, TextOf(ValueName));
+    if (deleted)
+        CmpLogChange(TextOf(ValueName), 0, std::nullopt);
     return deleted ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 

@@ -166,7 +166,9 @@ void PowerManager::StartNext(PIRP irp, const void* caller)
 
 POWER_STATE PowerManager::SetState(PDEVICE_OBJECT device, POWER_STATE_TYPE type, POWER_STATE state)
 {
-    Kernel::Current().Log().Instant("power", "PoSetPowerState", StateText(type, state.SystemState));
+    Kernel::Current().Log().Instant("power", "PoSetPowerState",
+                                    StateText(type, state.SystemState) + " by " +
+                                        device->DeviceObjectExtension->owner);
     const MutexLock lock(mutex_);
     POWER_STATE previous{};
     ULONG& kept = device->DeviceObjectExtension->power->state[static_cast<std::size_t>(type & 1)];

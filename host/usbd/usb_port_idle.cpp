@@ -2,6 +2,7 @@
 #include "usbd/port_lock.h"
 #include "usbd/usb_port.h"
 
+#include "io/names.h"
 #include "usbd/hub.h"
 
 #include <utility>
@@ -9,12 +10,19 @@
 namespace host {
 namespace {
 
+void NoteEnd(bool power, NTSTATUS status)
+{
+    Kernel::Current().Log().Instant("usb", power ? "wait-wake ends" : "idle request ends",
+                                    IopStatusText(status));
+}
+
 VOID NTAPI CancelWaiterRoutine(PDEVICE_OBJECT device, PIRP irp)
 {
     IoReleaseCancelSpinLock(irp->CancelIrql);
     UsbPort* port = UsbPortOf(device);
     const bool power = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
     port->ForgetWaiter(irp);
+    NoteEnd(power, STATUS_CANCELLED);
     irp->IoStatus.Status = STATUS_CANCELLED;
     irp->IoStatus.Information = 0;
     if (power)
@@ -24,6 +32,7 @@ VOID NTAPI CancelWaiterRoutine(PDEVICE_OBJECT device, PIRP irp)
 
 NTSTATUS Refuse(PIRP irp, NTSTATUS status, bool power)
 {
+    NoteEnd(power, status);
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = 0;
     if (power)
@@ -68,6 +77,7 @@ void UsbPort::CompleteWaiter(PIRP& slot, NTSTATUS status, bool power)
             return;
         slot = nullptr;
     }
+    NoteEnd(power, status);
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = 0;
     if (power)
@@ -115,6 +125,7 @@ NTSTATUS UsbPort::CheckIdle()
 
 NTSTATUS UsbPort::SubmitIdle(PIRP irp)
 {
+    Kernel::Current().Log().Instant("usb", "idle request");
     const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     const auto* callback =
         static_cast<PUSB_IDLE_CALLBACK_INFO>(location->Parameters.DeviceIoControl.Type3InputBuffer);

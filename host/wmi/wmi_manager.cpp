@@ -388,9 +388,10 @@ extern "C" NTSTATUS NTAPI IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, 
     if (auto fault = Kernel::Current().Faults().Hit(FaultPoint::WmiRegister))
         return fault->status != 0 ? fault->status : STATUS_INSUFFICIENT_RESOURCES;
     WmiManager& wmi = WmiManager::Current();
+    EventLog& log = Kernel::Current().Log();
     switch (Action) {
-    case WMIREG_ACTION_REGISTER: return wmi.Register(DeviceObject);
-    case WMIREG_ACTION_DEREGISTER: return wmi.Deregister(DeviceObject);
+    case WMIREG_ACTION_REGISTER: log.Instant("wmi", "register"); return wmi.Register(DeviceObject);
+    case WMIREG_ACTION_DEREGISTER: log.Instant("wmi", "deregister"); return wmi.Deregister(DeviceObject);
     case WMIREG_ACTION_REREGISTER:
     case WMIREG_ACTION_UPDATE_GUIDS: return wmi.Update(DeviceObject);
     default: return STATUS_INVALID_PARAMETER;
