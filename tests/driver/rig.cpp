@@ -37,7 +37,9 @@ std::string ControlName(const module::SetupPacket& setup, const std::vector<std:
     }
 }
 
-std::string Describe(const host::UsbRequest& request)
+} // namespace
+
+std::string DescribeRequest(const host::UsbRequest& request)
 {
     char endpoint[8];
     std::snprintf(endpoint, sizeof(endpoint), " %02X", request.endpoint);
@@ -53,8 +55,6 @@ std::string Describe(const host::UsbRequest& request)
     default: return request.name;
     }
 }
-
-} // namespace
 
 std::unique_ptr<module::NmeaSource> RigOptions::DefaultSource()
 {
@@ -102,6 +102,8 @@ Rig::Rig(RigOptions options) : kernel(WithExcuses(options.kernel)), options_(std
         for (const auto& [name, value] : options_.settings)
             Registry().SetDword(node.DriverKey(), Wide(name), value);
         Registry().ClearWrites();
+        if (options_.on_arrival)
+            options_.on_arrival(node);
     });
     host::PnpManager::Current().SetFunctionDriver(kDriverName);
     if (options_.load && NT_SUCCESS(Load()) && options_.plug)
@@ -188,7 +190,7 @@ std::vector<std::string> Rig::TakeBusLog()
 {
     std::vector<std::string> log;
     for (const host::UsbRequest& request : host::UsbBus::Current().Log())
-        log.push_back(Describe(request));
+        log.push_back(DescribeRequest(request));
     host::UsbBus::Current().ClearLog();
     return log;
 }

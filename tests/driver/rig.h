@@ -42,6 +42,8 @@ struct RigOptions {
     std::map<std::string, std::uint32_t> settings{}; // of the driver key
     bool load = true;                                // the driver
     bool plug = true;                                // the module
+    // Runs on the PnP thread for each arrival, before the driver hears of it.
+    std::function<void(host::PnpNode&)> on_arrival{};
 
     static std::unique_ptr<module::NmeaSource> DefaultSource();
 };
@@ -128,6 +130,9 @@ class Rig {
     RigOptions options_;
     bool loaded_ = false;
 };
+
+// A request on the bus as one short text, as TakeBusLog gives it.
+std::string DescribeRequest(const host::UsbRequest& request);
 
 // What the driver is known to leave behind, on purpose.
 std::vector<host::Excuse> KnownExcuses();
