@@ -239,6 +239,11 @@ std::vector<std::string> Kernel::ActorNames() const
     return impl_->threads.Names();
 }
 
+void Kernel::SetFocus(bool in_focus)
+{
+    impl_->scheduler->SetFocus(in_focus);
+}
+
 Schedule Kernel::RecordedSchedule() const
 {
     return impl_->scheduler->Recorded();

@@ -40,6 +40,9 @@ struct KernelOptions {
     std::string schedule;                // of Replay, as a failure printed it
     std::shared_ptr<Strategy> custom;    // of Custom
     std::uint64_t max_steps = 5'000'000; // more is reported as a livelock
+    // Simulated: whether the strategy is asked from the start. Out of focus the thread that runs goes on, and then
+    // the longest ready one: see Kernel::SetFocus.
+    bool in_focus = true;
     // Simulated: how far the clock may run ahead while threads are still ready, as if they were slow.
     Time drift = 0;
     std::string
@@ -137,6 +140,10 @@ class Kernel {
     void RunUntilIdle();
     // Until `condition` holds, which is asked once a millisecond; false when `timeout` passed first.
     [[nodiscard]] bool RunUntil(const std::function<bool()>& condition, Time timeout);
+
+    // Simulated: whether the strategy is asked from here on. An exploration of a race has the race alone in focus:
+    // what leads to it takes no choices.
+    void SetFocus(bool in_focus);
 
     Time Now() const;           // system time
     Time InterruptTime() const; // since the kernel started

@@ -26,6 +26,7 @@ class LiveScheduler final : public Scheduler {
     void WaitUntilIdle() override;
     [[noreturn]] void Stop(const std::string& why) override;
     bool Stopping() const override { return false; }
+    void SetFocus(bool) override {} // every choice is the operating system's
     Schedule Recorded() const override { return {}; }
     Time Now() const override;
     std::uint64_t Step() const override { return 0; }

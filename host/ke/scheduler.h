@@ -79,6 +79,9 @@ class Scheduler {
     [[noreturn]] virtual void Stop(const std::string& why) = 0;
     virtual bool Stopping() const = 0;
 
+    // Whether choices are the strategy's.
+    virtual void SetFocus(bool in_focus) = 0;
+
     // Choices made so far, for a replay.
     virtual Schedule Recorded() const = 0;
 

@@ -21,7 +21,7 @@ constexpr unsigned kYieldsToStop = 10'000;
 SimulatedScheduler::SimulatedScheduler(Kernel& kernel, std::shared_ptr<Strategy> strategy,
                                        const KernelOptions& options)
     : kernel_(kernel), strategy_(std::move(strategy)), max_steps_(options.max_steps), drift_(options.drift),
-      processor_(OsCurrentProcessor())
+      processor_(OsCurrentProcessor()), in_focus_(options.in_focus)
 {
     strategy_->StartRun();
     OsBind(processor_);
@@ -194,6 +194,8 @@ void SimulatedScheduler::AddDueSoon()
 
 std::size_t SimulatedScheduler::Ask(bool may_continue)
 {
+    if (!in_focus_)
+        return 0;
     candidate_ids_.clear();
     for (const Thread* const thread : candidates_)
         candidate_ids_.push_back(thread->id);

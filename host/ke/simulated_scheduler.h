@@ -25,6 +25,7 @@ class SimulatedScheduler final : public Scheduler {
     void WaitUntilIdle() override;
     [[noreturn]] void Stop(const std::string& why) override;
     bool Stopping() const override { return stopping_; }
+    void SetFocus(bool in_focus) override { in_focus_ = in_focus; }
     Schedule Recorded() const override { return recorded_; }
     Time Now() const override { return now_; }
     std::uint64_t Step() const override { return step_; }
@@ -66,6 +67,7 @@ class SimulatedScheduler final : public Scheduler {
     Time now_ = 0;
     std::uint64_t step_ = 0;
     Schedule recorded_;
+    bool in_focus_;
 
     bool stopping_ = false;
     std::string why_;
