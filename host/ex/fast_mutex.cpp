@@ -36,7 +36,7 @@ void BlockFor(FAST_MUTEX& mutex, Scheduler& scheduler)
     __atomic_add_fetch(&mutex.Contention, 1, __ATOMIC_RELAXED);
     do {
         // Set by each release, so a wake that comes too early only costs a round.
-        (void)KiWaitOne(mutex.Event.Header, kForever, "a fast mutex");
+        (void)KiWaitOne(mutex.Event.Header, kForever, {"a fast mutex", &mutex});
     } while (!TryTake(mutex) && !scheduler.Stopping());
 }
 

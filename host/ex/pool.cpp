@@ -75,16 +75,22 @@ std::string Describe(const PoolBlock& block)
     return text;
 }
 
-// Objects that something still uses and that go with the memory.
+// Objects that something still uses and that go with the memory. They are taken out of use: under Policy::Record the
+// run goes on.
 void CheckContents(const PoolBlock& block, const void* caller)
 {
     Kernel::Impl& kernel = KiKernel();
     const std::string tag = PoolTagText(block.tag);
     const std::byte* const end = block.address + block.size;
-    if (kernel.timers.ArmedIn(block.address, end) != nullptr)
+    while (KTIMER* const timer = kernel.timers.ArmedIn(block.address, end)) {
         VfReport(Rule::PoolFreeActiveTimer, tag, Describe(block), caller);
-    if (kernel.dpcs.QueuedIn(block.address, end) != nullptr)
+        kernel.timers.Cancel(*timer);
+    }
+    while (KDPC* const dpc = kernel.dpcs.QueuedIn(block.address, end)) {
         VfReport(Rule::PoolFreeQueuedDpc, tag, Describe(block), caller);
+        const MutexLock lock(KiDispatcher());
+        kernel.dpcs.Remove(*dpc);
+    }
     if (const std::string waiter = KiWaiterIn(block.address, end); !waiter.empty())
         VfReport(Rule::PoolFreeWaitedObject, tag, waiter + " waits for it; " + Describe(block), caller);
     std::string lock;

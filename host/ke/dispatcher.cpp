@@ -149,7 +149,7 @@ Time KiDeadlineOf(LONGLONG due)
 }
 
 NTSTATUS KiWait(std::span<PVOID const> objects, WAIT_TYPE type, Time deadline, KWAIT_BLOCK* blocks,
-                const char* what)
+                const WaitReason& reason)
 {
     Thread& self = KiSelf();
     Scheduler& scheduler = self.kernel.GetScheduler();
@@ -163,7 +163,6 @@ NTSTATUS KiWait(std::span<PVOID const> objects, WAIT_TYPE type, Time deadline, K
             return STATUS_TIMEOUT;
         Enqueue(self, objects, type, blocks);
     }
-    const WaitReason reason = {what, objects.front()};
     try {
         for (;;) {
             const bool woken = scheduler.Block(reason, deadline);
@@ -182,11 +181,11 @@ NTSTATUS KiWait(std::span<PVOID const> objects, WAIT_TYPE type, Time deadline, K
     }
 }
 
-NTSTATUS KiWaitOne(DISPATCHER_HEADER& header, Time deadline, const char* what)
+NTSTATUS KiWaitOne(DISPATCHER_HEADER& header, Time deadline, const WaitReason& reason)
 {
     KWAIT_BLOCK block;
     PVOID const object = &header;
-    return KiWait({&object, 1}, WaitAny, deadline, &block, what);
+    return KiWait({&object, 1}, WaitAny, deadline, &block, reason);
 }
 
 } // namespace host

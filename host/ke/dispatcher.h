@@ -34,9 +34,9 @@ std::string KiWaiterIn(const void* begin, const void* end);
 // When an absolute (positive) or relative (negative) time of the platform is, in interrupt time. 0 is now.
 Time KiDeadlineOf(LONGLONG due);
 
-// Waits without any check of IRQL. `blocks` has room for `objects.size()`. `what` is for reports.
+// Waits without any check of IRQL. `blocks` has room for `objects.size()`. `reason` is for reports.
 NTSTATUS KiWait(std::span<PVOID const> objects, WAIT_TYPE type, Time deadline, KWAIT_BLOCK* blocks,
-                const char* what);
-NTSTATUS KiWaitOne(DISPATCHER_HEADER& header, Time deadline, const char* what);
+                const WaitReason& reason);
+NTSTATUS KiWaitOne(DISPATCHER_HEADER& header, Time deadline, const WaitReason& reason);
 
 } // namespace host

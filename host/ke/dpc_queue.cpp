@@ -157,7 +157,7 @@ void DpcQueue::Shutdown()
         KiJoinThread(*thread);
 }
 
-const KDPC* DpcQueue::QueuedIn(const void* begin, const void* end) const
+KDPC* DpcQueue::QueuedIn(const void* begin, const void* end) const
 {
     const MutexLock lock(KiDispatcher());
     for (const Entry& entry : queue_) {

@@ -25,7 +25,7 @@ class DpcQueue {
     void Shutdown();
 
     // A queued DPC that lies in the memory; nullptr when there is none.
-    const KDPC* QueuedIn(const void* begin, const void* end) const;
+    KDPC* QueuedIn(const void* begin, const void* end) const;
     std::vector<const KDPC*> Alive() const; // queued or running
 
   private:

@@ -20,17 +20,21 @@ struct ThreadExit {
     NTSTATUS status;
 };
 
-void RecordStack(Thread& thread)
+struct StackBounds {
+    const std::byte* low = nullptr;
+    const std::byte* high = nullptr;
+};
+
+StackBounds FindStack()
 {
     pthread_attr_t attributes;
     if (pthread_getattr_np(pthread_self(), &attributes) != 0)
-        return;
+        return {};
     void* low = nullptr;
     std::size_t size = 0;
     pthread_attr_getstack(&attributes, &low, &size);
     pthread_attr_destroy(&attributes);
-    thread.stack_low = static_cast<const std::byte*>(low);
-    thread.stack_high = thread.stack_low + size;
+    return {static_cast<const std::byte*>(low), static_cast<const std::byte*>(low) + size};
 }
 
 void RunBody(Thread& self)
@@ -49,7 +53,6 @@ void RunBody(Thread& self)
 
 void ThreadMain(Thread& self)
 {
-    RecordStack(self);
     RunBody(self);
     Kernel::Impl& kernel = self.kernel.impl();
     if (!kernel.scheduler->Stopping())
@@ -72,7 +75,13 @@ Thread* KiCurrentThread()
 
 void KiSetCurrentThread(Thread* thread)
 {
+    // Asked once for each operating-system thread: for the process's first, the answer takes reading a file.
+    thread_local const StackBounds stack = FindStack();
     t_current = thread;
+    if (thread != nullptr) {
+        thread->stack_low = stack.low;
+        thread->stack_high = stack.high;
+    }
 }
 
 Thread& KiSelf()
@@ -136,7 +145,7 @@ void KiJoinThread(Thread& thread)
 {
     // A stopped run has no more turns to give; whoever is not done then was never begun.
     if (!thread.done && !thread.kernel.GetScheduler().Stopping())
-        (void)KiWaitOne(thread.header, kForever, "the end of a thread");
+        (void)KiWaitOne(thread.header, kForever, {"the end of a thread", &thread});
 }
 
 void KiExitThread(NTSTATUS status)

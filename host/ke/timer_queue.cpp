@@ -102,7 +102,7 @@ void TimerQueue::Serve()
     }
 }
 
-const KTIMER* TimerQueue::ArmedIn(const void* begin, const void* end) const
+KTIMER* TimerQueue::ArmedIn(const void* begin, const void* end) const
 {
     const MutexLock lock(KiDispatcher());
     for (const auto& [due, timer] : armed_) {

@@ -19,7 +19,7 @@ class TimerQueue {
     bool Cancel(KTIMER& timer);
     void Shutdown();
 
-    const KTIMER* ArmedIn(const void* begin, const void* end) const;
+    KTIMER* ArmedIn(const void* begin, const void* end) const;
     std::vector<const KTIMER*> Armed() const;
 
   private:

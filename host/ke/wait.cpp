@@ -58,7 +58,7 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON /*WaitReason*/, 
     CheckWaitIrql(Timeout, __func__, caller);
     CheckWaitMode(WaitMode, Object, __func__, caller);
     KiRequireInitialized(header, __func__, caller);
-    return KiWaitOne(header, DeadlineOf(Timeout), WhatIs(header));
+    return KiWaitOne(header, DeadlineOf(Timeout), {WhatIs(header), Object});
 }
 
 NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType,
@@ -78,7 +78,7 @@ NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE W
     std::array<KWAIT_BLOCK, THREAD_WAIT_OBJECTS> few;
     return KiWait({Object, Count}, WaitType, DeadlineOf(Timeout),
                   WaitBlockArray == nullptr ? few.data() : WaitBlockArray,
-                  WaitType == WaitAll ? "all of several objects" : "one of several objects");
+                  {WaitType == WaitAll ? "all of several objects" : "one of several objects", Object[0]});
 }
 
 NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE /*WaitMode*/, BOOLEAN /*Alertable*/,

@@ -1,0 +1,76 @@
+#include "recorded.h"
+
+#include <gtest/gtest.h>
+#include <wdm/io.h>
+
+namespace host {
+namespace {
+
+// "1" for each of ten calls that fails.
+std::string Hits(FaultPlan plan, const char* detail = "abcd")
+{
+    FaultPoints faults(1);
+    faults.Arm(FaultPoint::PoolAllocate, std::move(plan));
+    std::string hits;
+    for (int i = 0; i < 10; ++i)
+        hits += faults.Hit(FaultPoint::PoolAllocate, detail) ? '1' : '0';
+    return hits;
+}
+
+TEST(FaultPoints, APlanHitsTheCallsItNames)
+{
+    const struct {
+        FaultPlan plan;
+        const char* hits;
+    } kTable[] = {
+        {{}, "1000000000"},
+        {{.nth = 4}, "0001000000"},
+        {{.nth = 9, .count = 5}, "0000000011"},
+        {{.nth = 3, .count = UINT64_MAX}, "0011111111"},
+        {{.detail = "abcd", .nth = 2}, "0100000000"},
+        {{.detail = "efgh"}, "0000000000"},
+        {{.count = UINT64_MAX, .percent = 0}, "0000000000"},
+    };
+    for (const auto& [plan, hits] : kTable)
+        EXPECT_EQ(Hits(plan), hits);
+    const std::string half = Hits({.count = UINT64_MAX, .percent = 50});
+    EXPECT_NE(half.find('0'), std::string::npos);
+    EXPECT_NE(half.find('1'), std::string::npos);
+    EXPECT_EQ(half, Hits({.count = UINT64_MAX, .percent = 50})); // the same seed
+}
+
+TEST(FaultPoints, PointsAreCountedApartAndFoundByName)
+{
+    FaultPoints faults(1);
+    faults.Arm(FaultPoint::BusRequest, {.nth = 2, .fault = {FaultAction::Delay, 0, kSecond}});
+    EXPECT_FALSE(faults.Hit(FaultPoint::BusRequest));
+    EXPECT_FALSE(faults.Hit(FaultPoint::RegistryCall));
+    const auto fault = faults.Hit(FaultPoint::BusRequest);
+    ASSERT_TRUE(fault);
+    EXPECT_EQ(fault->action, FaultAction::Delay);
+    EXPECT_EQ(fault->delay, kSecond);
+    EXPECT_EQ(faults.Calls(FaultPoint::BusRequest), 2u);
+    EXPECT_EQ(faults.Faults(FaultPoint::BusRequest), 1u);
+    EXPECT_EQ(faults.Calls(FaultPoint::RegistryCall), 1u);
+    EXPECT_EQ(FaultPointByName("bus.request"), FaultPoint::BusRequest);
+    EXPECT_EQ(FaultPointByName("bus"), std::nullopt);
+    EXPECT_STREQ(FaultPointName(FaultPoint::RegistryCall), "registry.call");
+}
+
+TEST(FaultPoints, PoolAndWorkItemsFailWhenTold)
+{
+    Kernel kernel;
+    kernel.Faults().Arm(FaultPoint::PoolAllocate, {.detail = "Two ", .nth = 2});
+    PVOID one = ExAllocatePoolWithTag(NonPagedPool, 8, ' enO');
+    PVOID two = ExAllocatePoolWithTag(NonPagedPool, 8, ' owT');
+    EXPECT_NE(one, nullptr);
+    EXPECT_NE(two, nullptr);
+    EXPECT_EQ(ExAllocatePoolWithTag(NonPagedPool, 8, ' owT'), nullptr);
+    ExFreePoolWithTag(one, ' enO');
+    ExFreePoolWithTag(two, ' owT');
+    kernel.Faults().Arm(FaultPoint::WorkItemAllocate, {});
+    EXPECT_EQ(IoAllocateWorkItem(nullptr), nullptr);
+}
+
+} // namespace
+} // namespace host

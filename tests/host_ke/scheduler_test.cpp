@@ -1,0 +1,269 @@
+#include "recorded.h"
+
+#include <gtest/gtest.h>
+#include <wdm/ex.h>
+
+namespace host {
+namespace {
+
+// Three threads that meet at a lock, an event and a timer; the result is the order they passed in.
+std::string Meet(Kernel& kernel)
+{
+    std::string order;
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KEVENT event;
+    KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+    std::vector<ThreadHandle> threads;
+    for (const char name : {'a', 'b', 'c'}) {
+        threads.push_back(kernel.Spawn(std::string(1, name), [&, name] {
+            for (int i = 0; i < 4; ++i) {
+                KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+                KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
+                order += name;
+                KeReleaseSpinLock(&lock, irql);
+                KeSetEvent(&event, 0, FALSE);
+                kernel.RunFor(kMillisecond);
+            }
+        }));
+    }
+    for (ThreadHandle& thread : threads)
+        thread.Join();
+    return order;
+}
+
+struct Outcome {
+    std::string order;
+    std::uint64_t hash = 0;
+    std::string schedule;
+    Time took = 0;
+
+    bool operator==(const Outcome&) const = default;
+};
+
+Outcome MeetWith(KernelOptions options)
+{
+    Outcome run;
+    Kernel kernel(std::move(options));
+    run.order = Meet(kernel);
+    run.hash = kernel.TraceHash();
+    run.schedule = FormatSchedule(kernel.RecordedSchedule());
+    run.took = kernel.InterruptTime();
+    return run;
+}
+
+TEST(Scheduler, SameSeedSameRunAndAnotherSeedAnother)
+{
+    for (const StrategyKind strategy : {StrategyKind::Fifo, StrategyKind::Random, StrategyKind::Pct}) {
+        std::set<std::uint64_t> hashes;
+        for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+            const Outcome first = MeetWith({.strategy = strategy, .seed = seed});
+            EXPECT_EQ(first, MeetWith({.strategy = strategy, .seed = seed})) << seed;
+            hashes.insert(first.hash);
+        }
+        EXPECT_GE(hashes.size(), strategy == StrategyKind::Fifo ? 1u : 15u);
+    }
+}
+
+TEST(Scheduler, ReplayRepeatsARecordedRun)
+{
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        const Outcome recorded = MeetWith({.strategy = StrategyKind::Random, .seed = seed});
+        EXPECT_EQ(recorded,
+                  MeetWith({.strategy = StrategyKind::Replay, .seed = seed, .schedule = recorded.schedule}));
+    }
+}
+
+TEST(Scheduler, ReplayOfAnotherRunIsRefused)
+{
+    const std::vector<Finding> findings =
+        Record({.strategy = StrategyKind::Replay, .schedule = "0x3 7"}, [](Kernel& kernel) { Meet(kernel); });
+    EXPECT_EQ(RuleNames(findings), "ReplayDiverged");
+}
+
+TEST(Scheduler, ScheduleTexts)
+{
+    const struct {
+        const char* text;
+        Schedule schedule;
+    } kGood[] = {{"", {}}, {"3", {3}}, {"0x3 2 1x2", {0, 0, 0, 2, 1, 1}}};
+    for (const auto& [text, schedule] : kGood) {
+        EXPECT_EQ(ParseSchedule(text), schedule) << text;
+        EXPECT_EQ(FormatSchedule(schedule), text);
+    }
+    for (const char* const text : {"x", "1x", "1,2", "-1", "0x99999999", "5 a"})
+        EXPECT_THROW(ParseSchedule(text), std::invalid_argument) << text;
+}
+
+TEST(Scheduler, AnHourTakesNoTime)
+{
+    Kernel kernel;
+    const Time start = kernel.Now();
+    kernel.RunFor(3'600 * kSecond);
+    EXPECT_EQ(kernel.Now() - start, 3'600 * kSecond);
+    EXPECT_LT(kernel.GetScheduler().Step(), 10u);
+}
+
+TEST(Scheduler, TheClockStandsStillWhileAnyThreadIsReady)
+{
+    Kernel kernel;
+    int rounds = 0;
+    LONG value = 0;
+    ThreadHandle busy = kernel.Spawn("busy", [&] {
+        for (; rounds < 100; ++rounds)
+            InterlockedIncrement(&value);
+    });
+    kernel.RunFor(1);
+    EXPECT_EQ(rounds, 100);
+    EXPECT_EQ(kernel.InterruptTime(), 1);
+}
+
+TEST(Scheduler, DriftLetsATimeOutOvertakeAReadyThread)
+{
+    bool overtook = false;
+    for (std::uint64_t seed = 1; seed <= 50 && !overtook; ++seed) {
+        Kernel kernel({.strategy = StrategyKind::Random, .seed = seed, .drift = kMillisecond});
+        LONG value = 0;
+        ThreadHandle busy = kernel.Spawn("busy", [&] {
+            for (int i = 0; i < 100; ++i)
+                InterlockedIncrement(&value);
+        });
+        kernel.RunFor(kMillisecond);
+        overtook = value < 100;
+    }
+    EXPECT_TRUE(overtook);
+}
+
+TEST(Scheduler, DeadlockNamesWhoWaitsAndWhoHolds)
+{
+    FAST_MUTEX one;
+    FAST_MUTEX two;
+    const std::vector<Finding> findings = Record([&](Kernel& kernel) {
+        ExInitializeFastMutex(&one);
+        ExInitializeFastMutex(&two);
+        const auto lock_both = [&kernel](FAST_MUTEX& first, FAST_MUTEX& second) {
+            ExAcquireFastMutex(&first);
+            kernel.RunFor(kMillisecond);
+            ExAcquireFastMutex(&second);
+            ExReleaseFastMutex(&second);
+            ExReleaseFastMutex(&first);
+        };
+        kernel.GetVerifier().AddExcuse(
+            {.rule = Rule::LockOrder, .detail = "", .reason = "the hang is the subject"});
+        ThreadHandle left = kernel.Spawn("left", [&] { lock_both(one, two); });
+        ThreadHandle right = kernel.Spawn("right", [&] { lock_both(two, one); });
+        left.Join();
+    });
+    ASSERT_EQ(RuleNames(findings), "Deadlock");
+    const std::string& text = findings[0].text;
+    EXPECT_NE(text.find("left (IRQL 1) waits for a fast mutex that is held by right"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("right (IRQL 1) waits for a fast mutex that is held by left"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("main (IRQL 0) waits for the end of a thread"), std::string::npos) << text;
+}
+
+// A stopped run unwinds every thread, so that nothing that lives on main's stack is used after it.
+TEST(Scheduler, ADeadlockUnwindsAllThreadsBeforeMain)
+{
+    int unwound = 0;
+    struct Counter {
+        int& count;
+        ~Counter() { ++count; }
+    };
+    const std::vector<Finding> findings = Record([&](Kernel& kernel) {
+        KEVENT never;
+        KeInitializeEvent(&never, NotificationEvent, FALSE);
+        std::vector<ThreadHandle> threads;
+        for (int i = 0; i < 5; ++i)
+            threads.push_back(kernel.Spawn("stuck", [&] {
+                const Counter counter{unwound};
+                KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
+            }));
+        try {
+            KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
+        } catch (const SimulationStopped&) {
+            EXPECT_EQ(unwound, 5);
+            throw;
+        }
+    });
+    EXPECT_EQ(RuleNames(findings), "Deadlock");
+    EXPECT_EQ(unwound, 5);
+}
+
+TEST(Scheduler, LivelockEndsTheRun)
+{
+    const std::vector<Finding> findings = Record({.max_steps = 10'000}, [](Kernel& kernel) {
+        LONG flag = 0;
+        ThreadHandle spinner = kernel.Spawn("spinner", [&] {
+            while (InterlockedCompareExchange(&flag, 0, 0) == 0) {
+            }
+        });
+        spinner.Join();
+    });
+    EXPECT_EQ(RuleNames(findings), "Livelock");
+}
+
+TEST(Scheduler, BugCheckEndsTheRunFromAnyThread)
+{
+    for (const bool on_main : {true, false}) {
+        const std::vector<Finding> findings = Record([on_main](Kernel& kernel) {
+            const auto crash = [] { KeBugCheckEx(0xE2, 1, 2, 3, 4); };
+            ThreadHandle other = kernel.Spawn("other", [&] {
+                if (!on_main)
+                    crash();
+                kernel.RunFor(kSecond);
+            });
+            if (on_main)
+                crash();
+            other.Join();
+            ADD_FAILURE() << "went on after a bug check";
+        });
+        ASSERT_EQ(RuleNames(findings), "BugCheck");
+        EXPECT_EQ(findings[0].detail, "0xE2");
+    }
+}
+
+TEST(Scheduler, JoinRethrowsWhatTheBodyThrew)
+{
+    Kernel kernel;
+    ThreadHandle thread = kernel.Spawn("thrower", [] { throw std::runtime_error("no"); });
+    EXPECT_THROW(thread.Join(), std::runtime_error);
+}
+
+TEST(Scheduler, RunUntilIdleStopsBeforeTheNextTimeOut)
+{
+    Kernel kernel;
+    bool woke = false;
+    ThreadHandle sleeper = kernel.Spawn("sleeper", [&] {
+        kernel.RunFor(kMillisecond);
+        woke = true;
+    });
+    kernel.RunUntilIdle();
+    EXPECT_FALSE(woke);
+    EXPECT_EQ(kernel.InterruptTime(), 0);
+    EXPECT_TRUE(kernel.RunUntil([&] { return woke; }, kSecond));
+    EXPECT_FALSE(kernel.RunUntil([] { return false; }, 5 * kMillisecond));
+    EXPECT_EQ(kernel.InterruptTime(), 6 * kMillisecond);
+}
+
+using SchedulerDeathTest = ::testing::Test;
+
+TEST(SchedulerDeathTest, AFailureSaysHowToReplayIt)
+{
+    const auto fail = [] {
+        Kernel kernel({.strategy = StrategyKind::Random,
+                       .seed = 77,
+                       .replay_command = "chaos --seed {seed} --strategy {strategy}"});
+        KEVENT never;
+        KeInitializeEvent(&never, NotificationEvent, FALSE);
+        KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
+    };
+    EXPECT_DEATH(
+        fail(), "\\*\\*\\* Deadlock: no thread can run(.|\n)*actor main(.|\n)*main \\(IRQL 0\\) waits for an "
+                "event(.|\n)*strategy random, seed 77, step [0-9]+(.|\n)*replay   chaos --seed 77 --strategy "
+                "random");
+}
+
+} // namespace
+} // namespace host
