@@ -120,7 +120,9 @@ NTSTATUS IoUnloadDriver(std::string_view name)
     const CallbackState before = VfEnterCallback();
     {
         const DriverScope scope(&driver->object);
+        VfBeginUnload();
         driver->object.DriverUnload(&driver->object);
+        VfEndUnload();
     }
     VfLeaveCallback(before, "DriverUnload", reinterpret_cast<const void*>(driver->object.DriverUnload));
     VfAuditUnload(driver->name);

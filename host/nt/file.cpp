@@ -237,6 +237,14 @@ void CancelThreadIo()
     }
 }
 
+ThreadHandle SpawnClient(std::string name, std::function<void()> body)
+{
+    return Kernel::Current().Spawn(std::move(name), [body = std::move(body)] {
+        body();
+        CancelThreadIo();
+    });
+}
+
 std::vector<std::string> Interfaces(const GUID& interface_class)
 {
     std::vector<std::string> names = DeviceInterfaces::Current().Enabled(interface_class);

@@ -5,7 +5,7 @@
 // cleanup and, when no request is left, close.
 #pragma once
 
-#include "ke/time.h"
+#include "ke/kernel.h"
 
 #include <cstddef>
 #include <functional>
@@ -123,6 +123,8 @@ std::span<const std::byte> BytesOf(const T& value)
 // What the end of a thread does to its calls: cancels each, and waits until they have come back. Called by
 // client threads as the last thing they do.
 void CancelThreadIo();
+// A thread of an application: runs `body`, then CancelThreadIo.
+[[nodiscard]] ThreadHandle SpawnClient(std::string name, std::function<void()> body);
 
 // Names of the enabled interfaces of a class, ready for Open.
 std::vector<std::string> Interfaces(const GUID& interface_class);

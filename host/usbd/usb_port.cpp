@@ -105,8 +105,11 @@ void UsbPort::FillCapabilities(DEVICE_CAPABILITIES* capabilities) const
 
 void UsbPort::Started()
 {
-    const PortLock lock(lock_);
-    started_ = true;
+    {
+        const PortLock lock(lock_);
+        started_ = true;
+    }
+    Poke();
 }
 
 // The stack above is gone: nothing of it may stay on the bus.

@@ -273,7 +273,7 @@ void UsbPort::FailAll(USBD_STATUS status, std::vector<UsbTransferPtr>& done)
 
 void UsbPort::ArmTimer()
 {
-    if (gone_)
+    if (gone_ || !started_)
         return;
     const Time now = Kernel::Current().Now();
     std::optional<Time> next = device_->NextEvent();

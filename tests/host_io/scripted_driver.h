@@ -66,8 +66,8 @@ class Bench {
     // Rules that were broken since the last call, each once, in order.
     std::vector<host::Rule> Broken();
 
+    Script script; // outlives the kernel: devices go with it
     host::Kernel kernel;
-    Script script;
     PDRIVER_OBJECT driver = nullptr;
 };
 

@@ -31,8 +31,8 @@ UsbBench::UsbBench(host::KernelOptions options, host::UsbPortOptions port_option
 
 UsbBench::~UsbBench()
 {
-    if (port && !port->Gone())
-        host::UsbBus::Current().Unplug(port);
+    for (const host::UsbPortPtr& plugged : host::UsbBus::Current().Ports())
+        host::UsbBus::Current().Unplug(plugged);
     host::PnpManager::Current().Settle();
 }
 

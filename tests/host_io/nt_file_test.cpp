@@ -1,0 +1,294 @@
+// Files as applications see them: opening, closing, rights, cancelling, synchronous handles.
+#include "scripted_driver.h"
+
+#include "io/device_interfaces.h"
+
+namespace {
+
+using host::Rule;
+using host::nt::Access;
+using host::nt::File;
+using host::nt::OpenOptions;
+using host_test::Bench;
+using host_test::Bytes;
+using host_test::Complete;
+
+constexpr std::initializer_list<const char*> kLife = {"IRP_MJ_CREATE", "IRP_MJ_CLEANUP", "IRP_MJ_CLOSE"};
+
+TEST(File, OpensCleansUpAndCloses)
+{
+    Bench bench;
+    PFILE_OBJECT seen = nullptr;
+    bench.OnRequest(IRP_MJ_CREATE, [&](PDEVICE_OBJECT, PIRP irp) {
+        const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+        seen = location->FileObject;
+        EXPECT_EQ(seen->DeviceObject, bench.script.device);
+        EXPECT_EQ(seen->FileName.Length, 0);
+        EXPECT_EQ(location->Parameters.Create.SecurityContext->DesiredAccess & FILE_READ_DATA,
+                  ULONG{FILE_READ_DATA});
+        seen->FsContext = &bench;
+        return Complete(irp, STATUS_SUCCESS);
+    });
+    bench.OnRequest(IRP_MJ_CLOSE, [&](PDEVICE_OBJECT, PIRP irp) {
+        EXPECT_EQ(IoGetCurrentIrpStackLocation(irp)->FileObject, seen);
+        EXPECT_EQ(seen->FsContext, &bench);
+        return Complete(irp, STATUS_SUCCESS);
+    });
+    File file = bench.Open();
+    EXPECT_EQ(bench.script.device->ReferenceCount, 1);
+    file.Close();
+    file.Close();
+    EXPECT_EQ(bench.script.seen, (std::vector<std::string>{kLife.begin(), kLife.end()}));
+    EXPECT_EQ(bench.script.device->ReferenceCount, 0);
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(File, ThatIsRefusedIsNeverClosed)
+{
+    Bench bench;
+    bench.OnRequest(IRP_MJ_CREATE,
+                    [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_INSUFFICIENT_RESOURCES); });
+    File file;
+    EXPECT_EQ(File::Open("T", &file), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_EQ(bench.script.seen, std::vector<std::string>{"IRP_MJ_CREATE"});
+    EXPECT_EQ(bench.script.device->ReferenceCount, 0);
+}
+
+TEST(File, IsCleanedUpWithItsLastHandleAndClosedWithItsLastRequest)
+{
+    Bench bench;
+    PIRP waiting = nullptr;
+    bench.OnRequest(IRP_MJ_READ, [&](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        waiting = irp;
+        return STATUS_PENDING;
+    });
+    File file = bench.Open();
+    File second = file.Duplicate();
+    const host::nt::Request read = file.StartRead(1);
+    file.Close();
+    EXPECT_FALSE(bench.script.Saw("IRP_MJ_CLEANUP"));
+    second.Close();
+    EXPECT_TRUE(bench.script.Saw("IRP_MJ_CLEANUP"));
+    EXPECT_FALSE(bench.script.Saw("IRP_MJ_CLOSE"));
+    // Completed from a DPC's IRQL: the close comes from a system thread, at PASSIVE_LEVEL.
+    KIRQL at_close = HIGH_LEVEL;
+    bench.OnRequest(IRP_MJ_CLOSE, [&](PDEVICE_OBJECT, PIRP irp) {
+        at_close = KeGetCurrentIrql();
+        return Complete(irp, STATUS_SUCCESS);
+    });
+    KIRQL irql = PASSIVE_LEVEL;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    Complete(waiting, STATUS_CANCELLED);
+    KeLowerIrql(irql);
+    bench.kernel.RunUntilIdle();
+    EXPECT_EQ(at_close, PASSIVE_LEVEL);
+    EXPECT_EQ(read.Status(), STATUS_CANCELLED);
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+struct PathCase {
+    const char* path;
+    NTSTATUS status;
+    const char16_t* file_name;
+};
+
+TEST(File, IsFoundByEveryKindOfName)
+{
+    const PathCase cases[] = {
+        {"T", STATUS_SUCCESS, u""},
+        {"t", STATUS_SUCCESS, u""},
+        {"\\\\.\\T", STATUS_SUCCESS, u""},
+        {"\\\\?\\t", STATUS_SUCCESS, u""},
+        {"\\DosDevices\\T", STATUS_SUCCESS, u""},
+        {"\\Device\\t", STATUS_SUCCESS, u""},
+        {"\\\\.\\T\\sub", STATUS_SUCCESS, u"\\sub"},
+        {"\\\\.\\T\\", STATUS_SUCCESS, u"\\"},
+        {"\\\\.\\T2", STATUS_OBJECT_NAME_NOT_FOUND, u""},
+        {"", STATUS_OBJECT_NAME_NOT_FOUND, u""},
+    };
+    for (const PathCase& item : cases) {
+        Bench bench;
+        std::u16string name;
+        bench.OnRequest(IRP_MJ_CREATE, [&](PDEVICE_OBJECT, PIRP irp) {
+            name = *host::IopText(&IoGetCurrentIrpStackLocation(irp)->FileObject->FileName);
+            return Complete(irp, STATUS_SUCCESS);
+        });
+        File file;
+        EXPECT_EQ(File::Open(item.path, &file), item.status) << item.path;
+        EXPECT_EQ(name, item.file_name) << item.path;
+    }
+}
+
+constexpr ULONG kAny = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_BUFFERED, FILE_ANY_ACCESS);
+constexpr ULONG kRead = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 2, METHOD_BUFFERED, FILE_READ_ACCESS);
+constexpr ULONG kWrite = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 3, METHOD_BUFFERED, FILE_WRITE_ACCESS);
+
+struct AccessCase {
+    Access access;
+    bool read, write, flush, any_control, read_control, write_control;
+};
+
+TEST(File, DoesWhatItWasOpenedFor)
+{
+    const AccessCase cases[] = {
+        {Access::None, false, false, false, true, false, false},
+        {Access::Read, true, false, false, true, true, false},
+        {Access::Write, false, true, true, true, false, true},
+        {Access::ReadWrite, true, true, true, true, true, true},
+    };
+    for (const AccessCase& item : cases) {
+        Bench bench;
+        OpenOptions options;
+        options.access = item.access;
+        const File file = bench.Open(options);
+        const auto allowed = [](const host::nt::Result& result) {
+            return result.status != STATUS_ACCESS_DENIED;
+        };
+        EXPECT_EQ(allowed(file.Read(1)), item.read);
+        EXPECT_EQ(allowed(file.Write(Bytes("x"))), item.write);
+        EXPECT_EQ(allowed(file.Flush()), item.flush);
+        EXPECT_EQ(allowed(file.Control(kAny)), item.any_control);
+        EXPECT_EQ(allowed(file.Control(kRead)), item.read_control);
+        EXPECT_EQ(allowed(file.Control(kWrite)), item.write_control);
+    }
+}
+
+struct MethodCase {
+    ULONG method;
+    bool system_buffer, type3, mdl;
+};
+
+TEST(File, ControlsCarryTheirBuffersByMethod)
+{
+    const MethodCase cases[] = {
+        {METHOD_BUFFERED, true, false, false},
+        {METHOD_IN_DIRECT, true, false, true},
+        {METHOD_OUT_DIRECT, true, false, true},
+        {METHOD_NEITHER, false, true, false},
+    };
+    for (const MethodCase& item : cases) {
+        Bench bench;
+        bench.OnRequest(IRP_MJ_DEVICE_CONTROL, [&](PDEVICE_OBJECT, PIRP irp) {
+            const auto& control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+            EXPECT_EQ(control.InputBufferLength, 2U);
+            EXPECT_EQ(control.OutputBufferLength, 4U);
+            EXPECT_EQ(irp->AssociatedIrp.SystemBuffer != nullptr, item.system_buffer);
+            EXPECT_EQ(control.Type3InputBuffer != nullptr, item.type3);
+            EXPECT_EQ(irp->MdlAddress != nullptr, item.mdl);
+            return Complete(irp, STATUS_SUCCESS);
+        });
+        EXPECT_EQ(bench.Open().Control(CTL_CODE(0x800, 1, item.method, 0), Bytes("ab"), 4).status,
+                  STATUS_SUCCESS);
+        EXPECT_TRUE(bench.Broken().empty());
+    }
+}
+
+// A read that waits until it is cancelled or the test says so.
+class Waiting {
+  public:
+    static VOID NTAPI Cancel(PDEVICE_OBJECT, PIRP irp)
+    {
+        IoReleaseCancelSpinLock(irp->CancelIrql);
+        Complete(irp, STATUS_CANCELLED);
+    }
+    static NTSTATUS Dispatch(PDEVICE_OBJECT, PIRP irp)
+    {
+        KIRQL irql = PASSIVE_LEVEL;
+        IoAcquireCancelSpinLock(&irql);
+        IoMarkIrpPending(irp);
+        IoSetCancelRoutine(irp, Cancel);
+        IoReleaseCancelSpinLock(irql);
+        return STATUS_PENDING;
+    }
+};
+
+TEST(File, CancelIoTakesTheCallersRequestsAndCancelIoExAll)
+{
+    Bench bench;
+    bench.OnRequest(IRP_MJ_READ, Waiting::Dispatch);
+    const File file = bench.Open();
+    const File other = bench.Open();
+    const host::nt::Request mine = file.StartRead(1);
+    const host::nt::Request elsewhere = other.StartRead(1);
+    host::nt::Request theirs;
+    bench.kernel.Spawn("another", [&] { theirs = file.StartRead(1); }).Join();
+    EXPECT_TRUE(file.CancelIo());
+    EXPECT_EQ(mine.Status(), STATUS_CANCELLED);
+    EXPECT_EQ(theirs.Status(), STATUS_PENDING);
+    EXPECT_TRUE(file.CancelIoEx());
+    EXPECT_EQ(theirs.Status(), STATUS_CANCELLED);
+    EXPECT_EQ(elsewhere.Status(), STATUS_PENDING);
+    EXPECT_FALSE(file.CancelIoEx());
+    EXPECT_TRUE(elsewhere.Cancel());
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(File, AThreadsEndCancelsItsRequests)
+{
+    Bench bench;
+    bench.OnRequest(IRP_MJ_READ, Waiting::Dispatch);
+    const File file = bench.Open();
+    host::nt::Request read;
+    host::nt::SpawnClient("client", [&] { read = file.StartRead(1); }).Join();
+    EXPECT_EQ(read.Status(), STATUS_CANCELLED);
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(File, ARequestThatWillNotBeCancelledIsReported)
+{
+    Bench bench;
+    PIRP stuck = nullptr;
+    bench.OnRequest(IRP_MJ_READ, [&](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        stuck = irp;
+        return STATUS_PENDING;
+    });
+    const File file = bench.Open();
+    host::nt::SpawnClient("client", [&] { file.StartRead(1); }).Join();
+    EXPECT_GE(bench.kernel.InterruptTime(), 300 * host::kSecond);
+    EXPECT_EQ(bench.Broken(), std::vector{Rule::IrpCancelledTooSlowly});
+    Complete(stuck, STATUS_CANCELLED);
+}
+
+TEST(File, ASynchronousHandleDoesOneThingAtATime)
+{
+    Bench bench;
+    PIRP waiting = nullptr;
+    bench.OnRequest(IRP_MJ_READ, [&](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        waiting = irp;
+        return STATUS_PENDING;
+    });
+    OpenOptions options;
+    options.overlapped = false;
+    const File file = bench.Open(options);
+    host::ThreadHandle reader =
+        bench.kernel.Spawn("reader", [&] { EXPECT_EQ(file.Read(1).status, STATUS_TIMEOUT); });
+    host::ThreadHandle asker = bench.kernel.Spawn("asker", [&] { file.Control(kAny); });
+    bench.kernel.RunFor(host::kSecond);
+    EXPECT_NE(waiting, nullptr);
+    EXPECT_FALSE(bench.script.Saw("IRP_MJ_DEVICE_CONTROL")) << "the read has the handle";
+    Complete(waiting, STATUS_TIMEOUT);
+    reader.Join();
+    asker.Join();
+    EXPECT_TRUE(bench.script.Saw("IRP_MJ_DEVICE_CONTROL"));
+    EXPECT_TRUE(bench.Broken().empty());
+}
+
+TEST(File, TellsWhenARequestIsDone)
+{
+    Bench bench;
+    bench.OnRequest(IRP_MJ_READ, Waiting::Dispatch);
+    const File file = bench.Open();
+    int told = 0;
+    const host::nt::Request read = file.StartRead(1, [&] { ++told; });
+    EXPECT_FALSE(read.WaitFor(host::kSecond));
+    EXPECT_EQ(told, 0);
+    read.Cancel();
+    EXPECT_TRUE(read.WaitFor(host::kSecond));
+    EXPECT_EQ(told, 1);
+}
+
+} // namespace
