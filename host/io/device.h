@@ -35,7 +35,7 @@ PDEVICE_OBJECT IopTopOf(PDEVICE_OBJECT device);
 // And the one at its bottom.
 PDEVICE_OBJECT IopBottomOf(PDEVICE_OBJECT device);
 
-// "\Device\x (navox)", for reports.
+// "\Device\x (driver)", for reports.
 std::string IopDescribeDevice(PDEVICE_OBJECT device);
 
 // One reference by pointer; the device's memory stays while there are any. IRQL <= DISPATCH_LEVEL.
