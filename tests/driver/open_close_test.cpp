@@ -1,0 +1,412 @@
+// Opening and closing the port: who is counted, what the module is told, and who is refused.
+#include "rig.h"
+
+#include "include/navox/gps_ioctl.h"
+
+#include <algorithm>
+
+namespace navox_test {
+namespace {
+
+using host::FaultAction;
+using host::FaultPoint;
+using host::PnpManager;
+using module::PacketFault;
+using module::Pipe;
+using Strings = std::vector<std::string>;
+
+const Strings kSetup = {"CLEAR_COMM_FEATURE",       "GET_COMM_FEATURE",    "SET_COMM_FEATURE(3)",
+                        "GET_COMM_FEATURE",         "SET_COMM_FEATURE(2)", "reset 82",
+                        "SET_CONTROL_LINE_STATE(3)"};
+const Strings kRelease = {"SET_CONTROL_LINE_STATE(2)", "SET_CONTROL_LINE_STATE(0)", "SET_COMM_FEATURE(3)"};
+const Strings kExchange = {"reset 02", "reset 82", "out 02 AT*Q7GPSNPD\r\n", "in 82", "in 82"};
+
+Strings operator+(Strings a, const Strings& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+Strings First(const Strings& log, std::size_t count)
+{
+    return {log.begin(), log.begin() + static_cast<std::ptrdiff_t>(std::min(count, log.size()))};
+}
+
+// Every value that OpenHandles was given since the last call.
+std::vector<std::uint32_t> TakeCounts(Rig& rig)
+{
+    std::vector<std::uint32_t> counts;
+    for (const host::CmWrite& write : rig.Registry().Writes())
+        if (write.name == u"OpenHandles")
+            counts.push_back(write.Dword().value_or(~0U));
+    rig.Registry().ClearWrites();
+    return counts;
+}
+
+ULONG ApplicationCount(const Port& port)
+{
+    return port.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT);
+}
+
+TEST(OpenHandles, FollowsEveryOpenAndClose)
+{
+    Rig rig;
+    EXPECT_EQ(TakeCounts(rig), (std::vector<std::uint32_t>{0})); // at the arrival
+    Port one = rig.Open();
+    Port two = rig.Open();
+    Port three = rig.Open();
+    EXPECT_EQ(ApplicationCount(two), 3U);
+    two.Close();
+    EXPECT_EQ(ApplicationCount(one), 2U);
+    one.Close();
+    three.Close();
+    EXPECT_EQ(TakeCounts(rig), (std::vector<std::uint32_t>{1, 2, 3, 2, 1, 0}));
+}
+
+TEST(OpenHandles, IsWrittenAsOneWordInTheHardwareKey)
+{
+    Rig rig;
+    rig.Registry().ClearWrites();
+    const Port port = rig.Open();
+    const auto writes = rig.Registry().Writes();
+    ASSERT_EQ(writes.size(), 1U);
+    EXPECT_EQ(writes[0].kind, host::CmWrite::Kind::SetValue);
+    EXPECT_EQ(writes[0].key, rig.Node()->HardwareKey());
+    EXPECT_EQ(writes[0].type, static_cast<std::uint32_t>(host::CmType::Dword));
+}
+
+// A registry that refuses the count refuses neither open nor close.
+TEST(OpenHandles, IsNoConditionOfAnOpen)
+{
+    for (const char* routine : {"IoOpenDeviceRegistryKey", "ZwSetValueKey"}) {
+        Rig rig;
+        rig.kernel.Faults().Arm(FaultPoint::RegistryCall, {.detail = routine, .count = 2});
+        rig.Open().Close();
+        EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::RegistryCall), 2U);
+        EXPECT_EQ(rig.OpenHandles(), 0U);
+        const Port port = rig.Open();
+        EXPECT_EQ(rig.OpenHandles(), 1U);
+    }
+}
+
+// The bus sees one set-up, one exchange and one release, whoever comes and goes between.
+TEST(Line, IsConditionedByTheFirstOpenAndReleasedByTheLastClose)
+{
+    RigOptions options;
+    options.source = nullptr;
+    options.module.function.comm_interface = 4;
+    options.module.function.data_interface = 5;
+    Rig rig(options);
+    rig.TakeBusLog();
+
+    Port first = rig.Open();
+    for (const host::UsbRequest& request : host::UsbBus::Current().Log())
+        for (const module::SetupPacket& setup : request.setup)
+            if (request.function == URB_FUNCTION_CLASS_INTERFACE) {
+                EXPECT_EQ(setup.wIndex, 4) << request.number;
+                EXPECT_EQ(setup.bmRequestType & 0x7F, 0x21) << request.number;
+                EXPECT_EQ(setup.wValue, setup.bRequest == 0x22 ? 3 : 1) << request.number;
+            }
+    EXPECT_EQ(rig.TakeBusLog(), kSetup);
+    EXPECT_TRUE(rig.module->Look().dtr && rig.module->Look().rts);
+    EXPECT_EQ(rig.module->Look().abstract_state, 2);
+
+    Port second = rig.Open();
+    rig.RunFor(1'490 * kMillisecond);
+    EXPECT_EQ(rig.TakeBusLog(), Strings{});
+    rig.RunFor(30 * kMillisecond); // 1.5 s after the first open, at the next tick of the clock
+    EXPECT_EQ(rig.TakeBusLog(), kExchange + Strings{"in 82"});
+
+    first.Close();
+    EXPECT_EQ(rig.TakeBusLog(), Strings{});
+    second.Close();
+    EXPECT_EQ(rig.TakeBusLog(), kRelease);
+    EXPECT_FALSE(rig.module->Look().dtr || rig.module->Look().rts);
+    EXPECT_EQ(rig.module->Look().abstract_state, 3);
+    rig.RunFor(10 * kSecond);
+    EXPECT_EQ(rig.TakeBusLog(), Strings{});
+}
+
+// Set-up by the open, then by the reader, because the close has asked for it.
+TEST(Line, IsConditionedTwiceWhenThePortIsOpenedAgain)
+{
+    Rig rig;
+    rig.OpenStreaming().Close();
+    rig.TakeBusLog();
+    const Port port = rig.OpenStreaming();
+    EXPECT_EQ(First(rig.TakeBusLog(), 19), kSetup + kSetup + kExchange);
+    EXPECT_EQ(port.Read(32).Text(), kEmptyFix); // and nothing older
+}
+
+TEST(Line, OfAVisitorWhoLeavesBeforeTheReaderStartsIsLeftAlone)
+{
+    Rig rig;
+    rig.TakeBusLog();
+    rig.Open().Close();
+    EXPECT_EQ(rig.TakeBusLog(), kSetup + kRelease);
+    rig.RunFor(5 * kSecond);
+    EXPECT_EQ(rig.TakeBusLog(), Strings{});
+}
+
+struct Obstacle {
+    int number;
+    std::uint8_t bRequest;
+    unsigned nth;
+    std::size_t seen; // requests of the set-up until the failing one
+};
+
+// The open succeeds all the same, what comes after the failing request is not sent, and the reader begins with
+// the whole set-up.
+TEST(Line, ThatIsNotConditionedByTheOpenIsConditionedByTheReader)
+{
+    const Obstacle obstacles[] = {{1, 0x04, 1, 1}, {2, 0x03, 1, 2}, {3, 0x02, 1, 3},
+                                  {4, 0x03, 2, 4}, {5, 0x02, 2, 5}, {6, 0x22, 1, 7}};
+    for (const Obstacle& o : obstacles) {
+        RigOptions options;
+        options.module.faults.packets = {
+            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::Control, .bRequest = o.bRequest, .nth = o.nth}};
+        Rig rig(options);
+        rig.TakeBusLog();
+        const Port port = rig.Open();
+        EXPECT_EQ(rig.TakeBusLog(), First(kSetup, o.seen)) << "obstacle " << o.number;
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return rig.module->Look().nmea_flowing; }, 2 * kSecond));
+        EXPECT_EQ(First(rig.TakeBusLog(), 12), kSetup + kExchange) << "obstacle " << o.number;
+    }
+}
+
+TEST(Line, IsConditionedAlthoughThePipeIsNotReset)
+{
+    Rig rig;
+    rig.TakeBusLog();
+    rig.kernel.Faults().Arm(FaultPoint::BusRequest,
+                            {.detail = "SYNC_RESET_PIPE_AND_CLEAR_STALL", .count = 3});
+    const Port port = rig.OpenStreaming();
+    EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::BusRequest), 3U);
+    EXPECT_EQ(First(rig.TakeBusLog(), 12), kSetup + kExchange);
+}
+
+TEST(Line, ThatIsNotReleasedDoesNotHoldUpTheClose)
+{
+    const Obstacle obstacles[] = {{1, 0x22, 2, 1}, {2, 0x22, 3, 2}, {3, 0x02, 3, 3}};
+    for (const Obstacle& o : obstacles) {
+        RigOptions options;
+        options.module.faults.packets = {
+            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::Control, .bRequest = o.bRequest, .nth = o.nth}};
+        Rig rig(options);
+        Port port = rig.OpenStreaming();
+        rig.TakeBusLog();
+        port.Close();
+        EXPECT_EQ(rig.TakeBusLog(), First(kRelease, o.seen)) << "obstacle " << o.number;
+        EXPECT_EQ(rig.OpenHandles(), 0U);
+        EXPECT_EQ(rig.OpenStreaming().Read(32).Text(), kEmptyFix);
+    }
+}
+
+// A module that thinks about it holds up the application that opened first, and nobody else.
+TEST(Line, OfASlowModuleHoldsUpTheFirstOpenOnly)
+{
+    Rig rig;
+    rig.kernel.Faults().Arm(
+        FaultPoint::BusRequest,
+        {.detail = "CLASS_INTERFACE", .fault = {.action = FaultAction::Delay, .delay = kSecond}});
+    Port first;
+    host::ThreadHandle opener = rig.kernel.Spawn("opener", [&] { first = rig.Open(); });
+    rig.RunFor(100 * kMillisecond);
+    const host::Time before = rig.kernel.InterruptTime();
+    Port second = rig.Open();
+    EXPECT_EQ(rig.kernel.InterruptTime(), before);
+    EXPECT_EQ(second.Read(32).Text(), kEmptyFix);
+    EXPECT_FALSE(opener.Done());
+    opener.Join();
+    EXPECT_EQ(ApplicationCount(first), 2U);
+}
+
+// A module that never answers holds it up until it is pulled; the handle is then one of a device that is gone.
+TEST(Line, OfAModuleThatNeverAnswersBlocksTheOpenUntilItIsPulled)
+{
+    RigOptions options;
+    options.module.faults.packets = {
+        {.kind = PacketFault::Kind::Silence, .pipe = Pipe::Control, .bRequest = std::uint8_t{0x04}}};
+    Rig rig(options);
+    Port port;
+    host::ThreadHandle opener = rig.kernel.Spawn("opener", [&] { port = rig.Open(); });
+    rig.RunFor(60 * kSecond);
+    EXPECT_FALSE(opener.Done());
+    rig.Unplug();
+    opener.Join();
+    EXPECT_EQ(port.Read(32).status, STATUS_DELETE_PENDING);
+    port.Close();
+    PnpManager::Current().Settle();
+    EXPECT_EQ(rig.Node(), nullptr);
+}
+
+TEST(Open, WithoutMemoryLeavesNoClient)
+{
+    for (const char* tag : {"NxCl", "NxRg"}) {
+        Rig rig;
+        rig.Registry().ClearWrites();
+        rig.TakeBusLog();
+        rig.kernel.Faults().Arm(FaultPoint::PoolAllocate, {.detail = tag});
+        Port port;
+        EXPECT_EQ(rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES) << tag;
+        EXPECT_TRUE(TakeCounts(rig).empty());
+        EXPECT_EQ(rig.TakeBusLog(), Strings{});
+        EXPECT_EQ(ApplicationCount(rig.Open()), 1U);
+    }
+}
+
+// Without memory for the set-up the open succeeds; the reader makes up for it.
+TEST(Open, WithoutMemoryForTheSetUpSucceeds)
+{
+    for (const char* tag : {"NxCu", "NxCd", "NxPu"}) {
+        Rig rig;
+        rig.kernel.Faults().Arm(FaultPoint::PoolAllocate, {.detail = tag});
+        const Port port = rig.OpenStreaming();
+        EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::PoolAllocate), 1U) << tag;
+    }
+}
+
+TEST(Open, BeforeTheStartIsRefusedAsIfMemoryWereShort)
+{
+    RigOptions options;
+    options.plug = false;
+    Rig rig(options);
+    PnpManager::Current().SetAutomatic(false);
+    rig.Plug();
+    ASSERT_EQ(PnpManager::Current().AddDevice(rig.Node()), STATUS_SUCCESS);
+    Port port;
+    EXPECT_EQ(rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES);
+    ASSERT_EQ(PnpManager::Current().Start(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.TryOpen(&port), STATUS_SUCCESS);
+}
+
+// While the device is on its way out an open fails as if memory were short, and what is asked of an open handle
+// as of a device that is being deleted. Private controls and writes pass.
+TEST(Open, OfADeviceThatIsLeavingIsRefused)
+{
+    struct {
+        int number;
+        NTSTATUS (PnpManager::*leave)(const host::PnpNodePtr&);
+        NTSTATUS (PnpManager::*undo)(const host::PnpNodePtr&);
+    } const cases[] = {{1, &PnpManager::QueryStop, &PnpManager::CancelStop},
+                       {2, &PnpManager::QueryRemove, &PnpManager::CancelRemove}};
+    for (const auto& c : cases) {
+        Rig rig;
+        const Port open = rig.Open();
+        ASSERT_EQ((PnpManager::Current().*c.leave)(rig.Node()), STATUS_SUCCESS);
+        rig.Registry().ClearWrites();
+        rig.TakeBusLog();
+
+        Port port;
+        EXPECT_EQ(rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES) << c.number;
+        EXPECT_TRUE(TakeCounts(rig).empty());
+        EXPECT_EQ(open.Read(32).status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(open.SetTimeouts(1, 1, 1), STATUS_DELETE_PENDING);
+        EXPECT_EQ(ApplicationCount(open), 1U);
+        EXPECT_EQ(open.Write(host::nt::BytesOf(c.number)).status, STATUS_SUCCESS);
+        EXPECT_EQ(rig.TakeBusLog(), Strings{});
+
+        ASSERT_EQ((PnpManager::Current().*c.undo)(rig.Node()), STATUS_SUCCESS);
+        EXPECT_EQ(rig.TryOpen(&port), STATUS_SUCCESS);
+        EXPECT_EQ(open.Read(32).Text(), kEmptyFix);
+    }
+}
+
+TEST(Open, OfAStoppedDeviceIsRefusedUntilItsRestart)
+{
+    Rig rig;
+    Port port;
+    ASSERT_EQ(PnpManager::Current().QueryStop(rig.Node()), STATUS_SUCCESS);
+    ASSERT_EQ(PnpManager::Current().Stop(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES);
+    ASSERT_EQ(PnpManager::Current().Start(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.OpenStreaming().Read(32).Text(), kEmptyFix);
+}
+
+TEST(Close, CancelsWhatItsApplicationStillWaitsFor)
+{
+    RigOptions options;
+    options.source = nullptr;
+    Rig rig(options);
+    Port port = rig.Open();
+    const Port other = rig.Open();
+    const host::nt::Request theirs = other.StartRead(100);
+    std::vector<host::nt::Request> reads;
+    for (int i = 0; i < 3; ++i)
+        reads.push_back(port.StartRead(100)); // the first has the empty fix already
+    port.Close();
+    for (const host::nt::Request& read : reads) {
+        ASSERT_TRUE(read.Done());
+        EXPECT_EQ(read.Status(), STATUS_CANCELLED);
+        EXPECT_EQ(read.Information(), 0U);
+    }
+    EXPECT_FALSE(theirs.Done());
+    EXPECT_EQ(ApplicationCount(other), 1U);
+    theirs.Cancel();
+}
+
+// Unplugging -------------------------------------------------------------------------------------------------
+
+TEST(Unplug, EndsEveryReadAndWaitsForTheHandles)
+{
+    Rig rig;
+    Port one = rig.OpenStreaming();
+    Port two = rig.Open();
+    std::vector<host::nt::Request> reads = {one.StartRead(4096), one.StartRead(10), two.StartRead(4096)};
+    rig.Unplug();
+    for (const host::nt::Request& read : reads)
+        EXPECT_EQ(read.Wait().status, STATUS_CANCELLED);
+    EXPECT_EQ(one.Read(1).status, STATUS_DELETE_PENDING);
+    Port late;
+    EXPECT_EQ(host::nt::File::Open("\\Device\\quorlex0", &late), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(host::nt::Interfaces(GUID_DEVINTERFACE_COMPORT).empty());
+    ASSERT_NE(rig.Node(), nullptr);
+    EXPECT_EQ(rig.Node()->state, host::PnpState::SurpriseRemoved);
+    one.Close();
+    two.Close();
+    PnpManager::Current().Settle();
+    EXPECT_EQ(rig.Node(), nullptr);
+    EXPECT_EQ(rig.TryOpen(&late), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+// A forgotten handle keeps the name; the module that comes back is no port before that handle is closed.
+TEST(Unplug, OfAPortInUseKeepsItsNameFromTheNext)
+{
+    Rig rig;
+    Port old = rig.Open();
+    rig.Unplug();
+    rig.Plug();
+    EXPECT_EQ(rig.Node()->state, host::PnpState::Reported);
+    old.Close();
+    PnpManager::Current().Settle();
+    EXPECT_EQ(PnpManager::Current().Enable(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Open().Read(32).Text(), kEmptyFix);
+}
+
+TEST(Unplug, BeforeTheReaderHasStartedLeavesNothingBehind)
+{
+    for (const host::Time wait : {host::Time{0}, 1'400 * kMillisecond, 1'510 * kMillisecond}) {
+        Rig rig;
+        const Port port = rig.Open();
+        rig.RunFor(wait);
+        rig.Unplug();
+        rig.RunFor(5 * kSecond);
+        EXPECT_EQ(port.Read(32).status, STATUS_DELETE_PENDING);
+    }
+}
+
+TEST(Disable, IsRefusedWhileThePortIsOpenAndUndoneByEnable)
+{
+    Rig rig;
+    Port port = rig.Open();
+    EXPECT_EQ(PnpManager::Current().Disable(rig.Node()), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(port.Read(32).Text(), kEmptyFix);
+    port.Close();
+    ASSERT_EQ(PnpManager::Current().Disable(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.TryOpen(&port), STATUS_OBJECT_NAME_NOT_FOUND);
+    ASSERT_EQ(PnpManager::Current().Enable(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.OpenStreaming().Read(32).Text(), kEmptyFix);
+}
+
+} // namespace
+} // namespace navox_test
