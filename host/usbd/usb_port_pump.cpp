@@ -219,7 +219,8 @@ bool UsbPort::RunControl(UsbTransfer& transfer)
 // One control transfer; the result is in the transfer.
 bool UsbPort::RunStep(UsbTransfer& transfer, const module::SetupPacket& setup)
 {
-    const ControlBuffer buffer = BufferOf(transfer.urb);
+    // A request without a data stage may be too short to have a place for one.
+    const ControlBuffer buffer = setup.wLength != 0 ? BufferOf(transfer.urb) : ControlBuffer{};
     std::span<const std::uint8_t> out;
     if (!IsIn(setup) && setup.wLength != 0)
         out = {static_cast<const std::uint8_t*>(buffer.data), setup.wLength};
