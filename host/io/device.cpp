@@ -29,7 +29,8 @@ void FreeDevice(PDEVICE_OBJECT device)
 void FreeWhenUnused(PDEVICE_OBJECT device)
 {
     const auto* extension = device->DeviceObjectExtension;
-    if (extension->delete_pending && device->ReferenceCount == 0 && extension->pointer_references == 0)
+    if (extension->delete_pending && device->AttachedDevice == nullptr && device->ReferenceCount == 0 &&
+        extension->pointer_references == 0)
         FreeDevice(device);
 }
 

@@ -267,7 +267,9 @@ NTSTATUS PnpManager::Step(const PnpNodePtr& node, UCHAR minor, PnpState next)
 NTSTATUS PnpManager::DoRemove(const PnpNodePtr& node)
 {
     const StackBefore before = VfStackOf(node->pdo);
+    removing_ = true;
     const NTSTATUS status = SendTo(IopTopOf(node->pdo), IRP_MN_REMOVE_DEVICE);
+    removing_ = false;
     VfDeviceRemoved(node->pdo, before, status);
     DeviceInterfaces::Current().DisableAll(node->pdo);
     SetState(node, node->departed ? PnpState::Removed : PnpState::Reported);

@@ -98,6 +98,8 @@ class PnpManager : public Component {
 
     std::vector<PnpNodePtr> Nodes();
     PnpNodePtr NodeOf(PDEVICE_OBJECT device); // of any device in the stack; null when there is none
+    // Whether the calling thread is on the way down with IRP_MN_REMOVE_DEVICE: lower devices go first then.
+    bool IsRemoving() const { return actor_.IsCurrent() && removing_; }
 
     // The I/O manager tells of handles.
     void Opened(const PnpNodePtr& node);
@@ -130,6 +132,7 @@ class PnpManager : public Component {
     std::string driver_ HOST_GUARDED_BY(mutex_);
     std::function<void(PnpNode&)> installer_ HOST_GUARDED_BY(mutex_);
     bool automatic_ HOST_GUARDED_BY(mutex_) = true;
+    bool removing_ = false; // the actor's
     IopActor actor_;
 };
 

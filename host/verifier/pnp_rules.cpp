@@ -4,6 +4,7 @@
 #include "io/driver.h"
 #include "io/io_manager.h"
 #include "io/names.h"
+#include "io/pnp_manager.h"
 #include "po/power_manager.h"
 
 namespace host {
@@ -112,8 +113,9 @@ bool VfDeviceDelete(PDEVICE_OBJECT device, const void* caller)
     }
     const auto* extension = device->DeviceObjectExtension;
     const std::string name = IopDescribeDevice(device);
-    // A bus driver deletes its device object on the way of the remove request, before those above detach.
-    if (device->AttachedDevice != nullptr && (device->Flags & DO_BUS_ENUMERATED_DEVICE) == 0)
+    // On the way of the remove request, lower drivers delete their device objects before those above detach.
+    if (device->AttachedDevice != nullptr && (device->Flags & DO_BUS_ENUMERATED_DEVICE) == 0 &&
+        !PnpManager::Current().IsRemoving())
         VfReport(Rule::DeviceDeletedUnder, extension->owner,
                  name + " is deleted under " + IopDescribeDevice(device->AttachedDevice), caller);
     if (extension->attached_to != nullptr)
