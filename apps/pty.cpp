@@ -54,6 +54,8 @@ void Pty::OpenMaster()
         Fail("cannot open a pseudo-terminal");
     device_ = name.data();
     master_.assign(master.release());
+    // One that was never open does not hang up.
+    const UniqueFd once(::open(device_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
 }
 
 void Pty::MakeLink() const
