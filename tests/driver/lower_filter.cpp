@@ -1,0 +1,137 @@
+#include "lower_filter.h"
+
+#include "io/driver.h"
+#include "io/names.h"
+
+namespace navox_test {
+namespace {
+
+constexpr const char* kFilterName = "filter";
+
+struct FilterExtension {
+    LowerFilter* filter;
+    PDEVICE_OBJECT below;
+};
+
+FilterExtension& ExtensionOf(PDEVICE_OBJECT device)
+{
+    return *static_cast<FilterExtension*>(device->DeviceExtension);
+}
+
+NTSTATUS NTAPI FilterDispatch(PDEVICE_OBJECT device, PIRP irp)
+{
+    return ExtensionOf(device).filter->Dispatch(device, irp);
+}
+
+NTSTATUS NTAPI NoAddDevice(PDRIVER_OBJECT, PDEVICE_OBJECT)
+{
+    return STATUS_SUCCESS;
+}
+
+VOID NTAPI NoUnload(PDRIVER_OBJECT) {}
+
+NTSTATUS NTAPI FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+{
+    for (PDRIVER_DISPATCH& routine : driver->MajorFunction)
+        routine = FilterDispatch;
+    driver->DriverExtension->AddDevice = NoAddDevice;
+    driver->DriverUnload = NoUnload;
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+void LowerFilter::AttachTo(host::PnpNode& node)
+{
+    if (host::IoDriverByName(kFilterName) == nullptr)
+        host::IoLoadDriver(kFilterName, FilterEntry);
+    PDEVICE_OBJECT device = nullptr;
+    IoCreateDevice(host::IoDriverByName(kFilterName), sizeof(FilterExtension), nullptr, FILE_DEVICE_UNKNOWN,
+                   0, FALSE, &device);
+    ExtensionOf(device) = {this, IoAttachDeviceToDeviceStack(device, node.pdo)};
+    device->Flags |= DO_POWER_PAGABLE;
+    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+}
+
+void LowerFilter::Fail(UCHAR major, UCHAR minor, NTSTATUS status)
+{
+    const std::lock_guard guard(lock_);
+    plans_[{major, minor}] = status;
+}
+
+void LowerFilter::Hold(UCHAR major, UCHAR minor)
+{
+    Fail(major, minor, STATUS_PENDING);
+}
+
+void LowerFilter::Release()
+{
+    std::vector<HeldRequest> held;
+    {
+        const std::lock_guard guard(lock_);
+        plans_.clear();
+        held.swap(held_);
+    }
+    for (const HeldRequest& request : held)
+        PassOn(request.device, request.irp);
+}
+
+NTSTATUS LowerFilter::PassOn(PDEVICE_OBJECT device, PIRP irp) const
+{
+    const PDEVICE_OBJECT below = ExtensionOf(device).below;
+    const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    const UCHAR major = location->MajorFunction;
+    const bool remove = major == IRP_MJ_PNP && location->MinorFunction == IRP_MN_REMOVE_DEVICE;
+    if (major == IRP_MJ_POWER)
+        PoStartNextPowerIrp(irp);
+    if ((location->Control & SL_PENDING_RETURNED) != 0)
+        IoCopyCurrentIrpStackLocationToNext(irp); // it was held: the mark is this driver's
+    else
+        IoSkipCurrentIrpStackLocation(irp);
+    const NTSTATUS status = major == IRP_MJ_POWER ? PoCallDriver(below, irp) : IoCallDriver(below, irp);
+    if (remove && !stays_) {
+        IoDetachDevice(below);
+        IoDeleteDevice(device);
+    }
+    return status;
+}
+
+std::size_t LowerFilter::Held() const
+{
+    const std::lock_guard guard(lock_);
+    return held_.size();
+}
+
+NTSTATUS LowerFilter::Dispatch(PDEVICE_OBJECT device, PIRP irp)
+{
+    const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    const UCHAR major = location->MajorFunction;
+    if (major != IRP_MJ_PNP && major != IRP_MJ_POWER)
+        return PassOn(device, irp);
+    std::string name = host::IopMinorName(major, location->MinorFunction);
+    if (irp->IoStatus.Status != STATUS_NOT_SUPPORTED)
+        name += " with " + host::IopStatusText(irp->IoStatus.Status);
+    host::Kernel::Current().Log().Instant("below", "request", std::move(name));
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        const std::lock_guard guard(lock_);
+        const auto plan = plans_.find({major, location->MinorFunction});
+        if (plan != plans_.end())
+            status = plan->second;
+        if (status == STATUS_PENDING) {
+            IoMarkIrpPending(irp);
+            held_.push_back({device, irp});
+            return STATUS_PENDING;
+        }
+    }
+    if (NT_SUCCESS(status))
+        return PassOn(device, irp);
+    if (major == IRP_MJ_POWER)
+        PoStartNextPowerIrp(irp);
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = 0;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+} // namespace navox_test
