@@ -1,0 +1,406 @@
+// Reads under the serial time-outs, their queue, their cancellation, and the ring behind them.
+#include "rig.h"
+
+#include <algorithm>
+
+namespace navox_test {
+namespace {
+
+using host::nt::Request;
+using host::nt::Result;
+using Strings = std::vector<std::string>;
+
+// What the module sends, in milliseconds after its output was switched on.
+struct Burst {
+    int at;
+    std::string text;
+};
+
+RigOptions Sending(const std::vector<Burst>& bursts)
+{
+    RigOptions options;
+    options.source = [bursts] {
+        ScriptedSource::Script script;
+        for (const Burst& burst : bursts)
+            script.bursts.emplace_back(burst.at * kMillisecond, burst.text);
+        return std::make_unique<ScriptedSource>(std::move(script));
+    };
+    return options;
+}
+
+// "$000000\r\n$000009\r\n...": `size` bytes of which each run of nine says where it is.
+std::string Numbered(std::size_t size, std::size_t from = 0)
+{
+    std::string text;
+    for (std::size_t at = from / 9 * 9; text.size() < size + from % 9; at += 9) {
+        char line[16];
+        std::snprintf(line, sizeof(line), "$%06zu\r\n", at);
+        text += line;
+    }
+    return text.substr(from % 9, size);
+}
+
+// A port whose module has just begun to send; its ring is empty unless the empty fix is left in it.
+struct Listener {
+    explicit Listener(const std::vector<Burst>& bursts, bool keep_empty_fix = false)
+        : rig(Sending(bursts)), port(rig.OpenStreaming())
+    {
+        if (!keep_empty_fix) {
+            EXPECT_EQ(port.Read(32).Text(), kEmptyFix);
+        }
+    }
+
+    Rig rig;
+    Port port;
+};
+
+// Time-outs ------------------------------------------------------------------------------------------------
+
+constexpr ULONG kMax = 0xFFFFFFFF;
+constexpr int kNever = -1;
+
+struct Timing {
+    int number;
+    ULONG interval, multiplier, constant; // ms
+    std::size_t length;
+    bool empty_fix; // is in the ring
+    std::vector<Burst> bursts;
+    NTSTATUS status;
+    std::string text;
+    int ends; // ms after the read was sent; a few ticks of the clock (15.6 ms each) may come on top
+};
+
+void PrintTo(const Timing& c, std::ostream* out)
+{
+    *out << c.interval << ", " << c.multiplier << ", " << c.constant << ", length " << c.length;
+}
+
+class ReadTimeouts : public ::testing::TestWithParam<Timing> {};
+
+TEST_P(ReadTimeouts, AreKept)
+{
+    const Timing& c = GetParam();
+    Listener listener(c.bursts, c.empty_fix);
+    ASSERT_EQ(listener.port.SetTimeouts(c.interval, c.multiplier, c.constant), STATUS_SUCCESS);
+    const host::Time sent = listener.rig.kernel.InterruptTime();
+    const Request read = listener.port.StartRead(c.length);
+    if (c.ends == kNever) {
+        EXPECT_FALSE(read.WaitFor(60 * kSecond));
+        EXPECT_TRUE(read.Cancel());
+        EXPECT_EQ(read.Wait().status, STATUS_CANCELLED);
+        return;
+    }
+    const Result result = read.Wait();
+    const host::Time took = listener.rig.kernel.InterruptTime() - sent;
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.Text(), c.text);
+    EXPECT_GE(took, (c.ends - 2) * kMillisecond);
+    EXPECT_LE(took, (c.ends == 0 ? 0 : c.ends + 50) * kMillisecond);
+}
+
+const std::string kFix(kEmptyFix);
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ReadTimeouts,
+    ::testing::Values(
+        // No time-outs: until the buffer is full.
+        Timing{1, 0, 0, 0, 10, false, {{1000, "abcd"}, {3000, "efghij"}}, STATUS_SUCCESS, "abcdefghij", 3000},
+        Timing{2, 0, 0, 0, 33, true, {{5000, "x"}}, STATUS_SUCCESS, kFix + "x", 5000},
+        Timing{3, 0, 0, 0, 100, false, {{1000, "abcd"}}, 0, "", kNever},
+        Timing{4, 0, 0, 0, 32, true, {}, STATUS_SUCCESS, kFix, 0},
+        // Total time-outs.
+        Timing{5, 0, 0, 250, 100, false, {}, STATUS_TIMEOUT, "", 250},
+        Timing{6, 0, 3, 50, 100, false, {}, STATUS_TIMEOUT, "", 350},
+        Timing{7, 0, 3, 0, 100, false, {{100, "abcd"}}, STATUS_TIMEOUT, "abcd", 300},
+        Timing{8, 0, 0, 2000, 100, false, {{1000, "abcd"}}, STATUS_TIMEOUT, "abcd", 2000},
+        Timing{9, 0, 0, 2000, 4, false, {{1000, "abcd"}}, STATUS_SUCCESS, "abcd", 1000},
+        Timing{10, 0, 0, 500, 100, true, {}, STATUS_TIMEOUT, kFix, 500},
+        Timing{11, 0, 1000, 0, 4096, false, {}, STATUS_TIMEOUT, "", 4'096'000}, // the length counts
+        // With what is there, at once.
+        Timing{12, kMax, 0, 0, 100, false, {{1000, "abcd"}}, STATUS_SUCCESS, "", 0},
+        Timing{13, kMax, 0, 0, 100, true, {}, STATUS_SUCCESS, kFix, 0},
+        Timing{14, kMax, 0, 0, 5, true, {}, STATUS_SUCCESS, kFix.substr(0, 5), 0},
+        // With what is there, or else with the first byte.
+        Timing{15, kMax, kMax, 1000, 100, true, {}, STATUS_SUCCESS, kFix, 0},
+        Timing{16, kMax, kMax, 1000, 100, false, {{500, "abcd"}}, STATUS_SUCCESS, "a", 500},
+        Timing{17, kMax, kMax, 1000, 100, false, {}, STATUS_TIMEOUT, "", 1000},
+        Timing{18, kMax, kMax, 0, 100, false, {}, STATUS_TIMEOUT, "", 0}, // due at once
+        // With what is there, or else until the buffer is full.
+        Timing{19, kMax, 0, 1000, 100, true, {}, STATUS_SUCCESS, kFix, 0},
+        Timing{20, kMax, 0, 1000, 100, false, {{500, "abcd"}}, STATUS_TIMEOUT, "abcd", 1000},
+        Timing{21, kMax, 0, 1000, 4, false, {{500, "abcd"}}, STATUS_SUCCESS, "abcd", 500},
+        Timing{22, kMax, 10, 100, 10, false, {}, STATUS_TIMEOUT, "", 200},
+        // The constant at its largest: no time-out, whatever the multiplier.
+        Timing{23, kMax, 0, kMax, 40, true, {{3000, "12345678"}}, STATUS_SUCCESS, kFix + "12345678", 3000},
+        Timing{24,
+               kMax,
+               kMax - 1,
+               kMax,
+               40,
+               true,
+               {{3000, "12345678"}},
+               STATUS_SUCCESS,
+               kFix + "12345678",
+               3000},
+        Timing{25, kMax, 2, kMax, 100, false, {}, 0, "", kNever}),
+    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Intervals, ReadTimeouts,
+    ::testing::Values(
+        // The clock of the interval starts with the first byte.
+        Timing{1, 100, 0, 0, 100, false, {}, 0, "", kNever},
+        Timing{2, 100, 0, 0, 100, false, {{1000, "abcd"}}, STATUS_TIMEOUT, "abcd", 1100},
+        Timing{3, 100, 0, 0, 4, false, {{1000, "abcd"}}, STATUS_SUCCESS, "abcd", 1000},
+        // With bytes from the ring it starts at once.
+        Timing{4, 100, 0, 0, 100, true, {}, STATUS_TIMEOUT, kFix, 100},
+        Timing{5, 100, 0, 0, 100, true, {{80, "ab"}, {160, "cd"}}, STATUS_TIMEOUT, kFix + "abcd", 260},
+        // Every byte starts it anew.
+        Timing{6,
+               100,
+               0,
+               0,
+               100,
+               false,
+               {{1000, "a"}, {1080, "b"}, {1160, "c"}, {1240, "d"}, {1500, "e"}},
+               STATUS_TIMEOUT,
+               "abcd",
+               1340},
+        // The total goes on beside it; whichever ends first.
+        Timing{7,
+               100,
+               0,
+               200,
+               100,
+               false,
+               {{50, "a"}, {100, "b"}, {150, "c"}, {230, "d"}},
+               STATUS_TIMEOUT,
+               "abc",
+               200},
+        Timing{8, 100, 0, 5000, 100, false, {{1000, "abcd"}}, STATUS_TIMEOUT, "abcd", 1100},
+        Timing{9, 100, 0, 500, 100, false, {}, STATUS_TIMEOUT, "", 500},
+        // Below 20 s the pause is looked at with every tick, from 20 s on once a second: the first byte is seen at
+        // 2 s, and 20 s after that have passed at 22 s.
+        Timing{10, 19'999, 0, 0, 100, false, {{1500, "abcd"}}, STATUS_TIMEOUT, "abcd", 21'499},
+        Timing{11, 20'000, 0, 0, 100, false, {{1500, "abcd"}}, STATUS_TIMEOUT, "abcd", 22'000},
+        Timing{12, 20'001, 0, 0, 100, false, {{1500, "abcd"}}, STATUS_TIMEOUT, "abcd", 23'000},
+        Timing{13, 20'000, 0, 0, 100, true, {}, STATUS_TIMEOUT, kFix, 20'000},
+        // From 0x80000000 on it is negative: it has passed at the first look that finds no new byte.
+        Timing{14, 0x80000000, 0, 0, 100, false, {{1000, "abcd"}}, STATUS_TIMEOUT, "abcd", 1015},
+        Timing{15, 0xFFFFFFFE, 0, 0, 100, false, {{1000, "abcd"}}, STATUS_TIMEOUT, "abcd", 1015},
+        Timing{16, 0x80000000, 0, 0, 100, true, {}, STATUS_TIMEOUT, kFix, 15},
+        Timing{17, 0x80000000, 0, 0, 100, false, {}, 0, "", kNever}),
+    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+
+TEST(Read, OfNothingSucceedsAtOnceEvenBehindAWaitingRead)
+{
+    Listener listener({});
+    const Request waiting = listener.port.StartRead(10);
+    const Request nothing = listener.port.StartRead(0);
+    ASSERT_TRUE(nothing.Done());
+    EXPECT_EQ(nothing.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(nothing.Information(), 0U);
+    EXPECT_FALSE(waiting.Done());
+    waiting.Cancel();
+}
+
+// Time-outs are copied when a read begins to be served: new ones are for the next.
+TEST(Read, KeepsTheTimeoutsItBeganWith)
+{
+    Listener listener({});
+    listener.port.SetTimeouts(0, 0, 1000);
+    const Request current = listener.port.StartRead(10);
+    const Request queued = listener.port.StartRead(10);
+    listener.port.SetTimeouts(0, 0, 300);
+    const host::Time start = listener.rig.kernel.InterruptTime();
+    EXPECT_EQ(current.Wait().status, STATUS_TIMEOUT);
+    EXPECT_GE(listener.rig.kernel.InterruptTime() - start, 1000 * kMillisecond);
+    EXPECT_EQ(queued.Wait().status, STATUS_TIMEOUT);
+    EXPECT_LE(listener.rig.kernel.InterruptTime() - start, 1350 * kMillisecond);
+}
+
+// Queue and direct fill --------------------------------------------------------------------------------------
+
+TEST(ReadQueue, IsServedInOrder)
+{
+    Listener listener({{1000, "abc"}, {2000, "defgh"}, {3000, "ij"}});
+    std::string order;
+    std::vector<Request> reads;
+    for (int i = 0; i < 4; ++i)
+        reads.push_back(listener.port.StartRead(3, [&order, i] { order += static_cast<char>('1' + i); }));
+    listener.rig.RunFor(4 * kSecond);
+    EXPECT_EQ(order, "123");
+    EXPECT_EQ(reads[0].Wait().Text(), "abc");
+    EXPECT_EQ(reads[1].Wait().Text(), "def");
+    EXPECT_EQ(reads[2].Wait().Text(), "ghi");
+    EXPECT_TRUE(reads[3].Cancel()); // has the j
+    EXPECT_EQ(reads[3].Wait().status, STATUS_CANCELLED);
+}
+
+// Each read of the queue gets its own time from the moment it is served.
+TEST(ReadQueue, TimesOutOneAfterTheOther)
+{
+    Listener listener({});
+    listener.port.SetTimeouts(0, 0, 500);
+    const host::Time start = listener.rig.kernel.InterruptTime();
+    const std::vector<Request> reads = {listener.port.StartRead(1), listener.port.StartRead(1),
+                                        listener.port.StartRead(1)};
+    EXPECT_EQ(reads[2].Wait().status, STATUS_TIMEOUT);
+    EXPECT_TRUE(reads[0].Done() && reads[1].Done());
+    EXPECT_GE(listener.rig.kernel.InterruptTime() - start, 1500 * kMillisecond);
+    EXPECT_LE(listener.rig.kernel.InterruptTime() - start, 1560 * kMillisecond);
+}
+
+// One transfer fills the waiting read, the rest of it is in the ring, and nothing is lost between.
+TEST(DirectFill, EndsInTheMiddleOfATransfer)
+{
+    Listener listener({{1000, Numbered(300)}});
+    const Request first = listener.port.StartRead(100);
+    EXPECT_EQ(first.Wait().Text(), Numbered(100));
+    EXPECT_EQ(listener.port.InQueue(), 200U);
+    EXPECT_EQ(listener.port.Read(200).Text(), Numbered(200, 100));
+}
+
+TEST(DirectFill, GoesOnOverManyTransfers)
+{
+    std::vector<Burst> bursts;
+    for (int i = 0; i < 40; ++i)
+        bursts.push_back({500 + 50 * i, Numbered(100, 100 * static_cast<std::size_t>(i))});
+    Listener listener(bursts);
+    EXPECT_EQ(listener.port.Read(3950).Text(), Numbered(3950));
+    EXPECT_EQ(listener.port.Read(50).Text(), Numbered(50, 3950));
+}
+
+TEST(DirectFill, OfAQueueOfReadsByOneTransfer)
+{
+    Listener listener({{1000, Numbered(300)}});
+    const std::vector<Request> reads = {listener.port.StartRead(50), listener.port.StartRead(50),
+                                        listener.port.StartRead(50)};
+    listener.rig.RunFor(1100 * kMillisecond);
+    for (std::size_t i = 0; i < reads.size(); ++i) {
+        ASSERT_TRUE(reads[i].Done()) << i;
+        EXPECT_EQ(reads[i].Wait().Text(), Numbered(50, 50 * i));
+    }
+    EXPECT_EQ(listener.port.InQueue(), 150U);
+}
+
+// A transfer of 4096 bytes and a ring of the same size, read in odd pieces: the whole stream, in order.
+TEST(Ring, LosesNothingForAReaderThatKeepsUp)
+{
+    constexpr std::size_t kTotal = 20 * 1000;
+    std::vector<Burst> bursts;
+    for (int i = 0; i < 20; ++i)
+        bursts.push_back({1000 + 300 * i, Numbered(1000, 1000 * static_cast<std::size_t>(i))});
+    Listener listener(bursts);
+    std::string text;
+    for (std::size_t size = 1; text.size() < kTotal; size = (size * 7) % 1023)
+        text += listener.port.Read(std::min(size, kTotal - text.size())).Text();
+    EXPECT_EQ(text, Numbered(kTotal));
+}
+
+TEST(Ring, ThatIsFullKeepsTheOldest)
+{
+    std::vector<Burst> bursts;
+    for (int i = 0; i < 12; ++i)
+        bursts.push_back({1000 + 100 * i, Numbered(500, 500 * static_cast<std::size_t>(i))});
+    bursts.push_back({5000, "after the gap"});
+    Listener listener(bursts, true);
+    listener.rig.RunFor(4 * kSecond);
+    EXPECT_EQ(listener.port.InQueue(), 4096U);
+    EXPECT_EQ(listener.port.Read(4096).Text(), kFix + Numbered(4096 - 32));
+    EXPECT_EQ(listener.port.Read(13).Text(), "after the gap");
+}
+
+TEST(Ring, TakesUpAgainBetweenTheBytesOfATransferThatDoesNotFit)
+{
+    Listener listener({{1000, Numbered(4096)}, {2000, "dropped"}, {4000, "kept"}}, true);
+    listener.rig.RunFor(3 * kSecond);
+    EXPECT_EQ(listener.port.Read(2000).Text(), kFix + Numbered(1968));
+    listener.rig.RunFor(2 * kSecond);
+    EXPECT_EQ(listener.port.Read(2096 + 4).Text(), Numbered(2096, 1968) + "kept");
+}
+
+// Cancelling -------------------------------------------------------------------------------------------------
+
+TEST(Cancel, OfAQueuedReadLeavesTheOthers)
+{
+    Listener listener({{1000, "abcdef"}});
+    const std::vector<Request> reads = {listener.port.StartRead(3), listener.port.StartRead(3),
+                                        listener.port.StartRead(3)};
+    EXPECT_TRUE(reads[1].Cancel());
+    ASSERT_TRUE(reads[1].Done());
+    EXPECT_EQ(reads[1].Wait().status, STATUS_CANCELLED);
+    EXPECT_EQ(reads[0].Wait().Text(), "abc");
+    EXPECT_EQ(reads[2].Wait().Text(), "def");
+}
+
+// What a cancelled read had is lost to its application; the next read goes on behind it.
+TEST(Cancel, OfAHalfFilledReadGivesNothing)
+{
+    Listener listener({{1000, "abcdef"}, {3000, "ghi"}});
+    listener.port.SetTimeouts(50'000, 0, 60'000); // both timers run
+    const Request read = listener.port.StartRead(100);
+    const Request next = listener.port.StartRead(3);
+    listener.rig.RunFor(2 * kSecond);
+    EXPECT_TRUE(read.Cancel());
+    ASSERT_TRUE(read.Done());
+    const Result result = read.Wait();
+    EXPECT_EQ(result.status, STATUS_CANCELLED);
+    EXPECT_EQ(result.information, 0U);
+    EXPECT_EQ(next.Wait().Text(), "ghi");
+}
+
+TEST(Cancel, OfAReadThatIsOverChangesNothing)
+{
+    Listener listener({{1000, "abc"}});
+    const Request read = listener.port.StartRead(3);
+    EXPECT_EQ(read.Wait().Text(), "abc");
+    EXPECT_FALSE(read.Cancel());
+}
+
+TEST(Cancel, OfOneHandleLeavesTheOther)
+{
+    Listener listener({{1000, "abc"}});
+    const Port other = listener.rig.Open();
+    EXPECT_EQ(other.Read(32).Text(), kEmptyFix);
+    const std::vector<Request> mine = {listener.port.StartRead(3), listener.port.StartRead(3)};
+    const Request theirs = other.StartRead(3);
+    EXPECT_TRUE(listener.port.CancelIoEx());
+    for (const Request& read : mine)
+        EXPECT_EQ(read.Wait().status, STATUS_CANCELLED);
+    EXPECT_EQ(theirs.Wait().Text(), "abc");
+    EXPECT_FALSE(listener.port.CancelIoEx());
+    EXPECT_EQ(listener.port.Read(3).Text(), "abc"); // its ring had taken over
+}
+
+// An application whose thread ends takes its own reads back, and only those.
+TEST(Cancel, ByTheEndOfAThread)
+{
+    Listener listener({{1000, "abc"}});
+    Request theirs;
+    listener.rig.kernel
+        .Spawn("reader",
+               [&] {
+                   theirs = listener.port.StartRead(3);
+                   host::nt::CancelThreadIo();
+               })
+        .Join();
+    EXPECT_EQ(theirs.Wait().status, STATUS_CANCELLED);
+    EXPECT_EQ(listener.port.Read(3).Text(), "abc");
+}
+
+TEST(Cancel, AllOfAQueueFromTheFront)
+{
+    Listener listener({{5000, "abc"}});
+    std::vector<Request> reads;
+    for (int i = 0; i < 20; ++i)
+        reads.push_back(listener.port.StartRead(3));
+    for (int i = 0; i < 19; ++i)
+        EXPECT_TRUE(reads[static_cast<std::size_t>(i)].Cancel()) << i;
+    for (int i = 0; i < 19; ++i)
+        EXPECT_EQ(reads[static_cast<std::size_t>(i)].Wait().status, STATUS_CANCELLED) << i;
+    EXPECT_EQ(reads[19].Wait().Text(), "abc");
+}
+
+} // namespace
+} // namespace navox_test
