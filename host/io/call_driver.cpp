@@ -45,7 +45,11 @@ bool RunCompletionRoutine(const IrpRecordPtr& record, PIRP irp, const IO_STACK_L
     if (top)
         VfIrpBack(*record);
     const CallbackState before = VfEnterCallback();
-    const NTSTATUS status = location.CompletionRoutine(device, irp, location.Context);
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        const DriverScope scope(device == nullptr ? nullptr : device->DriverObject);
+        status = location.CompletionRoutine(device, irp, location.Context);
+    }
     VfLeaveCallback(before, "completion routine", reinterpret_cast<const void*>(location.CompletionRoutine));
     if (status == STATUS_MORE_PROCESSING_REQUIRED)
         return false;
@@ -56,13 +60,14 @@ void FinishRequest(const IrpRecordPtr& record, PIRP irp)
 {
     Kernel::Current().Log().AsyncEnd("irp", IopMajorName(record->major), irp,
                                      IopStatusText(irp->IoStatus.Status));
+    VfIrpBack(*record);
     if (!record->request) {
         VfReport(Rule::IrpCompletionNotStopped, IopMajorName(record->major),
                  record->Describe() + ": no completion routine kept it", record->caller);
         return;
     }
-    VfIrpBack(*record);
     const std::shared_ptr<IopRequest> request = record->request;
+    const DriverScope scope(nullptr);
     if (request->Completed(irp))
         IopFreeIrp(irp);
 }
@@ -169,7 +174,11 @@ BOOLEAN NTAPI IoCancelIrp(PIRP Irp)
     }
     Irp->CancelIrql = irql;
     const bool sent = Irp->CurrentLocation <= Irp->StackCount;
-    routine(sent ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject : nullptr, Irp);
+    PDEVICE_OBJECT device = sent ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject : nullptr;
+    {
+        const DriverScope scope(device == nullptr ? nullptr : device->DriverObject);
+        routine(device, Irp);
+    }
     VfCancelReturned(reinterpret_cast<const void*>(routine));
     return TRUE;
 }

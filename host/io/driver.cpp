@@ -126,6 +126,9 @@ NTSTATUS IoUnloadDriver(std::string_view name)
     }
     VfLeaveCallback(before, "DriverUnload", reinterpret_cast<const void*>(driver->object.DriverUnload));
     VfAuditUnload(driver->name);
+    for (const ObjectNames::Link& link : io.Names().TakeDanglingLinks())
+        VfReport(Rule::SymbolicLinkLeak, ToUtf8(link.name),
+                 ToUtf8(link.name) + " leads to " + ToUtf8(link.target));
     Kernel::Current().Log().End("driver", "unload");
     io.RemoveDriver(driver);
     return STATUS_SUCCESS;

@@ -58,6 +58,7 @@ void Destroy(IopFile* file)
     if (file->node)
         PnpManager::Current().Closed(file->node);
     IopCountClose(file->device);
+    IoManager::Current().ForgetFile(file);
     delete file;
 }
 
@@ -118,6 +119,7 @@ NTSTATUS IopOpenFile(std::u16string_view path, const IopOpenParameters& paramete
     if (!found)
         return STATUS_OBJECT_NAME_NOT_FOUND;
     auto* file = new IopFile;
+    IoManager::Current().AddFile(file);
     file->device = found->device;
     file->name = std::move(found->rest);
     file->granted = Granted(parameters.access);

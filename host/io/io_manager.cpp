@@ -2,7 +2,7 @@
 
 #include "io/device.h"
 #include "io/driver.h"
-#include "io/memory.h"
+#include "io/file_object.h"
 
 #include <algorithm>
 
@@ -14,7 +14,25 @@ IoManager::IoManager(Kernel& kernel) : Component(kernel)
     configuration.Version = 1;
 }
 
-IoManager::~IoManager() = default;
+IoManager::~IoManager() HOST_NO_ANALYSIS
+{
+    for (const IopFile* file : files_)
+        delete file;
+    for (const DEVICE_OBJECT* device : devices_)
+        delete device->DeviceObjectExtension;
+}
+
+void IoManager::AddFile(IopFile* file)
+{
+    const MutexLock lock(mutex_);
+    files_.insert(file);
+}
+
+void IoManager::ForgetFile(IopFile* file)
+{
+    const MutexLock lock(mutex_);
+    files_.erase(file);
+}
 
 IopDriver* IoManager::FindDriver(std::string_view name)
 {
@@ -49,13 +67,11 @@ void IoManager::AddDevice(PDEVICE_OBJECT device)
 {
     const MutexLock lock(mutex_);
     devices_.insert(device);
-    freed_.erase(device);
 }
 
 bool IoManager::ForgetDevice(PDEVICE_OBJECT device)
 {
     const MutexLock lock(mutex_);
-    freed_.insert(device);
     return devices_.erase(device) != 0;
 }
 
@@ -63,12 +79,6 @@ bool IoManager::DeviceExists(const DEVICE_OBJECT* device)
 {
     const MutexLock lock(mutex_);
     return devices_.contains(device);
-}
-
-bool IoManager::DeviceWasFreed(const DEVICE_OBJECT* device)
-{
-    const MutexLock lock(mutex_);
-    return freed_.contains(device);
 }
 
 void IoManager::Shutdown()
@@ -89,8 +99,6 @@ void IoManager::Audit()
         auto* object = const_cast<PDEVICE_OBJECT>(device);
         const std::string owner = device->DeviceObjectExtension->owner;
         VfReport(Rule::DeviceLeak, owner, IopDescribeDevice(object) + " was not deleted");
-        delete object->DeviceObjectExtension;
-        IopFreeMemory(object);
     }
 }
 

@@ -16,6 +16,7 @@
 
 namespace host {
 
+class IopFile;
 struct IopDriver;
 
 class IoManager : public Component {
@@ -42,7 +43,9 @@ class IoManager : public Component {
     void AddDevice(PDEVICE_OBJECT device);
     bool ForgetDevice(PDEVICE_OBJECT device);
     bool DeviceExists(const DEVICE_OBJECT* device);
-    bool DeviceWasFreed(const DEVICE_OBJECT* device);
+    // File objects that exist; the manager destroys those that nobody closes.
+    void AddFile(IopFile* file);
+    void ForgetFile(IopFile* file);
 
     void Shutdown() override;
     void Audit() override;
@@ -60,7 +63,7 @@ class IoManager : public Component {
     Mutex mutex_;
     std::vector<std::unique_ptr<IopDriver>> drivers_ HOST_GUARDED_BY(mutex_);
     std::unordered_set<const DEVICE_OBJECT*> devices_ HOST_GUARDED_BY(mutex_);
-    std::unordered_set<const DEVICE_OBJECT*> freed_ HOST_GUARDED_BY(mutex_);
+    std::unordered_set<IopFile*> files_ HOST_GUARDED_BY(mutex_);
 };
 
 } // namespace host

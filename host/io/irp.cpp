@@ -102,7 +102,6 @@ void IrpTable::Audit()
         if (record->origin != IrpOrigin::Initialized)
             VfReport(Rule::IrpLeak, IopMajorName(record->major), record->Describe() + " is still alive",
                      record->caller);
-        IopFreeIrp(record->irp);
     }
 }
 

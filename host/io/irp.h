@@ -42,8 +42,8 @@ struct IrpTurn {
     std::uint64_t call = 0; // which IofCallDriver entered it; 0: none yet
     PDEVICE_OBJECT device = nullptr;
     bool forced = false;    // the kernel marked it pending and answered STATUS_PENDING in its driver's place
-    bool completed = false;        // completion has passed it
-    bool marked = false;           // it was marked pending then
+    bool completed = false; // completion has passed it
+    bool marked = false;    // it was marked pending then
     bool started_next = false;     // PoStartNextPowerIrp was called in this turn
     bool returned_pending = false; // its dispatch routine answered STATUS_PENDING
     NTSTATUS entry_status = 0;     // what the request said when it came
@@ -61,7 +61,7 @@ struct IrpRecord {
     bool freed = false;
     UCHAR major = 0;
     UCHAR minor = 0;
-    ULONG code = 0; // of device controls
+    ULONG code = 0;           // of device controls
     std::string allocated_by; // the actor
     const void* caller = nullptr;
     PKTHREAD thread = nullptr; // whose exit cancels it

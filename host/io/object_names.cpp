@@ -129,4 +129,30 @@ std::vector<ObjectNames::Link> ObjectNames::Links() const
     return links;
 }
 
+// The device at the end of a chain of links; null when there is none.
+const ObjectNames::Entry* ObjectNames::Follow(const Entry& link) const
+{
+    const Entry* entry = &link;
+    for (int links = 0; entry != nullptr && entry->device == nullptr; ++links) {
+        auto found = FindPrefix(Canonical(entry->target));
+        entry = found == tree_.end() || links == kMostLinks ? nullptr : &found->second;
+    }
+    return entry;
+}
+
+std::vector<ObjectNames::Link> ObjectNames::TakeDanglingLinks()
+{
+    std::vector<Link> dangling;
+    const MutexLock lock(mutex_);
+    for (auto it = tree_.begin(); it != tree_.end();) {
+        if (Follow(it->second) != nullptr) {
+            ++it;
+            continue;
+        }
+        dangling.push_back({it->second.name, it->second.target});
+        it = tree_.erase(it);
+    }
+    return dangling;
+}
+
 } // namespace host

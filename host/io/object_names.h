@@ -37,6 +37,8 @@ class ObjectNames {
         std::u16string target;
     };
     std::vector<Link> Links() const;
+    // Takes away the links that lead nowhere, and says which they were.
+    std::vector<Link> TakeDanglingLinks();
 
   private:
     struct Entry {
@@ -46,6 +48,7 @@ class ObjectNames {
     };
     using Tree = std::map<std::u16string, Entry>; // by folded name
 
+    const Entry* Follow(const Entry& link) const HOST_REQUIRES(mutex_);
     // The longest name in the tree that is `path` or an ancestor of it.
     Tree::const_iterator FindPrefix(const std::u16string& folded) const HOST_REQUIRES(mutex_);
 

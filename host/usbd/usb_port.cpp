@@ -175,6 +175,10 @@ NTSTATUS UsbPort::SubmitUrb(PIRP irp)
     auto transfer = std::make_shared<UsbTransfer>();
     transfer->irp = irp;
     transfer->urb = static_cast<PURB>(URB_FROM_IRP(irp));
+    const USHORT function = transfer->urb->UrbHeader.Function;
+    if (KeGetCurrentIrql() != PASSIVE_LEVEL && UrbIsPassive(function))
+        VfReport(Rule::UrbBadIrql, UrbFunctionName(function),
+                 std::string(UrbFunctionName(function)) + " at IRQL " + std::to_string(KeGetCurrentIrql()));
     USBD_STATUS status = USBD_STATUS_PENDING;
     {
         const PortLock lock(lock_);

@@ -53,20 +53,18 @@
     R(DeviceBothIoFlags,        0xC9, 0x246,  "a device object has both DO_BUFFERED_IO and DO_DIRECT_IO")             \
     R(DeviceLeak,               0xC4, 0x66,   "a device object was not deleted")                                      \
     R(PagableFlagLost,          0xC9, 0x23F,  "a device above a pageable one does not have DO_POWER_PAGABLE")         \
-    R(SymbolicLinkLeak,         0xC4, 0x67,   "a symbolic link was not deleted")                                      \
+    R(SymbolicLinkLeak,         0xC4, 0x67,   "a symbolic link leads to a device that is gone")                         \
     R(PnpSameDeviceObject,      0xC9, 0x248,  "a device object was attached to its own stack")                        \
     /* Plug and Play */                                                                                               \
     R(PnpCompleted,             0xC9, 0x22D,  "a Plug and Play request was completed instead of passed down")         \
     R(PnpFailedPassedDown,      0xC9, 0x215,  "a Plug and Play request was passed down with a failure in it")         \
     R(PnpStatusTouched,         0xC9, 0x213,  "the status of a Plug and Play request was changed to not-supported")   \
     R(PnpMayNotFail,            0xC9, 0x247,  "a Plug and Play request was failed that may not fail")                 \
-    R(PnpInvalidStatus,         0xC9, 0x20E,  "a Plug and Play request was answered with a status not allowed")       \
     R(PnpRemoveNoDetach,        0xC9, 0x21D,  "a device was not detached by IRP_MN_REMOVE_DEVICE")                    \
     R(PnpRemoveNoDelete,        0xC9, 0x21E,  "a device was not deleted by IRP_MN_REMOVE_DEVICE")                     \
     R(PnpSurpriseDetach,        0xC9, 0x242,  "a device was detached or deleted by IRP_MN_SURPRISE_REMOVAL")          \
     R(PnpSystemOnly,            0xC9, 0x237,  "a driver sent a request that only the system may send")                \
     R(DispatchMissing,          0xC9, 0x21F,  "a driver lacks a dispatch routine that every driver must have")        \
-    R(InterfaceLeak,            0xC4, 0x68,   "a device interface was left enabled by a device that was removed")     \
     /* Power */                                                                                                       \
     R(PowerNotStartedNext,      0x9F, 0x02,   "a power request was completed or passed on without "                   \
                                               "PoStartNextPowerIrp")                                                  \

@@ -1,6 +1,7 @@
 #include "verifier/irp_rules.h"
 
 #include "io/device.h"
+#include "io/driver.h"
 #include "io/io_manager.h"
 #include "io/names.h"
 #include "verifier/pnp_rules.h"
@@ -70,6 +71,17 @@ void CheckStackCopy(const IrpRecord& record, const IRP& irp, const void* caller)
     if (same)
         ReportIrp(Rule::IrpBadStackCopy, record,
                   "the next location has the completion routine of the driver above", caller);
+}
+
+// The driver that the thread is inside of must be the one that has the request.
+void CheckCompleter(const IrpRecord& record, const IRP& irp, const void* caller)
+{
+    const PDRIVER_OBJECT inside = DriverScope::Current();
+    const PDEVICE_OBJECT device = irp.Tail.Overlay.CurrentStackLocation->DeviceObject;
+    if (caller != nullptr && inside != nullptr && device->DriverObject != inside)
+        ReportIrp(Rule::IrpCompletedWhilePassed, record,
+                  "completed by " + IopDriverName(inside) + " while " + IopDescribeDevice(device) + " has it",
+                  caller);
 }
 
 } // namespace
@@ -238,6 +250,7 @@ IrpRecordPtr VfIrpComplete(PIRP irp, const void* caller)
         ReportIrp(Rule::IrpGarbageStatus, *record, "its status is " + IopStatusText(status), caller);
     if (caller != nullptr)
         CheckNoSpinLock(*record, "completed", caller);
+    CheckCompleter(*record, *irp, caller);
     const bool answers = (irp->Flags & IRP_INPUT_OPERATION) != 0 && (irp->Flags & IRP_BUFFERED_IO) != 0;
     if (record->request && answers && !NT_ERROR(status)) {
         const std::optional<std::size_t> capacity = record->request->Capacity();

@@ -142,6 +142,7 @@ Bench::~Bench()
     if (driver->DeviceObject != nullptr &&
         driver->DeviceObject->DeviceObjectExtension->attached_to == nullptr)
         IoDeleteDevice(driver->DeviceObject);
+    host::IoManager::Current().Names().RemoveLink(u"\\??\\T");
 }
 
 host::KernelOptions Bench::Recording()

@@ -12,10 +12,18 @@
 
 #include <array>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 #include <wdm/io.h>
+
+namespace host {
+inline void PrintTo(Rule rule, std::ostream* out)
+{
+    *out << NameOf(rule);
+}
+} // namespace host
 
 namespace host_test {
 
