@@ -7,7 +7,6 @@ import tempfile
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-sys.dont_write_bytecode = True
 import check_rooms  # noqa: E402
 
 TREE = {
