@@ -54,8 +54,9 @@ void RunBody(Thread& self)
 void ThreadMain(Thread& self)
 {
     RunBody(self);
-    Kernel::Impl& kernel = self.kernel.impl();
-    if (!kernel.scheduler->Stopping())
+    // Found while this thread still counts: once it is done, the kernel's end only waits for Finish to return.
+    Scheduler& scheduler = self.kernel.GetScheduler();
+    if (!scheduler.Stopping())
         VfCheckThreadEnd(self);
     KiSetIrql(self, PASSIVE_LEVEL);
     {
@@ -63,7 +64,7 @@ void ThreadMain(Thread& self)
         self.done = true;
         KiSignal(self.header);
     }
-    kernel.scheduler->Finish(self);
+    scheduler.Finish(self);
 }
 
 } // namespace
