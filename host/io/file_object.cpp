@@ -164,11 +164,15 @@ void IopReferenceFile(IopFile* file)
 
 void IopDereferenceFile(IopFile* file)
 {
-    if (--file->references != 0)
-        return;
-    if (KeGetCurrentIrql() == PASSIVE_LEVEL)
+    if (KeGetCurrentIrql() != PASSIVE_LEVEL)
+        IopReleaseFile(file);
+    else if (--file->references == 0)
         CloseFile(file);
-    else
+}
+
+void IopReleaseFile(IopFile* file)
+{
+    if (--file->references == 0)
         Kernel::Current().Get<FileReaper>().actor.Post([=] { CloseFile(file); });
 }
 

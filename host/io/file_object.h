@@ -44,6 +44,9 @@ void IopCloseHandle(IopFile* file);
 // References of requests. The last one sends IRP_MJ_CLOSE; at DISPATCH_LEVEL a system thread does so.
 void IopReferenceFile(IopFile* file);
 void IopDereferenceFile(IopFile* file);
+// The same for a request that is completed: its last reference always leaves IRP_MJ_CLOSE to a system thread. The
+// thread that completes is inside a driver, and may hold what that driver's close routine waits for.
+void IopReleaseFile(IopFile* file);
 
 // The device that the file's requests go to: the top of the stack as it is now.
 PDEVICE_OBJECT IopTargetOf(const IopFile& file);

@@ -50,7 +50,7 @@ bool FileRequest::Completed(PIRP irp)
     if (holds_turn_)
         KeSetEvent(&file->turn, EVENT_INCREMENT, FALSE);
     Finish(result.Status, result.Information);
-    IopDereferenceFile(file);
+    IopReleaseFile(file);
     return free;
 }
 
