@@ -1,0 +1,95 @@
+#include "tests/personalities/session.h"
+
+#include <algorithm>
+
+namespace personalities {
+namespace {
+
+constexpr DWORD kLook = 50; // ms, between looks at the user
+constexpr std::string_view kEmptySentence = "$GPGGA,,,,,,0,";
+
+} // namespace
+
+bool Session::Await(const Overlapped& overlapped) const
+{
+    while (WaitForSingleObject(overlapped, kLook) == WAIT_TIMEOUT) {
+        if (Stopping())
+            return false;
+    }
+    return true;
+}
+
+void Session::Receive(const void* bytes, DWORD length)
+{
+    empty_reads += length == 0 ? 1 : 0;
+    const bool told = received.size() >= kEmptySentence.size();
+    received.append(static_cast<const char*>(bytes), length);
+    if (purged_ && !told && received.starts_with(kEmptySentence))
+        Notice("`PurgeComm` empties nothing: the empty first sentence is read all the same");
+}
+
+void Session::Notice(const std::string& what)
+{
+    if (std::ranges::find(notices, what) == notices.end())
+        notices.push_back(what);
+}
+
+void Library::Must(const char* call, bool succeeded)
+{
+    if (!succeeded)
+        throw CallFailed({call, GetLastError()});
+}
+
+void Library::May(const char* call, bool succeeded)
+{
+    if (!succeeded)
+        session_.Notice(Failure{call, GetLastError()}.Text() + ", and it goes on");
+}
+
+void Library::CreatePort(std::string_view prefix, DWORD access, DWORD flags)
+{
+    port_ = CreateFile(std::string(prefix) + session_.port, access, 0, flags);
+    Must("CreateFile", static_cast<bool>(port_));
+}
+
+void Library::MustStart(const char* call, bool succeeded)
+{
+    Must(call, succeeded || GetLastError() == ERROR_IO_PENDING);
+}
+
+std::optional<DWORD> Library::MustFinish(const char* call, Overlapped& overlapped)
+{
+    if (!session_.Await(overlapped))
+        return {};
+    DWORD length = 0;
+    Must(call, GetOverlappedResult(port_, overlapped, &length, true));
+    return length;
+}
+
+DWORD Library::QueuedBytes() const
+{
+    DWORD errors = 0;
+    COMSTAT status{};
+    Must("ClearCommError", ClearCommError(port_, &errors, &status));
+    return status.cbInQue;
+}
+
+void SetLine(DCB& dcb, DWORD baud_rate)
+{
+    dcb.BaudRate = baud_rate;
+    dcb.ByteSize = 8;
+    dcb.Parity = NO_PARITY;
+    dcb.StopBits = STOP_BIT_1;
+    dcb.fBinary = 1;
+    dcb.fParity = 0;
+    dcb.fOutxCtsFlow = 0;
+    dcb.fOutxDsrFlow = 0;
+    dcb.fDsrSensitivity = 0;
+    dcb.fOutX = 0;
+    dcb.fInX = 0;
+    dcb.fErrorChar = 0;
+    dcb.fNull = 0;
+    dcb.fAbortOnError = 0;
+}
+
+} // namespace personalities
