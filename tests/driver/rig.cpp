@@ -43,7 +43,7 @@ bool HidesItsStatus(const host::Finding& finding)
 {
     static constexpr const char* kCodes[] = {"0x800400c", "0x8004010", "0x8008014", "0x8004018"};
     const auto said = [&](const char* words) { return finding.text.find(words) != std::string::npos; };
-    return said("returned STATUS_SUCCESS") && std::any_of(std::begin(kCodes), std::end(kCodes), said);
+    return said("returned 0x0,") && std::any_of(std::begin(kCodes), std::end(kCodes), said);
 }
 
 } // namespace

@@ -1,0 +1,85 @@
+// Writes: taken, counted, and thrown away.
+#include "control_bench.h"
+
+#include "navox_utils.h"
+
+#include <algorithm>
+
+namespace navox_test {
+namespace {
+
+using host::nt::Access;
+
+TEST(Write, IsTakenWholeWhateverItsLength)
+{
+    Rig rig;
+    Port port = rig.Open();
+    rig.TakeBusLog();
+    for (const std::size_t length : {0, 1, 13, 4096, 4097, 100'000}) {
+        const host::nt::Result result = port.Write(Zeros(length));
+        EXPECT_EQ(result.status, STATUS_SUCCESS) << length;
+        EXPECT_EQ(result.information, length);
+    }
+    EXPECT_EQ(rig.TakeBusLog(), std::vector<std::string>());
+    EXPECT_TRUE(IsNothingPending(&ExtensionOf(rig)));
+}
+
+TEST(Write, NeverReachesAModuleThatStreams)
+{
+    Rig rig;
+    Port port = rig.OpenStreaming();
+    const auto received = rig.module->Look().bytes_received;
+    rig.TakeBusLog();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(port.Write(BytesFrom({'A', 'T', '\r'})).information, 3u);
+        rig.RunFor(100 * kMillisecond);
+    }
+    const auto log = rig.TakeBusLog();
+    EXPECT_TRUE(std::all_of(log.begin(), log.end(), [](const auto& request) { return request == "in 82"; }));
+    EXPECT_EQ(rig.module->Look().bytes_received, received);
+}
+
+TEST(Write, IsRefusedInNoState)
+{
+    for (const DeviceState& state : DeviceStates()) {
+        Rig rig;
+        Port port = rig.Open();
+        state.enter(rig);
+        const host::nt::Result result = port.Write(Zeros(7));
+        EXPECT_EQ(result.status, STATUS_SUCCESS) << state.name;
+        EXPECT_EQ(result.information, 7u) << state.name;
+        EXPECT_TRUE(IsNothingPending(&ExtensionOf(rig))) << state.name;
+        state.leave(rig);
+    }
+}
+
+// Whatever its time-outs, whoever reads, and however many there are.
+TEST(Write, IsDoneAtOnce)
+{
+    Rig rig({.source = nullptr});
+    Port port = rig.Open();
+    EXPECT_EQ(port.Set(IOCTL_SERIAL_SET_TIMEOUTS, SERIAL_TIMEOUTS{0, 0, 0, 1000, 1000}), STATUS_SUCCESS);
+    host::nt::Request read = port.StartRead(100);
+    const host::Time before = rig.kernel.Now();
+    for (int i = 0; i < 50; ++i)
+        EXPECT_TRUE(port.StartWrite(Zeros(64)).Done());
+    EXPECT_EQ(rig.kernel.Now(), before);
+    EXPECT_FALSE(read.Done());
+}
+
+TEST(Write, NeedsAHandleToWriteTo)
+{
+    Rig rig;
+    Port port;
+    ASSERT_EQ(rig.TryOpen(&port, {.access = Access::Read}), STATUS_SUCCESS);
+    EXPECT_EQ(port.Write(Zeros(1)).status, STATUS_ACCESS_DENIED);
+}
+
+TEST(Write, CannotBeFlushed)
+{
+    Rig rig;
+    EXPECT_EQ(rig.Open().Flush().status, STATUS_INVALID_DEVICE_REQUEST);
+}
+
+} // namespace
+} // namespace navox_test
