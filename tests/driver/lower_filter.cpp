@@ -18,6 +18,19 @@ FilterExtension& ExtensionOf(PDEVICE_OBJECT device)
     return *static_cast<FilterExtension*>(device->DeviceExtension);
 }
 
+std::string NameOf(const IO_STACK_LOCATION& location)
+{
+    const std::string name = host::IopMinorName(location.MajorFunction, location.MinorFunction);
+    const auto& power = location.Parameters.Power;
+    const bool has_state =
+        location.MajorFunction == IRP_MJ_POWER && location.MinorFunction != IRP_MN_WAIT_WAKE;
+    if (!has_state)
+        return name;
+    // The first state of either kind is "unspecified"; S0 and D0 follow.
+    return name + (power.Type == SystemPowerState ? " S" : " D") +
+           std::to_string(power.State.SystemState - 1);
+}
+
 NTSTATUS NTAPI FilterDispatch(PDEVICE_OBJECT device, PIRP irp)
 {
     return ExtensionOf(device).filter->Dispatch(device, irp);
@@ -53,15 +66,10 @@ void LowerFilter::AttachTo(host::PnpNode& node)
     device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
 }
 
-void LowerFilter::Fail(UCHAR major, UCHAR minor, NTSTATUS status)
+void LowerFilter::Fail(const std::string& name, NTSTATUS status)
 {
     const std::lock_guard guard(lock_);
-    plans_[{major, minor}] = status;
-}
-
-void LowerFilter::Hold(UCHAR major, UCHAR minor)
-{
-    Fail(major, minor, STATUS_PENDING);
+    plans_[name] = status;
 }
 
 void LowerFilter::Release()
@@ -108,14 +116,14 @@ NTSTATUS LowerFilter::Dispatch(PDEVICE_OBJECT device, PIRP irp)
     const UCHAR major = location->MajorFunction;
     if (major != IRP_MJ_PNP && major != IRP_MJ_POWER)
         return PassOn(device, irp);
-    std::string name = host::IopMinorName(major, location->MinorFunction);
-    if (irp->IoStatus.Status != STATUS_NOT_SUPPORTED)
-        name += " with " + host::IopStatusText(irp->IoStatus.Status);
-    host::Kernel::Current().Log().Instant("below", "request", std::move(name));
+    const std::string name = NameOf(*location);
+    const bool touched = irp->IoStatus.Status != STATUS_NOT_SUPPORTED;
+    host::Kernel::Current().Log().Instant(
+        "below", "request", touched ? name + " with " + host::IopStatusText(irp->IoStatus.Status) : name);
     NTSTATUS status = STATUS_SUCCESS;
     {
         const std::lock_guard guard(lock_);
-        const auto plan = plans_.find({major, location->MinorFunction});
+        const auto plan = plans_.find(name);
         if (plan != plans_.end())
             status = plan->second;
         if (status == STATUS_PENDING) {

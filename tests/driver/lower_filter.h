@@ -7,22 +7,23 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <utility>
+#include <string>
 #include <vector>
 #include <wdm/io.h>
 
 namespace navox_test {
 
-// Must outlive the Rig. Requests of other kinds pass.
+// Requests are named by their minor code, power requests with the state: "IRP_MN_STOP_DEVICE", "IRP_MN_SET_POWER D2",
+// "IRP_MN_QUERY_POWER S3", "IRP_MN_WAIT_WAKE". Requests of other kinds pass. Must outlive the Rig.
 class LowerFilter {
   public:
     // For RigOptions::on_arrival.
     void AttachTo(host::PnpNode& node);
 
-    // Requests of this kind are completed with `status` from now on, and do not reach the bus.
-    void Fail(UCHAR major, UCHAR minor, NTSTATUS status);
-    // Requests of this kind stay here until Release.
-    void Hold(UCHAR major, UCHAR minor);
+    // Requests of this name are completed with `status` from now on, and do not reach the bus.
+    void Fail(const std::string& name, NTSTATUS status);
+    // Requests of this name stay here until Release.
+    void Hold(const std::string& name) { Fail(name, STATUS_PENDING); }
     // Whether the filter outlives an IRP_MN_REMOVE_DEVICE that the driver above only passes on.
     void SetStays(bool stays) { stays_ = stays; }
     // What was held goes on to the bus, and everything passes from now on.
@@ -33,7 +34,6 @@ class LowerFilter {
     NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp);
 
   private:
-    using Kind = std::pair<UCHAR, UCHAR>;
     struct HeldRequest {
         PDEVICE_OBJECT device;
         PIRP irp;
@@ -41,8 +41,8 @@ class LowerFilter {
 
     NTSTATUS PassOn(PDEVICE_OBJECT device, PIRP irp) const;
 
-    mutable std::mutex lock_;        // a leaf lock
-    std::map<Kind, NTSTATUS> plans_; // STATUS_PENDING: hold
+    mutable std::mutex lock_;               // a leaf lock
+    std::map<std::string, NTSTATUS> plans_; // STATUS_PENDING: hold
     std::vector<HeldRequest> held_;
     std::atomic<bool> stays_ = false;
 };

@@ -6,6 +6,9 @@
 #include "io/names.h"
 #include "wmi/wmi_manager.h"
 
+#include <initguid.h>
+#include <ntddser.h>
+
 #include <algorithm>
 
 namespace navox_test {
@@ -176,7 +179,7 @@ TEST(Pnp, EverythingGoesStraightDownWhileARemovalWaits)
 {
     Machine machine;
     Rig& rig = machine.rig;
-    machine.filter.Hold(IRP_MJ_POWER, IRP_MN_SET_POWER);
+    machine.filter.Hold("IRP_MN_SET_POWER D0");
     const PowerRequest power(rig, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
     const host::PnpNodePtr node = rig.Node();
     host::ThreadHandle removal = rig.kernel.Spawn(
@@ -187,6 +190,421 @@ TEST(Pnp, EverythingGoesStraightDownWhileARemovalWaits)
     removal.Join();
     EXPECT_EQ(node->pdo->AttachedDevice, nullptr);
     EXPECT_EQ(power.Wait(), STATUS_SUCCESS);
+}
+
+// A start that fails ------------------------------------------------------------------------------------------
+
+struct FailedStart {
+    int number;
+    std::function<void(Machine&)> arm;
+    NTSTATUS status;
+    ULONG after;
+    std::size_t requests; // on the bus
+    bool interface_enabled;
+};
+
+std::function<void(Machine&)> FailBusRequest(std::uint64_t nth)
+{
+    return [nth](Machine& machine) {
+        machine.rig.kernel.Faults().Arm(host::FaultPoint::BusRequest, {.nth = nth});
+    };
+}
+
+const std::vector<FailedStart> kFailedStarts = {
+    {1, [](Machine& machine) { machine.filter.Fail("IRP_MN_START_DEVICE", STATUS_NO_SUCH_DEVICE); },
+     STATUS_NO_SUCH_DEVICE, STATE_NEVER_STARTED, 0, false},
+    {2, FailBusRequest(1), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 1, false},
+    {3, FailBusRequest(2), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 2, false},
+    {4, FailBusRequest(3), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 3, false},
+    {5, FailBusRequest(4), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 4, false},
+    {6, FailBusRequest(5), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 5, false},
+    {7,
+     [](Machine& machine) {
+         machine.rig.kernel.Faults().Arm(host::FaultPoint::DeviceInterface,
+                                         {.detail = "IoSetDeviceInterfaceState"});
+     },
+     STATUS_INSUFFICIENT_RESOURCES, STATE_STARTED, 5, false},
+    {8, [](Machine& machine) { machine.rig.kernel.Faults().Arm(host::FaultPoint::WmiRegister, {}); },
+     STATUS_INSUFFICIENT_RESOURCES, STATE_STARTED, 5, true},
+};
+
+RigOptions WithSuspend()
+{
+    RigOptions options;
+    options.settings["EnableSelectiveSuspend"] = 1;
+    return options;
+}
+
+bool InterfaceEnabled()
+{
+    return !host::nt::Interfaces(GUID_DEVINTERFACE_COMPORT).empty();
+}
+
+// Whether the registry and the name space show the port.
+bool PortVisible(Rig& rig)
+{
+    const auto& registry = rig.Registry();
+    const auto key = registry.Open(u"\\Registry\\Machine\\Hardware\\DeviceMap\\SERIALCOMM");
+    const bool listed = key != nullptr && !registry.Values(key).empty();
+    Port port;
+    const bool linked = rig.TryOpen(&port) != STATUS_OBJECT_NAME_NOT_FOUND;
+    EXPECT_EQ(listed, linked);
+    return linked;
+}
+
+TEST(Pnp, AStartThatFailsLeavesWhatItHadReached)
+{
+    for (const FailedStart& row : kFailedStarts) {
+        SCOPED_TRACE("row " + std::to_string(row.number));
+        const std::unique_ptr<Machine> machine = MachineIn(STATE_NEVER_STARTED, WithSuspend());
+        Rig& rig = machine->rig;
+        rig.TakeBusLog();
+        row.arm(*machine);
+        EXPECT_EQ(SendPnp(rig, IRP_MN_START_DEVICE), row.status);
+        EXPECT_EQ(StateText(StateOf(rig)), StateText(row.after));
+        EXPECT_EQ(rig.TakeBusLog().size(), row.requests);
+        EXPECT_EQ(InterfaceEnabled(), row.interface_enabled);
+        EXPECT_TRUE(host::WmiManager::Current().Blocks().empty());
+        EXPECT_EQ(PendingIn(rig), 0U);
+        // Nobody looks whether the device is idle.
+        Story story(rig);
+        rig.RunFor(20 * kSecond);
+        EXPECT_EQ(story.Take(), Lines{});
+        EXPECT_EQ(SendPnp(rig, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS);
+        EXPECT_FALSE(PortVisible(rig));
+    }
+}
+
+// The system takes a device away that does not start; a stopped one is surprised first.
+TEST(Pnp, AModuleThatDoesNotStartIsRemoved)
+{
+    for (const FailedStart& row : kFailedStarts) {
+        SCOPED_TRACE("row " + std::to_string(row.number));
+        RigOptions options;
+        options.plug = false;
+        Machine machine(options);
+        row.arm(machine);
+        machine.rig.Plug();
+        EXPECT_EQ(machine.rig.Node()->state, host::PnpState::Reported);
+        EXPECT_EQ(machine.rig.Node()->pdo->AttachedDevice, nullptr);
+        EXPECT_FALSE(PortVisible(machine.rig));
+        EXPECT_FALSE(InterfaceEnabled());
+    }
+}
+
+TEST(Pnp, ARebalanceThatFailsToRestartTakesTheDeviceAway)
+{
+    for (const FailedStart& row : kFailedStarts) {
+        if (row.after != STATE_NEVER_STARTED)
+            continue; // those steps belong to the first start
+        SCOPED_TRACE("row " + std::to_string(row.number));
+        Machine machine;
+        Rig& rig = machine.rig;
+        Port port = rig.Open();
+        Story story(rig);
+        row.arm(machine);
+        EXPECT_EQ(host::PnpManager::Current().Rebalance(rig.Node()), row.status);
+        const Lines lines = story.Take();
+        ASSERT_GE(lines.size(), 2U);
+        EXPECT_EQ(Lines(lines.end() - 2, lines.end()), kSurprises);
+        EXPECT_EQ(StateText(StateOf(rig)), "STATE_SURPRISE_REMOVED");
+        // The remove waits for the handle.
+        port.Close();
+        host::PnpManager::Current().Settle();
+        EXPECT_EQ(rig.Node()->pdo->AttachedDevice, nullptr);
+        EXPECT_FALSE(PortVisible(rig));
+    }
+}
+
+// Capabilities ------------------------------------------------------------------------------------------------
+
+TEST(Pnp, CapabilitiesChooseTheIdleState)
+{
+    struct {
+        int number;
+        std::vector<DEVICE_POWER_STATE> s1_to_s3;
+        DEVICE_POWER_STATE idle;
+    } const rows[] = {
+        {1, {PowerDeviceD3, PowerDeviceD3, PowerDeviceD3}, PowerDeviceD2},
+        {2, {PowerDeviceD1, PowerDeviceD3, PowerDeviceD2}, PowerDeviceD2},
+        {3, {PowerDeviceD2, PowerDeviceD1, PowerDeviceD3}, PowerDeviceD1},
+        {4, {PowerDeviceD0, PowerDeviceD3, PowerDeviceD3}, PowerDeviceD2},
+        {5, {PowerDeviceD2, PowerDeviceD2, PowerDeviceD1}, PowerDeviceD1},
+        {6, {PowerDeviceD1, PowerDeviceD2, PowerDeviceD0}, PowerDeviceD2},
+        {7, {PowerDeviceUnspecified, PowerDeviceUnspecified, PowerDeviceUnspecified}, PowerDeviceD2},
+        {8, {PowerDeviceD1, PowerDeviceUnspecified, PowerDeviceD3}, PowerDeviceD2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE("row " + std::to_string(row.number));
+        RigOptions options;
+        options.port.device_states = {PowerDeviceUnspecified, PowerDeviceD0};
+        options.port.device_states.insert(options.port.device_states.end(), row.s1_to_s3.begin(),
+                                          row.s1_to_s3.end());
+        options.port.device_states.insert(options.port.device_states.end(), {PowerDeviceD3, PowerDeviceD3});
+        Rig rig(options);
+        const DEVICE_EXTENSION& inside = Inside(rig);
+        EXPECT_EQ(inside.IdlePowerState, row.idle);
+        EXPECT_EQ(std::vector(std::begin(inside.DeviceStateMap), std::end(inside.DeviceStateMap)),
+                  options.port.device_states);
+        EXPECT_TRUE(inside.CapabilitiesReceived);
+        EXPECT_FALSE(inside.Capabilities.SurpriseRemovalOK);
+        // The asker sees that the module may be pulled.
+        EXPECT_TRUE(rig.Node()->capabilities.SurpriseRemovalOK);
+        EXPECT_TRUE(rig.Node()->capabilities.Removable);
+    }
+}
+
+TEST(Pnp, CapabilitiesThatTheBusFailsChangeNothing)
+{
+    const std::unique_ptr<Machine> machine = MachineIn(STATE_NEVER_STARTED);
+    Rig& rig = machine->rig;
+    ASSERT_EQ(SendPnp(rig, IRP_MN_START_DEVICE), STATUS_SUCCESS);
+    machine->filter.Fail("IRP_MN_QUERY_CAPABILITIES", STATUS_NO_SUCH_DEVICE);
+    EXPECT_EQ(SendPnp(rig, IRP_MN_QUERY_CAPABILITIES), STATUS_NO_SUCH_DEVICE);
+    EXPECT_FALSE(Inside(rig).CapabilitiesReceived);
+    EXPECT_EQ(Inside(rig).DeviceStateMap[PowerSystemWorking], PowerDeviceUnspecified);
+    EXPECT_EQ(PendingIn(rig), 0U);
+}
+
+// Queries and their cancellation --------------------------------------------------------------------------------
+
+TEST(Pnp, AQueryStopsReadingAndItsCancelDoesNotStartItAgain)
+{
+    struct {
+        UCHAR query;
+        UCHAR cancel;
+    } const rows[] = {{IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE},
+                      {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(host::IopMinorName(IRP_MJ_PNP, row.query));
+        Machine machine;
+        Rig& rig = machine.rig;
+        Port port = rig.OpenStreaming();
+        Story story(rig);
+        EXPECT_EQ(SendPnp(rig, row.query), STATUS_SUCCESS);
+        const host::UsbRequest last = host::UsbBus::Current().Log().back();
+        EXPECT_EQ(DescribeRequest(last), "in 82");
+        EXPECT_TRUE(last.done);
+        EXPECT_EQ(last.usbd_status, USBD_STATUS_CANCELED);
+        EXPECT_EQ(SendPnp(rig, row.cancel), STATUS_SUCCESS);
+        EXPECT_EQ(story.Take(),
+                  (Lines{"down " + std::string(host::IopMinorName(IRP_MJ_PNP, row.query)) + " with 0x0",
+                         "down " + std::string(host::IopMinorName(IRP_MJ_PNP, row.cancel))}));
+        // A further open does not start it either: it is not the first.
+        Port second = rig.Open();
+        rig.RunFor(20 * kSecond);
+        EXPECT_EQ(story.Take(), Lines{"OpenHandles = 2"});
+        port.Close();
+        second.Close();
+        Port third = rig.OpenStreaming();
+        third.Read(kEmptyFix.size());
+        EXPECT_EQ(third.Read(6).Text(), "$GPGGA");
+    }
+}
+
+TEST(Pnp, WhatApplicationsMayDoWhileTheDeviceIsStopped)
+{
+    for (const ULONG state : {STATE_STOP_PENDING, STATE_STOPPED}) {
+        SCOPED_TRACE(StateText(state));
+        Machine machine;
+        Rig& rig = machine.rig;
+        Port port = rig.Open();
+        EXPECT_EQ(SendPnp(rig, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
+        if (state == STATE_STOPPED)
+            EXPECT_EQ(SendPnp(rig, IRP_MN_STOP_DEVICE), STATUS_SUCCESS);
+        Story story(rig);
+        EXPECT_EQ(port.Read(1).status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(port.Control(IOCTL_SERIAL_GET_TIMEOUTS, {}, sizeof(SERIAL_TIMEOUTS)).status,
+                  STATUS_DELETE_PENDING);
+        EXPECT_EQ(port.StartWait().Wait().status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(port.Write(std::as_bytes(std::span("x"))).status, STATUS_SUCCESS);
+        Port second;
+        EXPECT_EQ(rig.TryOpen(&second), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(story.Take(), Lines{});
+        EXPECT_EQ(PendingIn(rig), 0U);
+        if (state == STATE_STOPPED)
+            EXPECT_EQ(SendPnp(rig, IRP_MN_START_DEVICE), STATUS_SUCCESS);
+        else
+            EXPECT_EQ(SendPnp(rig, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
+        // The handle has lived through it, and its ring as well.
+        EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
+    }
+}
+
+// The way out is the application's: reading has stopped, so no data will end what waits.
+TEST(Pnp, AQueryWaitsForWhatIsInside)
+{
+    struct {
+        int number;
+        std::function<host::nt::Request(Port&)> hold;
+        std::function<void(Port&)> end; // null: it ends by itself
+    } const rows[] = {
+        {1, [](Port& port) { return port.StartRead(4096); }, [](Port& port) { port.CancelIo(); }},
+        {2, [](Port& port) { return port.StartRead(4096); }, [](Port& port) { port.Close(); }},
+        {3,
+         [](Port& port) {
+             EXPECT_EQ(port.SetWaitMask(SERIAL_EV_RXCHAR), STATUS_SUCCESS);
+             return port.StartWait();
+         },
+         [](Port& port) { port.CancelIo(); }},
+        {4,
+         [](Port& port) {
+             EXPECT_EQ(port.SetTimeouts(0, 0, 1'000'000), STATUS_SUCCESS);
+             return port.StartRead(4096);
+         },
+         nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE("row " + std::to_string(row.number));
+        Machine machine;
+        Rig& rig = machine.rig;
+        Port port = rig.OpenStreaming();
+        const host::nt::Request held = row.hold(port);
+        host::ThreadHandle query = rig.kernel.Spawn(
+            "query", [&] { EXPECT_EQ(SendPnp(rig, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS); });
+        rig.RunFor(600 * kSecond);
+        EXPECT_FALSE(query.Done());
+        EXPECT_EQ(held.Status(), STATUS_PENDING);
+        EXPECT_EQ(StateText(StateOf(rig)), "STATE_STOP_PENDING");
+        if (row.end)
+            row.end(port);
+        query.Join();
+        EXPECT_EQ(held.Wait().status, row.end ? STATUS_CANCELLED : STATUS_TIMEOUT);
+    }
+}
+
+TEST(Pnp, AQueryOrItsCancelThatTheBusFailsLeavesTheStatePending)
+{
+    RigOptions options;
+    // The bus is not allowed to fail a cancel. This one does.
+    options.kernel.excuses = {{.rule = host::Rule::PnpMayNotFail, .reason = "a bus that breaks the rules"}};
+    struct {
+        UCHAR query;
+        UCHAR cancel;
+        ULONG pending;
+    } const rows[] = {{IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE, STATE_STOP_PENDING},
+                      {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, STATE_REMOVE_PENDING}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(StateText(row.pending));
+        Machine machine(options);
+        Rig& rig = machine.rig;
+        machine.filter.Fail(host::IopMinorName(IRP_MJ_PNP, row.query), STATUS_UNSUCCESSFUL);
+        machine.filter.Fail(host::IopMinorName(IRP_MJ_PNP, row.cancel), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(SendPnp(rig, row.query), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(StateText(StateOf(rig)), StateText(row.pending));
+        EXPECT_EQ(SendPnp(rig, row.cancel), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(StateText(StateOf(rig)), StateText(row.pending));
+        EXPECT_EQ(PendingIn(rig), 0U);
+        machine.filter.Release();
+        EXPECT_EQ(SendPnp(rig, row.cancel), STATUS_SUCCESS);
+        EXPECT_EQ(StateText(StateOf(rig)), "STATE_STARTED");
+    }
+}
+
+TEST(Pnp, ADisableIsRefusedWhileAHandleIsOpenAndGoesThroughAfterwards)
+{
+    Machine machine;
+    Rig& rig = machine.rig;
+    host::PnpManager& pnp = host::PnpManager::Current();
+    Port port = rig.Open();
+    // The driver does not refuse; the system does, and cancels.
+    Story story(rig);
+    EXPECT_EQ(pnp.Disable(rig.Node()), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(story.Take(),
+              (Lines{"down IRP_MN_QUERY_REMOVE_DEVICE with 0x0", "down IRP_MN_CANCEL_REMOVE_DEVICE"}));
+    EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
+    port.Close();
+    EXPECT_EQ(pnp.Disable(rig.Node()), STATUS_SUCCESS);
+    EXPECT_FALSE(PortVisible(rig));
+    EXPECT_FALSE(InterfaceEnabled());
+    EXPECT_EQ(IoGetConfigurationInformation()->SerialCount, 0xFFFFFFFF);
+}
+
+// Stop and restart ----------------------------------------------------------------------------------------------
+
+TEST(Pnp, ARebalanceSetsTheModuleUpAnewAtTheNextFirstOpen)
+{
+    Machine machine;
+    Rig& rig = machine.rig;
+    Port port = rig.OpenStreaming();
+    Story story(rig);
+    EXPECT_EQ(host::PnpManager::Current().Rebalance(rig.Node()), STATUS_SUCCESS);
+    const Lines lines = story.Take();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "reports D0"), 1);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "SELECT_CONFIGURATION"), 2);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "interface enabled"), 0);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "wmi register"), 0);
+    EXPECT_TRUE(InterfaceEnabled());
+    EXPECT_EQ(host::WmiManager::Current().Blocks().size(), 4U);
+    // The start does not start the reader.
+    rig.RunFor(20 * kSecond);
+    EXPECT_EQ(story.Take(), Lines{});
+    EXPECT_TRUE(Inside(rig).FirstOpenSinceStart);
+    port.Close();
+    port = rig.OpenStreaming();
+    EXPECT_FALSE(Inside(rig).FirstOpenSinceStart);
+    port.Read(kEmptyFix.size());
+    EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+}
+
+// Surprise removal ----------------------------------------------------------------------------------------------
+
+TEST(Pnp, PullingTheModuleEndsWhatWaitsAndTheLastCloseRemovesTheDevice)
+{
+    Machine machine;
+    Rig& rig = machine.rig;
+    Port first = rig.OpenStreaming();
+    Port second = rig.Open();
+    EXPECT_EQ(first.SetWaitMask(SERIAL_EV_ERR), STATUS_SUCCESS);
+    const std::vector<host::nt::Request> waiting = {first.StartRead(4096), first.StartRead(10),
+                                                    first.StartRead(10), first.StartWait(),
+                                                    second.StartRead(4096)};
+    const host::PnpNodePtr node = rig.Node();
+    Story story(rig);
+    rig.Unplug();
+    EXPECT_EQ(story.Take(), kSurprises);
+    for (const host::nt::Request& request : waiting)
+        EXPECT_EQ(request.Status(), STATUS_CANCELLED);
+    EXPECT_FALSE(InterfaceEnabled());
+
+    // For hours: nothing that an application asks for is kept.
+    for (int hour = 0; hour < 3; ++hour) {
+        rig.RunFor(3600 * kSecond);
+        EXPECT_EQ(first.Read(1).status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(second.StartWait().Wait().status, STATUS_DELETE_PENDING);
+        Port third;
+        EXPECT_FALSE(NT_SUCCESS(rig.TryOpen(&third)));
+    }
+    EXPECT_EQ(StateText(StateOf(rig)), "STATE_SURPRISE_REMOVED");
+    EXPECT_EQ(story.Take(), Lines{});
+    first.Close();
+    host::PnpManager::Current().Settle();
+    EXPECT_EQ(story.Take(), Lines{"OpenHandles = 1"});
+    EXPECT_EQ(node->state, host::PnpState::SurpriseRemoved);
+    second.Close();
+    host::PnpManager::Current().Settle();
+    EXPECT_EQ(story.Take(), (Lines{"OpenHandles = 0", "class"} + kRemoves));
+    EXPECT_EQ(node->state, host::PnpState::Removed);
+    EXPECT_FALSE(PortVisible(rig));
+    EXPECT_EQ(IoGetConfigurationInformation()->SerialCount, 0xFFFFFFFF);
+}
+
+TEST(Pnp, AModuleThatIsPulledInAnyStateGoesAndTheNextOneWorks)
+{
+    for (const ULONG state : {STATE_NEVER_STARTED, STATE_STARTED, STATE_STOP_PENDING, STATE_STOPPED,
+                              STATE_REMOVE_PENDING, STATE_POWER_QUERIED}) {
+        SCOPED_TRACE(StateText(state));
+        const std::unique_ptr<Machine> machine = MachineIn(state);
+        Rig& rig = machine->rig;
+        rig.Unplug();
+        EXPECT_EQ(rig.Node(), nullptr);
+        EXPECT_FALSE(PortVisible(rig));
+        host::PnpManager::Current().SetAutomatic(true);
+        rig.Plug();
+        Port port = rig.OpenStreaming();
+        port.Read(kEmptyFix.size());
+        EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+    }
 }
 
 } // namespace
