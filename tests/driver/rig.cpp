@@ -213,7 +213,13 @@ std::vector<host::Excuse> KnownExcuses()
         {.rule = host::Rule::StatusMismatch,
          .detail = "IRP_MJ_DEVICE_CONTROL",
          .reason = "four private controls return success whatever they completed with",
-         .matches = HidesItsStatus}};
+         .matches = HidesItsStatus},
+        {.rule = host::Rule::PowerMayNotFail,
+         .detail = "IRP_MN_SET_POWER",
+         .reason = "a device that is not started fails power requests",
+         .matches = [](const host::Finding& finding) {
+             return finding.text.find("0xc0000184") != std::string::npos;
+         }}};
 }
 
 } // namespace navox_test
