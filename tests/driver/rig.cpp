@@ -206,20 +206,19 @@ std::vector<std::string> Rig::TakeBusLog()
 
 std::vector<host::Excuse> KnownExcuses()
 {
-    return {
-        {.rule = host::Rule::WorkItemLeak,
-         .reason = "the reader's work item is not freed",
-         .matches = [](const host::Finding& finding) { return finding.detail.starts_with("ReaderDpc"); }},
-        {.rule = host::Rule::StatusMismatch,
-         .detail = "IRP_MJ_DEVICE_CONTROL",
-         .reason = "four private controls return success whatever they completed with",
-         .matches = HidesItsStatus},
-        {.rule = host::Rule::PowerMayNotFail,
-         .detail = "IRP_MN_SET_POWER",
-         .reason = "a device that is not started fails power requests",
-         .matches = [](const host::Finding& finding) {
-             return finding.text.find("0xc0000184") != std::string::npos;
-         }}};
+    return {{.rule = host::Rule::WorkItemLeak,
+             .reason = "the reader's work item is not freed",
+             .matches = [](const host::Finding& finding) { return finding.detail.starts_with("ReaderDpc"); }},
+            {.rule = host::Rule::StatusMismatch,
+             .detail = "IRP_MJ_DEVICE_CONTROL",
+             .reason = "four private controls return success whatever they completed with",
+             .matches = HidesItsStatus},
+            {.rule = host::Rule::PowerMayNotFail,
+             .detail = "IRP_MN_SET_POWER",
+             .reason = "a device that is not started fails power requests",
+             .matches = [](const host::Finding& finding) {
+                 return finding.text.find("0xc0000184") != std::string::npos;
+             }}};
 }
 
 } // namespace navox_test
