@@ -24,7 +24,8 @@ typedef enum _DEVICE_POWER_STATE {
 } DEVICE_POWER_STATE,
     *PDEVICE_POWER_STATE;
 
-typedef enum _POWER_STATE_TYPE { SystemPowerState, DevicePowerState } POWER_STATE_TYPE, *PPOWER_STATE_TYPE;
+// A request may say something else.
+typedef enum _POWER_STATE_TYPE : int { SystemPowerState, DevicePowerState } POWER_STATE_TYPE, *PPOWER_STATE_TYPE;
 
 typedef union _POWER_STATE {
     SYSTEM_POWER_STATE SystemState;
