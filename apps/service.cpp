@@ -50,6 +50,9 @@ SystemOptions MakeSystemOptions(const Options& options)
     system.kernel.policy = host::Policy::Record;
     system.kernel.guard_pages = false; // a page for each lost work item is too much in a long run
     system.kernel.keep_events = !options.trace.empty();
+    system.kernel.on_finding = [](const host::Finding& finding) {
+        spdlog::error("the verifier has found {}: {}", host::NameOf(finding.rule), finding.text);
+    };
     system.kernel.echo_debug_prints = options.log_level <= spdlog::level::debug;
     system.registry_file = options.registry;
     system.port_name = options.port.value_or(kDefaultPort);
@@ -172,15 +175,15 @@ int Service::Finish()
     ptys_.clear();
     clients_.CloseAll();
     status_.reset();
-    const bool unloaded = system_->Unload();
-    const std::vector<host::Finding> findings = system_->Findings();
-    std::fputs(FormatSummary(clients_.Totals(), system_->Module().Look(), findings).c_str(), stderr);
+    if (!system_->Unload())
+        throw std::runtime_error("the driver cannot be unloaded: its device has not gone");
     if (!options_.registry.empty())
         system_->SaveRegistry(options_.registry);
     if (!options_.trace.empty())
         system_->SaveTrace(options_.trace);
-    if (!unloaded)
-        throw std::runtime_error("the driver cannot be unloaded: its device has not gone");
+    system_->End();
+    const std::vector<host::Finding> findings = system_->Findings();
+    std::fputs(FormatSummary(clients_.Totals(), system_->Module().Look(), findings).c_str(), stderr);
     return findings.empty() ? 0 : 1;
 }
 

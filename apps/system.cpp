@@ -23,13 +23,6 @@ host::CmRegistry& Registry()
     return host::ConfigurationManager::Current().Registry();
 }
 
-host::KernelOptions WithExcuses(host::KernelOptions options)
-{
-    for (host::Excuse& excuse : KeptOnPurpose())
-        options.excuses.push_back(std::move(excuse));
-    return options;
-}
-
 } // namespace
 
 std::vector<host::Excuse> KeptOnPurpose()
@@ -37,8 +30,24 @@ std::vector<host::Excuse> KeptOnPurpose()
     return {{host::Rule::WorkItemLeak, "", "the reader's work item is never freed"}};
 }
 
+// Adds the excuses, and keeps a copy of each finding that outlives the kernel.
+host::KernelOptions System::Complete(host::KernelOptions options)
+{
+    for (host::Excuse& excuse : KeptOnPurpose())
+        options.excuses.push_back(std::move(excuse));
+    options.on_finding = [this, tell = std::move(options.on_finding)](const host::Finding& finding) {
+        {
+            const std::lock_guard lock(findings_mutex_);
+            findings_.push_back(finding);
+        }
+        if (tell)
+            tell(finding);
+    };
+    return options;
+}
+
 System::System(SystemOptions options)
-    : kernel_(std::make_unique<host::Kernel>(WithExcuses(std::move(options.kernel)))),
+    : kernel_(std::make_unique<host::Kernel>(Complete(std::move(options.kernel)))),
       module_(std::make_shared<module::GpsModule>(std::move(options.module), std::move(options.source)))
 {
     if (!options.registry_file.empty()) {
@@ -92,9 +101,10 @@ std::string System::PortState() const
     return node_ != nullptr ? host::PnpStateName(node_->state) : "absent";
 }
 
-std::vector<host::Finding> System::Findings()
+std::vector<host::Finding> System::Findings() const
 {
-    return kernel_->GetVerifier().Findings();
+    const std::lock_guard lock(findings_mutex_);
+    return findings_;
 }
 
 void System::SaveRegistry(const std::string& file)

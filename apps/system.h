@@ -8,6 +8,7 @@
 #include "usbd/usb_bus.h"
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -46,18 +47,25 @@ class System {
     // Waits until the device has gone, and unloads the driver, which is then audited. False when it cannot be
     // unloaded. Every handle must be closed.
     [[nodiscard]] bool Unload();
+    // Ends the kernel, which audits what is left. Of no use after it is all but Module and Findings.
+    void End() { kernel_.reset(); }
 
     host::Kernel& Kernel() { return *kernel_; }
     module::GpsModule& Module() { return *module_; }
     const std::string& PortName() const { return port_name_; } // as the registry has it, once plugged
     std::string PortState() const;                             // of the device, in the PnP manager's words
-    std::vector<host::Finding> Findings();
+    // What the verifier has found up to now, under a policy that records it. From any thread.
+    std::vector<host::Finding> Findings() const;
 
     // Throws std::runtime_error.
     void SaveRegistry(const std::string& file);
     void SaveTrace(const std::string& file);
 
   private:
+    host::KernelOptions Complete(host::KernelOptions options);
+
+    mutable std::mutex findings_mutex_;
+    std::vector<host::Finding> findings_;
     std::unique_ptr<host::Kernel> kernel_;
     std::shared_ptr<module::GpsModule> module_;
     host::UsbPortPtr port_;
