@@ -139,19 +139,31 @@ NTSTATUS WriteOpenHandles(DEVICE_EXTENSION* extension, ULONG count)
     return status;
 }
 
+void CancelClientRequests(DEVICE_EXTENSION* extension, CLIENT* client)
+{
+    LIST_ENTRY cancelled;
+    InitializeListHead(&cancelled);
+    TakeClientRequests(client, &cancelled);
+    CompleteAllCounted(extension, &cancelled);
+}
+
 void CancelAllClientRequests(DEVICE_EXTENSION* extension)
 {
     {
-        // Orders the flag before the walk: a request that was admitted before either sees it or is found
-        // below.
+        // Orders the flag before the walk: a request that was admitted before either sees it or is found below.
         CancelLockGuard cancelLock;
         extension->RequestsCancelled = TRUE;
     }
-    // The mutex alone keeps the clients in place, so that their requests complete under no spin lock.
-    FastMutexGuard mutex(&extension->ClientListMutex);
-    for (PLIST_ENTRY entry = extension->ClientList.Flink; entry != &extension->ClientList;
-         entry = entry->Flink)
-        CancelClientRequests(extension->Self, ClientFromEntry(entry));
+    // Completed behind the lock: with its last request gone, a client may be closed in this very thread.
+    LIST_ENTRY cancelled;
+    InitializeListHead(&cancelled);
+    {
+        SpinLockGuard lock(&extension->ClientListLock);
+        PLIST_ENTRY head = &extension->ClientList;
+        for (PLIST_ENTRY entry = head->Flink; entry != head; entry = entry->Flink)
+            TakeClientRequests(ClientFromEntry(entry), &cancelled);
+    }
+    CompleteAllCounted(extension, &cancelled);
 }
 
 NTSTATUS NTAPI CreateDispatch(PDEVICE_OBJECT device, PIRP irp)
@@ -180,8 +192,9 @@ NTSTATUS NTAPI CreateDispatch(PDEVICE_OBJECT device, PIRP irp)
 
 NTSTATUS NTAPI CleanupDispatch(PDEVICE_OBJECT device, PIRP irp)
 {
-    const PendingIo pending(GetExtension(device));
-    CancelClientRequests(device, ClientOf(irp));
+    DEVICE_EXTENSION* extension = GetExtension(device);
+    const PendingIo pending(extension);
+    CancelClientRequests(extension, ClientOf(irp));
     return CompleteRequest(irp, STATUS_SUCCESS);
 }
 

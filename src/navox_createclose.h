@@ -24,5 +24,8 @@ ULONG CountClients(DEVICE_EXTENSION* extension) _Requires_lock_held_(extension->
 // Stores the number of open clients as "OpenHandles" in the hardware key. PASSIVE_LEVEL.
 NTSTATUS WriteOpenHandles(DEVICE_EXTENSION* extension, ULONG count);
 
+// Cancels the client's requests, queued and current. PASSIVE_LEVEL.
+void CancelClientRequests(DEVICE_EXTENSION* extension, CLIENT* client);
+
 // Cancels the requests of every client, and every one that would begin to wait from now on. PASSIVE_LEVEL.
 void CancelAllClientRequests(DEVICE_EXTENSION* extension);

@@ -183,8 +183,7 @@ void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes)
                 InsertTailList(&finished, &wait->Tail.Overlay.ListEntry);
         }
     }
-    while (!IsListEmpty(&finished))
-        CompleteCounted(extension, CONTAINING_RECORD(RemoveHeadList(&finished), IRP, Tail.Overlay.ListEntry));
+    CompleteAllCounted(extension, &finished);
 }
 
 void NTAPI ReaderDpc(PKDPC, PVOID context, PVOID, PVOID)

@@ -36,11 +36,17 @@ void LeaveDirectFill(CLIENT* client, PIRP irp)
     DropReference(irp, kReferenceReader);
 }
 
+// A racing interval check learns of the cancel.
+void LeaveCancelled(CLIENT* client, PIRP irp)
+{
+    client->CountOnLastRead = kReadCancelled;
+    LeaveDirectFill(client, irp);
+}
+
 NAVOX_HANDS_LOCK_OVER void NTAPI CancelCurrentRead(PDEVICE_OBJECT, PIRP irp)
 {
     auto* client = static_cast<CLIENT*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
-    client->CountOnLastRead = kReadCancelled;
-    CompleteCurrent(client, LeaveDirectFill, irp->CancelIrql, STATUS_CANCELLED, ReadSlot, kReferenceCancel);
+    CompleteCurrent(client, LeaveCancelled, irp->CancelIrql, STATUS_CANCELLED, ReadSlot, kReferenceCancel);
 }
 
 void ArmTimers(CLIENT* client, PIRP irp, const ReadPlan& plan)
@@ -136,7 +142,7 @@ NTSTATUS StartRead(CLIENT* client)
 
 } // namespace
 
-const REQUEST_SLOT ReadSlot = {&CLIENT::CurrentReadIrp, &CLIENT::ReadQueue, true, StartRead};
+const REQUEST_SLOT ReadSlot = {&CLIENT::CurrentReadIrp, &CLIENT::ReadQueue, true, LeaveCancelled, StartRead};
 
 bool IsErrorAborted(const DEVICE_EXTENSION* extension, PIRP irp)
 {

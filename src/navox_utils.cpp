@@ -319,42 +319,48 @@ NAVOX_HANDS_LOCK_OVER void NTAPI CancelQueued(PDEVICE_OBJECT device, PIRP irp)
     CompleteCounted(GetExtension(device), irp);
 }
 
-// Cancels the request as IoCancelIrp would. Entered with the cancel spin lock, which is released.
-NAVOX_HANDS_LOCK_OVER static void CancelThroughItsRoutine(PDEVICE_OBJECT device, PIRP irp, KIRQL cancelIrql)
+// Takes the requests that are still queued, oldest first. Cancel spin lock held.
+static void TakeQueued(LIST_ENTRY* queue, LIST_ENTRY* cancelled)
 {
-    irp->Cancel = TRUE;
-    const PDRIVER_CANCEL routine = IoSetCancelRoutine(irp, nullptr);
-    if (routine == nullptr) { // current, and not waiting
-        IoReleaseCancelSpinLock(cancelIrql);
+    while (!IsListEmpty(queue)) {
+        const PIRP irp = CONTAINING_RECORD(RemoveHeadList(queue), IRP, Tail.Overlay.ListEntry);
+        IoSetCancelRoutine(irp, nullptr);
+        irp->Cancel = TRUE;
+        irp->IoStatus.Status = STATUS_CANCELLED;
+        irp->IoStatus.Information = 0;
+        InsertTailList(cancelled, &irp->Tail.Overlay.ListEntry);
+    }
+}
+
+// Takes the current request if it waits; one that does not is marked and sees to it itself. Cancel spin lock held.
+static void TakeCurrent(CLIENT* client, const REQUEST_SLOT& slot, LIST_ENTRY* cancelled)
+{
+    PIRP irp = client->*slot.Current;
+    if (irp == nullptr)
         return;
-    }
-    irp->CancelIrql = cancelIrql;
-    routine(device, irp);
+    irp->Cancel = TRUE;
+    if (IoSetCancelRoutine(irp, nullptr) == nullptr)
+        return;
+    irp = ReleaseReference(client, slot.Leave, STATUS_CANCELLED, slot, kReferenceCancel);
+    if (irp != nullptr)
+        InsertTailList(cancelled, &irp->Tail.Overlay.ListEntry);
 }
 
-// Queued requests first, oldest first, then the current one.
-NAVOX_HANDS_LOCK_OVER static void CancelQueueAndCurrent(PDEVICE_OBJECT device, LIST_ENTRY* queue,
-                                                        PIRP* current)
+void TakeClientRequests(CLIENT* client, LIST_ENTRY* cancelled)
 {
-    KIRQL irql;
-    IoAcquireCancelSpinLock(&irql);
-    while (queue != nullptr && !IsListEmpty(queue)) {
-        // Its routine takes it off the queue.
-        CancelThroughItsRoutine(device, CONTAINING_RECORD(queue->Flink, IRP, Tail.Overlay.ListEntry), irql);
-        IoAcquireCancelSpinLock(&irql);
-    }
-    if (current != nullptr && *current != nullptr)
-        CancelThroughItsRoutine(device, *current, irql);
-    else
-        IoReleaseCancelSpinLock(irql);
+    CancelLockGuard cancelLock;
+    TakeQueued(&client->ReadQueue, cancelled);
+    TakeCurrent(client, ReadSlot, cancelled);
+    TakeQueued(&client->MaskQueue, cancelled);
+    TakeCurrent(client, MaskSlot, cancelled);
+    TakeCurrent(client, WaitSlot, cancelled);
+    TakeQueued(&client->DeferredQueue, cancelled);
 }
 
-void CancelClientRequests(PDEVICE_OBJECT device, CLIENT* client)
+void CompleteAllCounted(DEVICE_EXTENSION* extension, LIST_ENTRY* requests)
 {
-    CancelQueueAndCurrent(device, &client->ReadQueue, &client->CurrentReadIrp);
-    CancelQueueAndCurrent(device, &client->MaskQueue, &client->CurrentMaskIrp);
-    CancelQueueAndCurrent(device, nullptr, &client->CurrentWaitIrp);
-    CancelQueueAndCurrent(device, &client->DeferredQueue, nullptr);
+    while (!IsListEmpty(requests))
+        CompleteCounted(extension, CONTAINING_RECORD(RemoveHeadList(requests), IRP, Tail.Overlay.ListEntry));
 }
 
 // Time-out timers -----------------------------------------------------------------------------------------

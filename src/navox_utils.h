@@ -131,19 +131,20 @@ inline void DropReference(PIRP irp, ULONG_PTR reference)
     SetReferences(irp, References(irp) & ~reference);
 }
 
+// Takes the request away from the fan-out. Runs under the cancel spin lock and, inside it, the client lock.
+using LeaveRoutine = void(CLIENT* client, PIRP irp);
+
 // A place for a current request, and what goes with it.
 struct REQUEST_SLOT {
     PIRP CLIENT::*Current;
     LIST_ENTRY CLIENT::*Queue;         // none for the wait: mask requests queue behind CurrentMaskIrp
     bool HasTimers;                    // the client's IntervalTimer and TotalTimer belong to it
+    LeaveRoutine* Leave;               // what a cancel does first; none for requests that never wait
     NTSTATUS (*Start)(CLIENT* client); // serves the current request and those behind it
 };
 extern const REQUEST_SLOT ReadSlot; // navox_read
 extern const REQUEST_SLOT MaskSlot; // navox_write
 extern const REQUEST_SLOT WaitSlot; // navox_write
-
-// Takes the request away from the fan-out. Runs under the cancel spin lock and, inside it, the client lock.
-using LeaveRoutine = void(CLIENT* client, PIRP irp);
 
 // Whether the request must not begin to wait: it was cancelled, or the device is going. Cancel spin lock
 // held.
@@ -177,8 +178,12 @@ void CompleteCurrent(CLIENT* client, LeaveRoutine* leave, KIRQL cancelIrql, NTST
 // Cancels a request that is still queued. Entered with the cancel spin lock, which it releases.
 DRIVER_CANCEL CancelQueued;
 
-// Cancels every request of the client, queued and current, through its own cancel routine. IRQL <= APC_LEVEL.
-void CancelClientRequests(PDEVICE_OBJECT device, CLIENT* client);
+// Cancels every request of the client, queued and current, as its own cancel routine would, but for the completion:
+// that is left to CompleteAllCounted, when no lock is held. IRQL <= DISPATCH_LEVEL.
+void TakeClientRequests(CLIENT* client, LIST_ENTRY* cancelled);
+
+// CompleteCounted for each request of the list.
+void CompleteAllCounted(DEVICE_EXTENSION* extension, LIST_ENTRY* requests);
 
 // Time-out timers -----------------------------------------------------------------------------------------
 //

@@ -134,8 +134,8 @@ NTSTATUS StartMask(CLIENT* client)
 
 } // namespace
 
-const REQUEST_SLOT MaskSlot = {&CLIENT::CurrentMaskIrp, &CLIENT::MaskQueue, false, StartMask};
-const REQUEST_SLOT WaitSlot = {&CLIENT::CurrentWaitIrp, nullptr, false, nullptr};
+const REQUEST_SLOT MaskSlot = {&CLIENT::CurrentMaskIrp, &CLIENT::MaskQueue, false, nullptr, StartMask};
+const REQUEST_SLOT WaitSlot = {&CLIENT::CurrentWaitIrp, nullptr, false, LeaveWait, nullptr};
 
 NTSTATUS NTAPI WriteDispatch(PDEVICE_OBJECT device, PIRP irp)
 {

@@ -51,10 +51,10 @@ bool IopActor::IsCurrent() const
     return body_ != nullptr && body_ == KiCurrentThread();
 }
 
-bool IopActor::Idle() const
+bool IopActor::NothingWaits() const
 {
     const MutexLock lock(mutex_);
-    return tasks_.empty() && !busy_;
+    return tasks_.empty();
 }
 
 void IopActor::Stop()
@@ -80,8 +80,7 @@ void IopActor::Body()
         {
             const MutexLock lock(mutex_);
             body_ = KiCurrentThread();
-            busy_ = !tasks_.empty();
-            if (busy_) {
+            if (!tasks_.empty()) {
                 task = std::move(tasks_.front());
                 tasks_.pop_front();
             } else if (stop_) {

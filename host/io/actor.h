@@ -25,8 +25,8 @@ class IopActor {
     // Posts and waits for the end of the task; runs it at once when called from the actor. PASSIVE_LEVEL.
     void Run(const std::function<void()>& task);
     bool IsCurrent() const;
-    // No task waits or runs.
-    bool Idle() const;
+    // No task waits; one may run.
+    bool NothingWaits() const;
     // Finishes what was posted and ends the thread. Not from the actor itself.
     void Stop();
 
@@ -36,7 +36,6 @@ class IopActor {
     const std::string name_;
     mutable Mutex mutex_;
     std::deque<std::function<void()>> tasks_ HOST_GUARDED_BY(mutex_);
-    bool busy_ HOST_GUARDED_BY(mutex_) = false;
     bool started_ HOST_GUARDED_BY(mutex_) = false;
     bool stop_ HOST_GUARDED_BY(mutex_) = false;
     Thread* body_ HOST_GUARDED_BY(mutex_) = nullptr;

@@ -425,8 +425,10 @@ NTSTATUS PnpManager::Enable(const PnpNodePtr& node)
 
 void PnpManager::Settle()
 {
-    while (!actor_.Idle())
-        actor_.Run([] {});
+    // Seen from the actor itself, with nothing behind it in the queue, all that came before is done.
+    bool settled = false;
+    while (!settled)
+        actor_.Run([&] { settled = actor_.NothingWaits(); });
 }
 
 std::vector<PnpNodePtr> PnpManager::Nodes()
