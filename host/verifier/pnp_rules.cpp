@@ -99,7 +99,8 @@ void VfDriverLoaded(PDRIVER_OBJECT driver)
     if (driver->DriverExtension->AddDevice == nullptr)
         return; // not a Plug and Play driver
     for (UCHAR major : {IRP_MJ_PNP, IRP_MJ_POWER, IRP_MJ_SYSTEM_CONTROL}) {
-        if (driver->MajorFunction[major] == &IopInvalidDeviceRequest)
+        const PDRIVER_DISPATCH routine = driver->MajorFunction[major];
+        if (routine == nullptr || routine == &IopInvalidDeviceRequest)
             VfReport(Rule::DispatchMissing, IopMajorName(major),
                      IopDriverName(driver) + " has no routine for " + IopMajorName(major));
     }

@@ -5,6 +5,7 @@
 #include "scripted_driver.h"
 
 #include "io/pnp_manager.h"
+#include "po/power_manager.h"
 #include "usbd/usb_bus.h"
 #include "usbd/usb_port.h"
 
