@@ -1,0 +1,513 @@
+// The continuous reader: how it makes the module talk, what it brings to the clients, and what ends it.
+#include "rig.h"
+
+#include "usbd/usb_port.h"
+
+#include <algorithm>
+#include <deque>
+
+namespace navox_test {
+namespace {
+
+using host::FaultAction;
+using host::FaultPoint;
+using host::nt::Request;
+using module::AnswerFault;
+using module::PacketFault;
+using module::Pipe;
+using Strings = std::vector<std::string>;
+
+constexpr std::uint8_t kBulkIn = 0x82;
+constexpr host::Time kTick = 16 * kMillisecond; // of the clock, rounded up
+
+// A module that answers each command with the packets it was told to, and is silent when it was not told.
+class ScriptedModule : public module::GpsModule {
+  public:
+    explicit ScriptedModule(std::vector<Strings> answers) : GpsModule(Mute()), answers_(std::move(answers)) {}
+
+    // A packet that comes without being asked for.
+    void Send(std::string packet) { packets_.push_back(std::move(packet)); }
+
+    module::Packet In(std::uint8_t endpoint) override
+    {
+        if (endpoint != kBulkIn)
+            return GpsModule::In(endpoint);
+        for (; heard_ < Look().at_command_count && heard_ < answers_.size(); ++heard_)
+            packets_.insert(packets_.end(), answers_[heard_].begin(), answers_[heard_].end());
+        if (packets_.empty())
+            return {};
+        const std::string packet = packets_.front();
+        packets_.pop_front();
+        return {module::Handshake::Ack, {packet.begin(), packet.end()}};
+    }
+
+  private:
+    static module::GpsModuleOptions Mute()
+    {
+        module::GpsModuleOptions options;
+        options.echo = false;
+        options.faults.answers = {{.kind = AnswerFault::Kind::Nothing, .times = 1'000'000}};
+        return options;
+    }
+
+    const std::vector<Strings> answers_; // to the first command, the second ...
+    std::size_t heard_ = 0;
+    std::deque<std::string> packets_;
+};
+
+RigOptions WithoutModule()
+{
+    RigOptions options;
+    options.plug = false;
+    return options;
+}
+
+// A machine with a scripted module.
+struct Conversation {
+    explicit Conversation(std::vector<Strings> answers) : rig(WithoutModule())
+    {
+        rig.module = device = std::make_shared<ScriptedModule>(std::move(answers));
+        rig.usb_port = host::UsbBus::Current().Plug(device);
+        host::PnpManager::Current().Settle();
+    }
+    void Send(std::string packet)
+    {
+        device->Send(std::move(packet));
+        host::UsbBus::Current().Ports().front()->Poke();
+    }
+
+    std::shared_ptr<ScriptedModule> device;
+    Rig rig;
+};
+
+// What the reader has on the bus since the log was emptied: "reset 02", "command", "answer" (a read of one packet),
+// "stream" (a transfer of 4096 bytes), "abort 82", "line" for each set-up request.
+Strings ReaderLog()
+{
+    Strings log;
+    for (const host::UsbRequest& request : host::UsbBus::Current().Log()) {
+        const std::string end = request.endpoint == kBulkIn ? " 82" : " 02";
+        switch (request.function) {
+        case URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL: log.push_back("reset" + end); break;
+        case URB_FUNCTION_ABORT_PIPE: log.push_back("abort" + end); break;
+        case URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER:
+            log.push_back(request.endpoint != kBulkIn ? "command"
+                          : request.length == 4096    ? "stream"
+                                                      : "answer");
+            break;
+        default: log.push_back("line"); break;
+        }
+    }
+    return log;
+}
+
+const Strings kAsk = {"reset 02", "reset 82", "command"};
+
+Strings operator+(Strings a, const Strings& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// The exchange -----------------------------------------------------------------------------------------------
+
+struct Exchange {
+    int number;
+    std::vector<Strings> answers;
+    Strings expected; // on the bus
+};
+
+void PrintTo(const Exchange& c, std::ostream* out)
+{
+    for (const Strings& packets : c.answers)
+        *out << ::testing::PrintToString(packets) << " ";
+}
+
+class Exchanges : public ::testing::TestWithParam<Exchange> {};
+
+TEST_P(Exchanges, GoOnUntilTheModuleAgrees)
+{
+    Conversation conversation(GetParam().answers);
+    const Port port = conversation.rig.Open();
+    host::UsbBus::Current().ClearLog();
+    conversation.rig.RunFor(1'520 * kMillisecond);
+    EXPECT_EQ(ReaderLog(), GetParam().expected);
+
+    // What came with the answer is gone; what comes now is for the clients.
+    conversation.Send("$GPTXT,1\r\n");
+    EXPECT_EQ(port.Read(42).Text(), std::string(kEmptyFix) + "$GPTXT,1\r\n");
+}
+
+const std::string kOk = "\r\nOK\r\n";
+const std::string kError = "\r\nERROR\r\n";
+const std::string kEcho = "AT*Q7GPSNPD\r";
+using std::string_literals::operator""s;
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, Exchanges,
+    ::testing::Values(
+        Exchange{1, {{kOk}}, kAsk + Strings{"answer", "stream"}},
+        Exchange{2, {{kEcho, kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
+        Exchange{3, {{"$GPGGA,already,streaming\r\n"}}, kAsk + Strings{"answer", "stream"}},
+        Exchange{4, {{"$"}}, kAsk + Strings{"answer", "stream"}},
+        Exchange{5, {{kOk + "$GPGGA,in,the,same,packet\r\n"}}, kAsk + Strings{"answer", "stream"}},
+        // Refused, and tried again at once.
+        Exchange{6, {{kError}, {kOk}}, kAsk + Strings{"answer"} + kAsk + Strings{"answer", "stream"}},
+        Exchange{7,
+                 {{kEcho, kError}, {kError}, {"$GPGGA"}},
+                 kAsk + Strings{"answer", "answer"} + kAsk + Strings{"answer"} + kAsk +
+                     Strings{"answer", "stream"}},
+        // What begins otherwise is no answer.
+        Exchange{8, {{"OK\r\n", kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
+        Exchange{9, {{"\r\nO", "K\r\n", "$"}}, kAsk + Strings{"answer", "answer", "answer", "stream"}},
+        Exchange{10, {{"\r\nERROR", "\r\n", kOk}}, kAsk + Strings{"answer", "answer", "answer", "stream"}},
+        Exchange{11, {{kEcho + kOk, kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
+        Exchange{12,
+                 {{"\xFF\x00\x01"s + kOk, "\0"s + kOk, kOk}},
+                 kAsk + Strings{"answer", "answer", "answer", "stream"}},
+        Exchange{
+            13, {{"", "", kOk}}, kAsk + Strings{"answer", "answer", "answer", "stream"}}, // empty packets
+        Exchange{14, {{std::string(512, 'x'), kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
+        Exchange{15, {{" $GPGGA", kOk}}, kAsk + Strings{"answer", "answer", "stream"}}),
+    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+
+TEST(Exchange, BeginsOneAndAHalfSecondsAfterTheFirstOpen)
+{
+    Conversation conversation({{kOk}});
+    const Port port = conversation.rig.Open();
+    const host::Time opened = conversation.rig.kernel.InterruptTime();
+    host::UsbBus::Current().ClearLog();
+    conversation.rig.RunFor(2 * kSecond);
+    const auto log = host::UsbBus::Current().Log();
+    ASSERT_GE(log.size(), 4U);
+    EXPECT_GE(log[0].submitted - opened, 1'500 * kMillisecond);
+    EXPECT_LE(log[0].submitted - opened, 1'500 * kMillisecond + kTick);
+    EXPECT_EQ(log[2].length, 13U); // the command, without a terminator
+    EXPECT_EQ(log[3].length, 512U);
+}
+
+// Seven seconds, then the pipe is aborted, the read comes back, and the next round asks again.
+TEST(Exchange, WithASilentModuleIsGivenUpAfterSevenSecondsAndTriedAgain)
+{
+    Conversation conversation({{}, {kEcho}, {kOk}});
+    const Port port = conversation.rig.Open();
+    host::UsbBus::Current().ClearLog();
+    conversation.rig.RunFor(30 * kSecond);
+    const Strings expected = kAsk + Strings{"answer", "abort 82"} + kAsk +
+                             Strings{"answer", "answer", "abort 82"} + kAsk + Strings{"answer", "stream"};
+    EXPECT_EQ(ReaderLog(), expected);
+    const auto log = host::UsbBus::Current().Log();
+    const host::UsbRequest& answer = log[3];
+    const host::UsbRequest& abort = log[4];
+    EXPECT_GE(abort.submitted - answer.submitted, 7 * kSecond);
+    EXPECT_LE(abort.submitted - answer.submitted, 7 * kSecond + kTick);
+    EXPECT_EQ(answer.usbd_status, USBD_STATUS_CANCELED);
+    EXPECT_GE(answer.completed, abort.submitted);
+    EXPECT_GE(log[5].submitted, answer.completed);
+    EXPECT_GE(log[10].submitted - log[9].submitted, 7 * kSecond); // each read has its own seven seconds
+}
+
+TEST(Exchange, WithAModuleThatNeverSpeaksGoesOnForeverAndEndsWithTheLastClose)
+{
+    Conversation conversation({});
+    Port port = conversation.rig.Open();
+    conversation.rig.RunFor(1'500 * kMillisecond + 70 * kSecond);
+    const Strings log = ReaderLog();
+    EXPECT_EQ(std::ranges::count(log, "command"), 10);
+    port.Close();
+    conversation.rig.RunFor(30 * kSecond);
+    host::UsbBus::Current().ClearLog();
+    conversation.rig.RunFor(30 * kSecond);
+    EXPECT_TRUE(ReaderLog().empty());
+}
+
+// The command is not checked by itself: the module's silence tells.
+TEST(Exchange, OvercomesACommandThatWasStalled)
+{
+    RigOptions options;
+    options.module.faults.packets = {{.kind = PacketFault::Kind::Stall, .pipe = Pipe::BulkOut}};
+    Rig rig(options);
+    const Port port = rig.Open();
+    EXPECT_FALSE(rig.kernel.RunUntil([&] { return rig.module->Look().nmea_flowing; }, 8 * kSecond));
+    EXPECT_TRUE(rig.kernel.RunUntil([&] { return rig.module->Look().nmea_flowing; }, kSecond));
+}
+
+TEST(Exchange, OvercomesAnAnswerThatWasStalled)
+{
+    for (const unsigned nth : {1U, 2U}) {
+        RigOptions options;
+        options.module.faults.packets = {
+            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::BulkIn, .nth = nth}};
+        Rig rig(options);
+        host::UsbBus::Current().ClearLog();
+        const Port port = rig.OpenStreaming();
+        rig.RunFor(kSecond);
+        const Strings log = ReaderLog();
+        EXPECT_EQ(std::ranges::count(log, "command"), 2) << nth;
+        EXPECT_EQ(std::ranges::count(log, "abort 82"), 0) << nth;
+        EXPECT_EQ(log.back(), "stream");
+    }
+}
+
+TEST(Exchange, IsRepeatedWhenMemoryIsShort)
+{
+    for (const char* tag : {"NxAt", "NxAp", "NxAr"}) {
+        Rig rig;
+        rig.kernel.Faults().Arm(FaultPoint::PoolAllocate, {.detail = tag});
+        const Port port = rig.OpenStreaming();
+        EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::PoolAllocate), 1U) << tag;
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 20 * kSecond)) << tag;
+    }
+}
+
+TEST(Exchange, WaitsForAModuleThatIsLate)
+{
+    RigOptions options;
+    options.module.faults.answers = {{.kind = AnswerFault::Kind::Late, .delay = 6 * kSecond}};
+    Rig rig(options);
+    const Port port = rig.Open();
+    EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 10 * kSecond));
+    EXPECT_EQ(std::ranges::count(ReaderLog(), "abort 82"), 0);
+}
+
+// Who closes and opens again while the module is being asked must not have it asked twice at a time.
+TEST(Exchange, IsNeverHeldTwiceAtATime)
+{
+    Conversation conversation({{}, {kOk}});
+    Rig& rig = conversation.rig;
+    Port port = rig.Open();
+    rig.RunFor(3 * kSecond); // the exchange runs until 8.5 s
+    port.Close();
+    rig.RunFor(kSecond);
+    port = rig.Open();
+    rig.RunFor(30 * kSecond);
+    host::Time free = 0; // when the data pipes were last free
+    for (const host::UsbRequest& request : host::UsbBus::Current().Log()) {
+        if (request.function != URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER)
+            continue;
+        EXPECT_GE(request.submitted, free) << "request " << request.number;
+        free = request.done ? request.completed : rig.kernel.InterruptTime();
+    }
+    EXPECT_EQ(ReaderLog().back(), "stream");
+}
+
+// Fan-out ----------------------------------------------------------------------------------------------------
+
+std::string Line(int number)
+{
+    return "$GPTXT," + std::to_string(1'000'000 + number) + "\r\n";
+}
+
+std::string Lines(int from, int to)
+{
+    std::string text;
+    for (int i = from; i < to; ++i)
+        text += Line(i);
+    return text;
+}
+
+RigOptions Counting(int lines, host::Time every)
+{
+    RigOptions options;
+    options.source = [=] {
+        ScriptedSource::Script script;
+        for (int i = 0; i < lines; ++i)
+            script.bursts.emplace_back((i + 1) * every, Line(i));
+        return std::make_unique<ScriptedSource>(std::move(script));
+    };
+    return options;
+}
+
+TEST(FanOut, GivesTheWholeStreamToEveryClient)
+{
+    constexpr int kClients = 50;
+    constexpr int kLines = 100;
+    Rig rig(Counting(kLines, 50 * kMillisecond));
+    std::vector<Port> ports;
+    for (int i = 0; i < kClients; ++i)
+        ports.push_back(rig.Open());
+    const std::string expected = std::string(kEmptyFix) + Lines(0, kLines);
+    std::vector<std::string> texts(kClients);
+    {
+        std::vector<host::ThreadHandle> threads;
+        for (std::size_t i = 0; i < kClients; ++i)
+            threads.push_back(rig.kernel.Spawn("client " + std::to_string(i), [&, i] {
+                while (texts[i].size() < expected.size())
+                    texts[i] +=
+                        ports[i]
+                            .Read(std::min<std::size_t>(i * 13 + 1, expected.size() - texts[i].size()))
+                            .Text();
+            }));
+    }
+    EXPECT_EQ(std::ranges::count(texts, expected), kClients);
+}
+
+TEST(FanOut, IsNotHeldUpByAClientThatDoesNotRead)
+{
+    constexpr int kLines = 600; // 10 KB
+    Rig rig(Counting(kLines, 20 * kMillisecond));
+    const Port lazy = rig.Open();
+    const Port keen = rig.OpenStreaming();
+    EXPECT_EQ(keen.Read(32).Text(), kEmptyFix);
+    const host::Time start = rig.kernel.InterruptTime();
+    for (int i = 0; i < kLines; ++i) {
+        ASSERT_EQ(keen.Read(Line(i).size()).Text(), Line(i));
+        ASSERT_LE(rig.kernel.InterruptTime() - start, (i + 1) * 20 * kMillisecond + 2 * kTick);
+    }
+    EXPECT_EQ(lazy.InQueue(), 4096U);
+}
+
+TEST(FanOut, BeginsForAClientWhenItOpens)
+{
+    Rig rig(Counting(20, kSecond));
+    const Port first = rig.OpenStreaming();
+    rig.RunFor(5'500 * kMillisecond);
+    const Port second = rig.Open();
+    rig.RunFor(3 * kSecond);
+    EXPECT_EQ(second.Read(32 + 3 * Line(0).size()).Text(), std::string(kEmptyFix) + Lines(5, 8));
+    EXPECT_EQ(first.Read(32 + 8 * Line(0).size()).Text(), std::string(kEmptyFix) + Lines(0, 8));
+}
+
+// Transfers --------------------------------------------------------------------------------------------------
+
+TEST(Transfer, IsOneAtATimeAndOfTheWholeBuffer)
+{
+    Rig rig(Counting(50, 100 * kMillisecond));
+    const Port port = rig.OpenStreaming();
+    host::UsbBus::Current().ClearLog();
+    rig.RunFor(6 * kSecond);
+    const auto log = host::UsbBus::Current().Log();
+    ASSERT_EQ(log.size(), 50U);
+    for (std::size_t i = 0; i < log.size(); ++i) {
+        EXPECT_EQ(log[i].endpoint, kBulkIn);
+        EXPECT_EQ(log[i].length, 4096U);
+        EXPECT_EQ(log[i].done, i + 1 < log.size());
+        if (i > 0) {
+            EXPECT_GE(log[i].submitted, log[i - 1].completed);
+        }
+    }
+}
+
+// No retry and no reset: it is over until the port has been closed by everybody and opened again.
+TEST(Transfer, ThatFailsEndsReadingUntilTheNextFirstOpen)
+{
+    const NTSTATUS statuses[] = {STATUS_UNSUCCESSFUL, STATUS_DEVICE_NOT_CONNECTED,
+                                 STATUS_INSUFFICIENT_RESOURCES, STATUS_IO_TIMEOUT, STATUS_DEVICE_DATA_ERROR};
+    for (const NTSTATUS status : statuses) {
+        Rig rig(Counting(100, 200 * kMillisecond));
+        Port port = rig.OpenStreaming();
+        rig.kernel.Faults().Arm(FaultPoint::BusRequest, {.fault = {.status = status}});
+        rig.RunFor(kSecond);
+        EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::BusRequest), 1U);
+        const ULONG had = port.InQueue();
+        host::UsbBus::Current().ClearLog();
+        Port second = rig.Open(); // not a first open
+        rig.RunFor(5 * kSecond);
+        EXPECT_TRUE(ReaderLog().empty()) << std::hex << status;
+        EXPECT_EQ(port.InQueue(), had);
+        port.Close();
+        second.Close();
+        port = rig.OpenStreaming();
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond))
+            << std::hex << status;
+    }
+}
+
+TEST(Transfer, ThatTheModuleSpoilsEndsReadingUntilTheNextFirstOpen)
+{
+    for (const auto kind : {PacketFault::Kind::Stall, PacketFault::Kind::Babble}) {
+        RigOptions options = Counting(100, 200 * kMillisecond);
+        options.module.faults.packets = {
+            {.kind = kind, .pipe = Pipe::BulkIn, .nth = 6}}; // echo, OK, four lines
+        Rig rig(options);
+        Port port = rig.OpenStreaming();
+        port.SetTimeouts(0, 0, 2'000);
+        const auto result = port.Read(1000);
+        EXPECT_EQ(result.status, STATUS_TIMEOUT);
+        EXPECT_EQ(result.Text(), std::string(kEmptyFix) + Lines(0, 3));
+        port.Close();
+        port = rig.OpenStreaming();
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond));
+    }
+}
+
+TEST(Transfer, OfNothingDeliversNothingAndTheNextFollows)
+{
+    Conversation conversation({{kOk}});
+    const Port port = conversation.rig.Open();
+    const Request read = port.StartRead(40);
+    conversation.rig.RunFor(2 * kSecond);
+    conversation.Send("");
+    conversation.Send("");
+    conversation.rig.RunFor(kSecond);
+    EXPECT_FALSE(read.Done());
+    EXPECT_EQ(std::ranges::count(ReaderLog(), "stream"), 3);
+    conversation.Send("12345678");
+    EXPECT_EQ(read.Wait().Text(), std::string(kEmptyFix) + "12345678");
+}
+
+TEST(Transfer, WithoutMemoryEndsReadingUntilTheNextFirstOpen)
+{
+    struct {
+        FaultPoint point;
+        const char* tag;
+    } const faults[] = {{FaultPoint::IrpAllocate, ""}, {FaultPoint::PoolAllocate, "NxRu"}};
+    for (const auto& fault : faults) {
+        Rig rig(Counting(100, 200 * kMillisecond));
+        Port port = rig.OpenStreaming();
+        rig.kernel.Faults().Arm(fault.point, {.detail = fault.tag});
+        rig.RunFor(kSecond);
+        EXPECT_EQ(rig.kernel.Faults().Faults(fault.point), 1U);
+        host::UsbBus::Current().ClearLog();
+        rig.RunFor(5 * kSecond);
+        EXPECT_TRUE(ReaderLog().empty());
+        port.Close();
+        port = rig.OpenStreaming();
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond));
+    }
+}
+
+// Without a work item the DPC tries again, and again.
+TEST(Transfer, WaitsForTheMemoryOfItsWorkItem)
+{
+    Rig rig;
+    const Port port = rig.OpenStreaming();
+    rig.kernel.Faults().Arm(FaultPoint::WorkItemAllocate, {.count = 100});
+    EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 1000; }, 20 * kSecond));
+    EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::WorkItemAllocate), 100U);
+}
+
+// The last close takes the transfer back before it tells the module, and what that had is nobody's.
+TEST(Transfer, IsCancelledByTheLastClose)
+{
+    Rig rig(Counting(100, kSecond));
+    Port one = rig.OpenStreaming();
+    Port two = rig.Open();
+    rig.RunFor(500 * kMillisecond);
+    one.Close();
+    EXPECT_FALSE(host::UsbBus::Current().Log().back().done);
+    const host::Time closing = rig.kernel.InterruptTime();
+    two.Close();
+    const auto log = host::UsbBus::Current().Log();
+    const host::UsbRequest& transfer = log[log.size() - 4]; // three requests release the line
+    EXPECT_EQ(transfer.endpoint, kBulkIn);
+    EXPECT_EQ(transfer.usbd_status, USBD_STATUS_CANCELED);
+    EXPECT_EQ(transfer.completed, closing);
+    rig.RunFor(10 * kSecond);
+    EXPECT_EQ(host::UsbBus::Current().Log().size(), log.size());
+}
+
+// A module that stops talking for minutes has not gone away.
+TEST(Transfer, WaitsAsLongAsTheModuleIsSilent)
+{
+    Conversation conversation({{kOk}});
+    const Port port = conversation.rig.Open();
+    conversation.rig.RunFor(24 * 3600 * kSecond);
+    EXPECT_EQ(ReaderLog().back(), "stream");
+    EXPECT_EQ(std::ranges::count(ReaderLog(), "stream"), 1);
+    conversation.Send("good morning");
+    EXPECT_EQ(port.Read(44).Text(), std::string(kEmptyFix) + "good morning");
+}
+
+} // namespace
+} // namespace navox_test
