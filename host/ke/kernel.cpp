@@ -112,7 +112,7 @@ Kernel::~Kernel()
             impl.components_in_order.pop_back();
     }
     impl.scheduler->Release(*impl.main);
-    impl.scheduler.reset();
+    impl.scheduler->Drain();
     impl_.reset();
     g_kernel.store(nullptr);
 }

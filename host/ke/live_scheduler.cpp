@@ -17,7 +17,7 @@ constexpr Time kFarthest = Time{100} * 365 * 86'400 * kSecond;
 
 } // namespace
 
-LiveScheduler::~LiveScheduler()
+void LiveScheduler::Drain()
 {
     while (unfinished_.load() > 0)
         std::this_thread::yield();

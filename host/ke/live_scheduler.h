@@ -11,14 +11,11 @@ namespace host {
 
 class LiveScheduler final : public Scheduler {
   public:
-    LiveScheduler() = default;
-    // Waits until the last thread that Start made has left Finish.
-    ~LiveScheduler() override;
-
     void Adopt(Thread& thread) override;
     void Release(Thread& thread) override;
     void Start(Thread& thread, std::function<void()> entry) override;
     void Finish(Thread& thread) override;
+    void Drain() override;
     bool Block(const WaitReason& reason, Time deadline) override;
     void Wake(Thread& thread) override;
     void SetDeadline(Thread& thread, Time deadline) override;

@@ -57,6 +57,9 @@ class Scheduler {
     // The calling thread runs no more: others do.
     virtual void Finish(Thread& thread) = 0;
 
+    // Until every thread that was started has left Finish for good.
+    virtual void Drain() = 0;
+
     // Blocks the calling thread until Wake or until `deadline` (interrupt time; kForever for none). A Wake
     // that came first is remembered, and may be spurious: callers test their condition in a loop. False:
     // time-out.

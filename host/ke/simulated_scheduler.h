@@ -18,6 +18,7 @@ class SimulatedScheduler final : public Scheduler {
     void Release(Thread& thread) override;
     void Start(Thread& thread, std::function<void()> entry) override;
     void Finish(Thread& thread) override;
+    void Drain() override {} // who finishes hands its turn over as the last thing
     bool Block(const WaitReason& reason, Time deadline) override;
     void Wake(Thread& thread) override;
     void SetDeadline(Thread& thread, Time deadline) override;
