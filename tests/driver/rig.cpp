@@ -218,7 +218,10 @@ std::vector<host::Excuse> KnownExcuses()
              .reason = "a device that is not started fails power requests",
              .matches = [](const host::Finding& finding) {
                  return finding.text.find("0xc0000184") != std::string::npos;
-             }}};
+             }},
+            {.rule = host::Rule::PowerStartedTwice,
+             .detail = "IRP_MN_WAIT_WAKE",
+             .reason = "the next power request is started when a wait-wake is sent and when it ends"}};
 }
 
 } // namespace navox_test
