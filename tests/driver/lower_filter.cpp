@@ -3,6 +3,8 @@
 #include "io/driver.h"
 #include "io/names.h"
 
+#include <usbioctl.h>
+
 namespace navox_test {
 namespace {
 
@@ -90,8 +92,12 @@ NTSTATUS LowerFilter::PassOn(PDEVICE_OBJECT device, PIRP irp) const
     const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     const UCHAR major = location->MajorFunction;
     const bool remove = major == IRP_MJ_PNP && location->MinorFunction == IRP_MN_REMOVE_DEVICE;
-    if (major == IRP_MJ_POWER)
+    if (major == IRP_MJ_POWER) {
+        const auto& power = location->Parameters.Power;
+        if (location->MinorFunction == IRP_MN_SET_POWER && power.Type == DevicePowerState)
+            PoSetPowerState(device, DevicePowerState, power.State);
         PoStartNextPowerIrp(irp);
+    }
     if ((location->Control & SL_PENDING_RETURNED) != 0)
         IoCopyCurrentIrpStackLocationToNext(irp); // it was held: the mark is this driver's
     else
@@ -104,6 +110,20 @@ NTSTATUS LowerFilter::PassOn(PDEVICE_OBJECT device, PIRP irp) const
     return status;
 }
 
+NTSTATUS LowerFilter::DispatchUrb(PDEVICE_OBJECT device, PIRP irp) const
+{
+    const auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters;
+    std::optional<NTSTATUS> status;
+    if (parameters.DeviceIoControl.IoControlCode == IOCTL_INTERNAL_USB_SUBMIT_URB)
+        status = urb_hook_(*static_cast<PURB>(parameters.Others.Argument1));
+    if (!status)
+        return PassOn(device, irp);
+    irp->IoStatus.Status = *status;
+    irp->IoStatus.Information = 0;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return *status;
+}
+
 std::size_t LowerFilter::Held() const
 {
     const std::lock_guard guard(lock_);
@@ -114,6 +134,8 @@ NTSTATUS LowerFilter::Dispatch(PDEVICE_OBJECT device, PIRP irp)
 {
     const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     const UCHAR major = location->MajorFunction;
+    if (major == IRP_MJ_INTERNAL_DEVICE_CONTROL && urb_hook_ != nullptr)
+        return DispatchUrb(device, irp);
     if (major != IRP_MJ_PNP && major != IRP_MJ_POWER)
         return PassOn(device, irp);
     const std::string name = NameOf(*location);
