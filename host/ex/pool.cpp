@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::size_t kAlignment = 16;     // of every block, as on the platform
 constexpr std::size_t kPatternBytes = 128; // before a guarded block
-constexpr int kFreshPattern = 0xa5;        // what a driver finds in new memory
 constexpr int kSlackPattern = 0x5c;
 constexpr std::size_t kQuarantine = 4'096; // blocks
 
@@ -180,7 +179,7 @@ void* Pool::Place(PoolBlock& block)
         if (address == nullptr)
             return nullptr;
     }
-    std::memset(address, kFreshPattern, block.size);
+    std::memset(address, std::to_integer<int>(fresh_fill_.load()), block.size);
     block.address = address;
     block.number = ++last_number_;
     if (guard_) {
@@ -412,6 +411,11 @@ void* ExpAllocate(PoolOwner owner, POOL_TYPE type, std::size_t size, ULONG tag)
 void ExpFree(void* block, ULONG tag)
 {
     KiKernel().pool.Free(PoolOwner::System, block, tag, __builtin_return_address(0));
+}
+
+void ExpSetFreshFill(std::byte fill)
+{
+    KiKernel().pool.SetFreshFill(fill);
 }
 
 } // namespace host

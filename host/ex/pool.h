@@ -11,6 +11,7 @@
 #include "ke/time.h"
 #include "verifier/verifier.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -59,6 +60,8 @@ class Pool {
 
     // nullptr when memory is short or a fault point says so. Contents are undefined: a pattern.
     void* Allocate(PoolOwner owner, POOL_TYPE type, std::size_t size, ULONG tag, const void* caller);
+    // What new memory is filled with from now on: two runs with two patterns show what depends on it.
+    void SetFreshFill(std::byte fill) { fresh_fill_ = fill; }
     // `by` is who frees it. `tag` 0: not checked.
     void Free(PoolOwner by, void* block, ULONG tag, const void* caller);
 
@@ -98,6 +101,7 @@ class Pool {
     Kernel& kernel_;
     const bool verify_;
     const bool guard_;
+    std::atomic<std::byte> fresh_fill_{std::byte{0xa5}};
     mutable Mutex mutex_;
     GuardArena arena_ HOST_GUARDED_BY(mutex_);
     Blocks blocks_ HOST_GUARDED_BY(mutex_); // live and quarantined
@@ -112,5 +116,7 @@ class Pool {
 // Memory that a driver is to free with ExFreePool is PoolOwner::Driver even when the kernel allocates it.
 void* ExpAllocate(PoolOwner owner, POOL_TYPE type, std::size_t size, ULONG tag);
 void ExpFree(void* block, ULONG tag);
+// Pool::SetFreshFill of the running kernel, for tests.
+void ExpSetFreshFill(std::byte fill);
 
 } // namespace host
