@@ -89,6 +89,15 @@ void CheckWritable(const std::string& file)
         throw UsageError(fmt::format("cannot write {}", file));
 }
 
+// Lets a trace be laid beside logs of other programs.
+void LogClock(System& system)
+{
+    constexpr host::Time kUnixEpoch = 11'644'473'600 * host::kSecond; // in system time
+    const host::Time now = system.Kernel().Now() - kUnixEpoch;
+    system.Kernel().Log().Instant("host", "Unix time",
+                                  fmt::format("{}.{:07}", now / host::kSecond, now % host::kSecond));
+}
+
 class Service {
   public:
     explicit Service(const Options& options);
@@ -119,6 +128,7 @@ Service::Service(const Options& options)
     std::signal(SIGPIPE, SIG_IGN);
     CheckWritable(options.trace);
     const std::string folder = MakeRuntimeFolder();
+    LogClock(*system_);
     system_->Plug();
     const std::string& port = system_->PortName();
     status_ = std::make_unique<StatusServer>(io_, StatusPath(folder, port), [this] { return Table(); });
