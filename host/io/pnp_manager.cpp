@@ -272,6 +272,9 @@ NTSTATUS PnpManager::DoRemove(const PnpNodePtr& node)
     removing_ = false;
     VfDeviceRemoved(node->pdo, before, status);
     DeviceInterfaces::Current().DisableAll(node->pdo);
+    // The bus may have lost the device, and let go of it here, before its departure comes to our turn.
+    if (node->pdo->DeviceObjectExtension->delete_pending)
+        node->departed = true;
     SetState(node, node->departed ? PnpState::Removed : PnpState::Reported);
     if (node->departed)
         Forget(node);

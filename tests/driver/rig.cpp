@@ -123,6 +123,7 @@ Rig::~Rig()
 {
     if (usb_port != nullptr)
         Unplug();
+    host::PnpManager::Current().Settle(); // handles that were closed last
     if (loaded_)
         EXPECT_EQ(Unload(), STATUS_SUCCESS);
 }
@@ -140,12 +141,17 @@ NTSTATUS Rig::Unload()
     return host::IoUnloadDriver(kDriverName);
 }
 
-void Rig::Plug()
+bool Rig::TryPlug()
 {
     module =
         std::make_shared<module::GpsModule>(options_.module, options_.source ? options_.source() : nullptr);
     usb_port = host::UsbBus::Current().Plug(module, options_.port);
-    ASSERT_NE(usb_port, nullptr) << "the bus did not take the module";
+    return usb_port != nullptr;
+}
+
+void Rig::Plug()
+{
+    ASSERT_TRUE(TryPlug()) << "the bus did not take the module";
     host::PnpManager::Current().Settle();
 }
 
@@ -216,9 +222,10 @@ std::vector<host::Excuse> KnownExcuses()
             {.rule = host::Rule::PowerMayNotFail,
              .detail = "IRP_MN_SET_POWER",
              .reason = "a device that is not started fails power requests",
-             .matches = [](const host::Finding& finding) {
-                 return finding.text.find("0xc0000184") != std::string::npos;
-             }},
+             .matches =
+                 [](const host::Finding& finding) {
+                     return finding.text.find("0xc0000184") != std::string::npos;
+                 }},
             {.rule = host::Rule::PowerStartedTwice,
              .detail = "IRP_MN_WAIT_WAKE",
              .reason = "the next power request is started when a wait-wake is sent and when it ends"}};

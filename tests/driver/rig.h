@@ -103,6 +103,8 @@ class Rig {
 
     NTSTATUS Load();
     void Plug();
+    // Plugs the module in and waits for nothing; false when the bus did not take it.
+    bool TryPlug();
     // Pulls the module; returns when Plug and Play has settled.
     void Unplug();
     NTSTATUS Unload();
