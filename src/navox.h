@@ -86,6 +86,7 @@ struct DEVICE_EXTENSION {
     KTIMER IdleTimer;
     KEVENT IdleCheckDoneEvent;
     KEVENT IdleRequestDoneEvent;
+    KEVENT IdleAwakeEvent; // notification event: no request for D0 is under way
     Racy<BOOLEAN> IdleMonitorActive;
     struct _USB_IDLE_CALLBACK_INFO* IdleCallbackInfo _Guarded_by_(IdleLock);
     PIRP IdleIrp; // taken by exchange

@@ -174,7 +174,7 @@ NTSTATUS NTAPI CreateDispatch(PDEVICE_OBJECT device, PIRP irp)
         return CompleteRequest(irp, STATUS_INSUFFICIENT_RESOURCES);
 
     if (extension->IdleMonitorActive)
-        CancelIdleRequest(extension);
+        WakeFromIdle(extension);
 
     CLIENT* client = nullptr;
     NTSTATUS status = CreateClient(&client, extension);

@@ -58,6 +58,9 @@ NAVOX_PAGED NTSTATUS Start(DEVICE_EXTENSION* extension, PIRP irp)
 NAVOX_PAGED NTSTATUS QuiesceAndPassDown(DEVICE_EXTENSION* extension, PIRP irp, ULONG state)
 {
     PAGED_CODE();
+    // In the new state the power-up of a device that was on its way into suspend would be failed.
+    if (extension->IdleMonitorActive)
+        WakeFromIdle(extension);
     SetPnpState(extension, state);
     DecrementIoCount(extension);
     CancelReader(extension);

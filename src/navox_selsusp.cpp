@@ -80,9 +80,15 @@ void NTAPI IdleCallback(PVOID context)
     }
 }
 
+void NoteAwake(DEVICE_EXTENSION* extension)
+{
+    KeSetEvent(&extension->IdleAwakeEvent, IO_NO_INCREMENT, FALSE);
+    DecrementIoCount(extension);
+}
+
 void NTAPI PoweredUp(PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STATUS_BLOCK)
 {
-    DecrementIoCount(static_cast<DEVICE_EXTENSION*>(context));
+    NoteAwake(static_cast<DEVICE_EXTENSION*>(context));
 }
 
 void RequestD0(DEVICE_EXTENSION* extension)
@@ -90,11 +96,12 @@ void RequestD0(DEVICE_EXTENSION* extension)
     POWER_STATE power;
     power.DeviceState = PowerDeviceD0;
     IncrementIoCount(extension);
+    KeClearEvent(&extension->IdleAwakeEvent);
     const NTSTATUS status = PoRequestPowerIrp(extension->PhysicalDeviceObject, IRP_MN_SET_POWER, power,
                                               PoweredUp, extension, nullptr);
     if (status != STATUS_PENDING) {
         TRACE(TRACE_IDLE, LEVEL_WARNING, "device not powered up: 0x%x", status);
-        DecrementIoCount(extension);
+        NoteAwake(extension);
     }
 }
 
@@ -225,6 +232,7 @@ void InitialiseIdleMonitor(DEVICE_EXTENSION* extension)
     KeInitializeTimer(&extension->IdleTimer);
     KeInitializeEvent(&extension->IdleCheckDoneEvent, NotificationEvent, TRUE);
     KeInitializeEvent(&extension->IdleRequestDoneEvent, NotificationEvent, TRUE);
+    KeInitializeEvent(&extension->IdleAwakeEvent, NotificationEvent, TRUE);
 }
 
 void StartIdleMonitor(DEVICE_EXTENSION* extension)
@@ -257,6 +265,14 @@ void CancelIdleRequest(DEVICE_EXTENSION* extension)
 {
     if (!IsNothingPending(extension) || HasClients(extension))
         TakeBackIdleRequest(extension);
+}
+
+void WakeFromIdle(DEVICE_EXTENSION* extension)
+{
+    CancelIdleRequest(extension);
+    // The completion asks for D0 before it lets go of the request.
+    KeWaitForSingleObject(&extension->IdleRequestDoneEvent, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(&extension->IdleAwakeEvent, Executive, KernelMode, FALSE, nullptr);
 }
 
 NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension)

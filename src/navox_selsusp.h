@@ -26,5 +26,9 @@ void StopIdleMonitor(DEVICE_EXTENSION* extension);
 // Takes the idle request back, unless the device is as idle as before. IRQL <= DISPATCH_LEVEL.
 void CancelIdleRequest(DEVICE_EXTENSION* extension);
 
+// The same, and waits until a device that was suspended, or on its way there, is back in D0 (or cannot come).
+// PASSIVE_LEVEL; the caller is counted as pending I/O, so that no further request is sent meanwhile.
+void WakeFromIdle(DEVICE_EXTENSION* extension);
+
 // Asks the hub to suspend the module. PASSIVE_LEVEL.
 [[nodiscard]] NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension);

@@ -27,7 +27,8 @@ void InitialiseIoCount(DEVICE_EXTENSION* extension)
 bool IsNothingPending(DEVICE_EXTENSION* extension)
 {
     SpinLockGuard guard(&extension->StateLock);
-    return extension->OutstandingIO == 1;
+    // A count that is short tells nothing.
+    return extension->OutstandingIO == 1 && extension->IdleDebt == 0;
 }
 
 void IncrementIoCount(DEVICE_EXTENSION* extension, const char* caller, ULONG line)

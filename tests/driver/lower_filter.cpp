@@ -5,6 +5,8 @@
 
 #include <usbioctl.h>
 
+#include <usbioctl.h>
+
 namespace navox_test {
 namespace {
 
@@ -134,34 +136,41 @@ NTSTATUS LowerFilter::Dispatch(PDEVICE_OBJECT device, PIRP irp)
 {
     const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     const UCHAR major = location->MajorFunction;
-    if (major == IRP_MJ_INTERNAL_DEVICE_CONTROL && urb_hook_ != nullptr)
-        return DispatchUrb(device, irp);
-    if (major != IRP_MJ_PNP && major != IRP_MJ_POWER)
-        return PassOn(device, irp);
-    const std::string name = NameOf(*location);
-    const bool touched = irp->IoStatus.Status != STATUS_NOT_SUPPORTED;
-    host::Kernel::Current().Log().Instant(
-        "below", "request", touched ? name + " with " + host::IopStatusText(irp->IoStatus.Status) : name);
-    NTSTATUS status = STATUS_SUCCESS;
-    {
-        const std::lock_guard guard(lock_);
-        const auto plan = plans_.find(name);
-        if (plan != plans_.end())
-            status = plan->second;
-        if (status == STATUS_PENDING) {
-            IoMarkIrpPending(irp);
-            held_.push_back({device, irp});
-            return STATUS_PENDING;
-        }
+    std::string name;
+    if (major == IRP_MJ_PNP || major == IRP_MJ_POWER) {
+        name = NameOf(*location);
+        const bool touched = irp->IoStatus.Status != STATUS_NOT_SUPPORTED;
+        host::Kernel::Current().Log().Instant(
+            "below", "request", touched ? name + " with " + host::IopStatusText(irp->IoStatus.Status) : name);
+    } else if (location->Parameters.DeviceIoControl.IoControlCode ==
+               IOCTL_INTERNAL_USB_SUBMIT_IDLE_NOTIFICATION) {
+        name = kIdleRequest;
     }
-    if (NT_SUCCESS(status))
+    const std::optional<NTSTATUS> plan = PlanFor(name, device, irp);
+    if (!plan)
         return PassOn(device, irp);
+    if (*plan == STATUS_PENDING)
+        return STATUS_PENDING;
     if (major == IRP_MJ_POWER)
         PoStartNextPowerIrp(irp);
-    irp->IoStatus.Status = status;
+    irp->IoStatus.Status = *plan;
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
+    return *plan;
+}
+
+// What is to be done with the request; one that is to be held is.
+std::optional<NTSTATUS> LowerFilter::PlanFor(const std::string& name, PDEVICE_OBJECT device, PIRP irp)
+{
+    const std::lock_guard guard(lock_);
+    const auto plan = plans_.find(name);
+    if (plan == plans_.end())
+        return std::nullopt;
+    if (plan->second == STATUS_PENDING) {
+        IoMarkIrpPending(irp);
+        held_.push_back({device, irp});
+    }
+    return plan->second;
 }
 
 } // namespace navox_test

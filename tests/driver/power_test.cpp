@@ -71,6 +71,21 @@ TEST(Power, EveryRequestFailsUnlessTheDeviceIsStarted)
     }
 }
 
+TEST(Power, SystemRequestsFailWhileARemovalWaits)
+{
+    Machine machine;
+    Rig& rig = machine.rig;
+    machine.filter.Hold("IRP_MN_SET_POWER D0");
+    const PowerRequest held(rig, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
+    host::ThreadHandle removal =
+        rig.kernel.Spawn("removal", [&] { EXPECT_EQ(SendPnp(rig, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS); });
+    EXPECT_FALSE(rig.kernel.RunUntil([&] { return removal.Done(); }, kSecond));
+    EXPECT_EQ(SendSystemPower(rig, IRP_MN_QUERY_POWER, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(SendSystemPower(rig, IRP_MN_SET_POWER, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(SendSystemPower(rig, IRP_MN_WAIT_WAKE, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
+    machine.filter.Release();
+}
+
 struct Request {
     int number;
     UCHAR minor;
