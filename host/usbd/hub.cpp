@@ -1,6 +1,7 @@
 #include "usbd/hub.h"
 
 #include "cm/text.h"
+#include "io/pnp_manager.h"
 #include "usbd/port_lock.h"
 #include "usbd/usb_bus.h"
 #include "usbd/usb_port.h"
@@ -35,7 +36,9 @@ NTSTATUS NTAPI SystemControl(PDEVICE_OBJECT, PIRP irp)
 NTSTATUS RemovePdo(PDEVICE_OBJECT pdo, PIRP irp)
 {
     UsbPort* port = UsbPortOf(pdo);
-    const bool departed = port->Departed();
+    // As the PnP manager has it: a device that it has yet to hear of as lost is removed once more.
+    const PnpNodePtr node = PnpManager::Current().NodeOf(pdo);
+    const bool departed = !node || node->departed;
     port->Removed();
     const NTSTATUS status = Finish(irp, STATUS_SUCCESS);
     if (departed) {

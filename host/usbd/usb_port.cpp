@@ -66,12 +66,6 @@ bool UsbPort::Gone()
     return gone_;
 }
 
-bool UsbPort::Departed()
-{
-    const PortLock lock(lock_);
-    return departed_;
-}
-
 void UsbPort::WithDevice(const std::function<void(module::Device&)>& look)
 {
     {

@@ -94,7 +94,6 @@ class UsbPort : public std::enable_shared_from_this<UsbPort> {
     void Disconnect();
     // Pulls the device and plugs it in again, as the hub does on request.
     void Cycle();
-    bool Departed();
 
   private:
     struct Endpoint {
