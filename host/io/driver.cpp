@@ -15,6 +15,7 @@ namespace {
 
 thread_local PDRIVER_OBJECT t_driver = nullptr;
 
+constexpr Time kUnloadPatience = kSecond;
 constexpr std::u16string_view kServices = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\";
 
 UNICODE_STRING CountedString(std::u16string& text)
@@ -116,6 +117,12 @@ NTSTATUS IoUnloadDriver(std::string_view name)
         return STATUS_DEVICE_BUSY;
     if (driver->object.DriverUnload == nullptr)
         return STATUS_INVALID_DEVICE_REQUEST;
+    // A deleted device object stays while somebody refers to it, a work item say; and the driver with it.
+    for (Time waited = 0; io.HasDevicesOf(&driver->object); waited += kMillisecond) {
+        if (waited == kUnloadPatience)
+            return STATUS_DEVICE_BUSY;
+        Kernel::Current().RunFor(kMillisecond);
+    }
     Kernel::Current().Log().Begin("driver", "unload", driver->name);
     const CallbackState before = VfEnterCallback();
     {

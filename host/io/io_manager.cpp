@@ -81,6 +81,13 @@ bool IoManager::DeviceExists(const DEVICE_OBJECT* device)
     return devices_.contains(device);
 }
 
+bool IoManager::HasDevicesOf(const DRIVER_OBJECT* driver)
+{
+    const MutexLock lock(mutex_);
+    return std::any_of(devices_.begin(), devices_.end(),
+                       [=](const DEVICE_OBJECT* device) { return device->DriverObject == driver; });
+}
+
 void IoManager::Shutdown()
 {
     std::vector<std::string> names = DriverNames();

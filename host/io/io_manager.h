@@ -43,6 +43,7 @@ class IoManager : public Component {
     void AddDevice(PDEVICE_OBJECT device);
     bool ForgetDevice(PDEVICE_OBJECT device);
     bool DeviceExists(const DEVICE_OBJECT* device);
+    bool HasDevicesOf(const DRIVER_OBJECT* driver);
     // File objects that exist; the manager destroys those that nobody closes.
     void AddFile(IopFile* file);
     void ForgetFile(IopFile* file);

@@ -123,7 +123,9 @@ Rig::~Rig()
 {
     if (usb_port != nullptr)
         Unplug();
-    host::PnpManager::Current().Settle(); // handles that were closed last
+    // Handles that were closed last keep the device a little longer.
+    EXPECT_TRUE(kernel.RunUntil([this] { return Node() == nullptr; }, 60 * kSecond))
+        << "a handle is still open";
     if (loaded_)
         EXPECT_EQ(Unload(), STATUS_SUCCESS);
 }
