@@ -31,13 +31,13 @@ void CheckUse(FAST_MUTEX& mutex, const char* routine, const void* caller)
     }
 }
 
-void BlockFor(FAST_MUTEX& mutex, Scheduler& scheduler)
+void BlockFor(FAST_MUTEX& mutex)
 {
     __atomic_add_fetch(&mutex.Contention, 1, __ATOMIC_RELAXED);
     do {
         // Set by each release, so a wake that comes too early only costs a round.
         (void)KiWaitOne(mutex.Event.Header, kForever, {"a fast mutex", &mutex});
-    } while (!TryTake(mutex) && !scheduler.Stopping());
+    } while (!TryTake(mutex));
 }
 
 } // namespace
@@ -51,7 +51,7 @@ static void Acquire(PFAST_MUTEX mutex, KIRQL irql, const char* routine, const vo
     const KIRQL old_irql = self.irql;
     KiYield(YieldPoint::Lock);
     if (!TryTake(*mutex))
-        BlockFor(*mutex, self.kernel.GetScheduler());
+        BlockFor(*mutex);
     if (old_irql < irql)
         KiSetIrql(self, irql);
     Own(*mutex, self, old_irql, caller);

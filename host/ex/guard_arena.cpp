@@ -3,6 +3,13 @@
 #include <algorithm>
 #include <sys/mman.h>
 
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#else
+static void __lsan_register_root_region(const void*, std::size_t) {}
+static void __lsan_unregister_root_region(const void*, std::size_t) {}
+#endif
+
 namespace host {
 namespace {
 
@@ -17,8 +24,10 @@ std::size_t PagesFor(std::size_t size)
 
 GuardArena::~GuardArena()
 {
-    for (const Region& region : regions_)
+    for (const Region& region : regions_) {
+        __lsan_unregister_root_region(region.begin, region.length);
         munmap(region.begin, region.length);
+    }
 }
 
 GuardSlot GuardArena::Take(std::size_t size)
@@ -47,6 +56,8 @@ std::byte* GuardArena::Carve(std::size_t length)
             mmap(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (memory == MAP_FAILED)
             return nullptr;
+        // What the pool of an abandoned kernel points to is not lost.
+        __lsan_register_root_region(memory, whole);
         regions_.push_back({static_cast<std::byte*>(memory), whole, 0});
     }
     Region& region = regions_.back();

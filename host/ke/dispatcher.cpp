@@ -163,21 +163,15 @@ NTSTATUS KiWait(std::span<PVOID const> objects, WAIT_TYPE type, Time deadline, K
             return STATUS_TIMEOUT;
         Enqueue(self, objects, type, blocks);
     }
-    try {
-        for (;;) {
-            const bool woken = scheduler.Block(reason, deadline);
-            const MutexLock lock(KiDispatcher());
-            if (self.wait.satisfied)
-                return self.wait.status;
-            if (!woken) {
-                Dequeue(self);
-                return STATUS_TIMEOUT;
-            }
-        }
-    } catch (const SimulationStopped&) {
+    for (;;) {
+        const bool woken = scheduler.Block(reason, deadline);
         const MutexLock lock(KiDispatcher());
-        Dequeue(self); // the blocks go with the stack
-        throw;
+        if (self.wait.satisfied)
+            return self.wait.status;
+        if (!woken) {
+            Dequeue(self);
+            return STATUS_TIMEOUT;
+        }
     }
 }
 

@@ -133,7 +133,7 @@ void DpcQueue::Flush()
     for (;;) {
         {
             const MutexLock lock(KiDispatcher());
-            if (EndedUpTo(number) || kernel_.GetScheduler().Stopping()) {
+            if (EndedUpTo(number)) {
                 flushers_.erase(std::find(flushers_.begin(), flushers_.end(), &self));
                 return;
             }

@@ -1,5 +1,7 @@
 #include "ke/explorer.h"
 
+#include "ke/isolated_run.h"
+
 #include <utility>
 
 namespace host {
@@ -74,12 +76,8 @@ bool RunOnce(KernelOptions options, const Scenario& scenario, std::optional<Fail
         run.schedule = FormatSchedule(kernel.RecordedSchedule());
     };
     bool content = false;
-    try {
-        content = scenario(options);
-    } catch (const SimulationStopped&) {
-        // Its finding has been recorded.
-    }
-    if (content && run.findings.empty())
+    const bool ended = RunIsolated([&] { content = scenario(options); });
+    if (ended && content && run.findings.empty())
         return true;
     run.options = std::move(options);
     run.options.on_finding = listener;

@@ -96,14 +96,8 @@ Kernel::~Kernel()
     // An exception of the test's own leaves the kernel in any state: nothing to judge then.
     const bool judge = std::uncaught_exceptions() == 0;
     Impl& impl = *impl_;
-    try {
-        if (!impl.scheduler->Stopping() && (judge || !Simulated()))
-            Shutdown(judge);
-        if (Simulated())
-            impl.scheduler->Stop("the kernel ends");
-    } catch (const SimulationStopped&) {
-        // Now all other threads have been unwound.
-    }
+    if (judge || !Simulated())
+        Shutdown(judge);
     if (impl.options.on_end != nullptr)
         impl.options.on_end(*this);
     {
@@ -113,8 +107,26 @@ Kernel::~Kernel()
     }
     impl.scheduler->Release(*impl.main);
     impl.scheduler->Drain();
+    KeepUnfinished();
     impl_.reset();
     g_kernel.store(nullptr);
+}
+
+void Kernel::Abandon()
+{
+    if (impl_->options.on_end != nullptr)
+        impl_->options.on_end(*this);
+    g_kernel.store(nullptr);
+}
+
+void Kernel::KeepUnfinished()
+{
+    // They sleep for good, each in its own Thread: that memory must never be another's.
+    static auto* const asleep = new std::vector<std::shared_ptr<Thread>>;
+    for (const auto& thread : impl_->threads.All()) {
+        if (!thread->done && thread->started)
+            asleep->push_back(thread);
+    }
 }
 
 void Kernel::Shutdown(bool judge)
@@ -130,8 +142,8 @@ void Kernel::Shutdown(bool judge)
     }
     for (Component* const component : components)
         component->Shutdown();
-    if (judge)
-        VfAuditThreads(*this);
+    if (judge && !VfAuditThreads(*this))
+        return; // the system threads among them could not be joined
     impl.timers.Shutdown();
     impl.dpcs.Shutdown();
     impl.work.Shutdown();

@@ -12,7 +12,6 @@
 #include <functional>
 #include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,7 +59,7 @@ struct KernelOptions {
     std::vector<Excuse> excuses;
     // Called for each finding that is not excused, on the thread that made it, under Policy::Record.
     std::function<void(const Finding&)> on_finding;
-    // Called by the destructor after all audits.
+    // Called by the destructor after all audits, or where the run is given up.
     std::function<void(const Kernel&)> on_end;
     bool guard_pages = true; // every pool block ends at an inaccessible page
 
@@ -71,13 +70,6 @@ struct KernelOptions {
     bool keep_events = true;
     std::size_t event_capacity = 200'000; // the oldest are dropped beyond it
     bool echo_debug_prints = false;       // DbgPrint also goes to stderr
-};
-
-// Thrown out of a blocked or reporting routine when a simulated run cannot go on (deadlock, livelock, bug
-// check) under Policy::Record. It unwinds the thread; the test's main sees it too.
-class SimulationStopped : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
 };
 
 // Something of the kernel that another component owns (I/O manager, registry, USB bus ...). Made on first
@@ -180,11 +172,14 @@ class Kernel {
     std::string RunDescription() const;
 
     // For the kernel's own folders.
+    // Nothing of this kernel will run any more, and none of it is freed: another may be constructed.
+    void Abandon();
     struct Impl;
     Impl& impl() { return *impl_; }
 
   private:
     void Shutdown(bool judge);
+    void KeepUnfinished();
     static std::size_t NewComponentSlot();
     Component* FindComponent(std::size_t slot) const;
     Component* AddComponent(std::size_t slot, std::unique_ptr<Component> (*make)(Kernel&));

@@ -5,6 +5,7 @@
 #include "ex/work_queue.h"
 #include "ke/dispatcher.h"
 #include "ke/dpc_queue.h"
+#include "ke/isolated_run.h"
 #include "ke/kernel.h"
 #include "ke/spin_lock.h"
 #include "ke/thread.h"
@@ -71,6 +72,7 @@ struct Kernel::Impl {
     WorkQueues work;
     Pool pool;
     std::shared_ptr<Thread> main;
+    IsolatedRun* const isolated_run = KiIsolatedRun();
 
     static constexpr std::size_t kMaxComponents = 32;
     std::array<std::atomic<Component*>, kMaxComponents> components{};

@@ -106,11 +106,6 @@ void LiveScheduler::WaitUntilIdle()
         std::this_thread::sleep_for(std::chrono::microseconds(100));
 }
 
-void LiveScheduler::Stop(const std::string& /*why*/)
-{
-    std::abort(); // real threads cannot be unwound; the report has been printed
-}
-
 Time LiveScheduler::Now() const
 {
     return std::chrono::duration_cast<Ticks>(Clock::now() - start_).count();

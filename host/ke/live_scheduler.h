@@ -21,8 +21,6 @@ class LiveScheduler final : public Scheduler {
     void SetDeadline(Thread& thread, Time deadline) override;
     void Yield(YieldPoint point) override;
     void WaitUntilIdle() override;
-    [[noreturn]] void Stop(const std::string& why) override;
-    bool Stopping() const override { return false; }
     void SetFocus(bool) override {} // every choice is the operating system's
     Schedule Recorded() const override { return {}; }
     Time Now() const override;

@@ -19,6 +19,8 @@ struct OsThread {
     int processor = -1;
 };
 
+thread_local OsThread* t_thread = nullptr;
+
 class OsThreadPool {
   public:
     static OsThreadPool& Instance()
@@ -40,6 +42,13 @@ class OsThreadPool {
             std::thread([this, thread] { Serve(*thread); }).detach();
         else
             thread->parker.Post();
+    }
+
+    // Goes on above the stack of the job that is given up.
+    [[noreturn]] void EndJob()
+    {
+        AwaitJob(*t_thread);
+        Serve(*t_thread);
     }
 
     void Bind(int processor)
@@ -71,6 +80,16 @@ class OsThreadPool {
         pthread_atfork(nullptr, nullptr, [] { Instance().ForgetThreads(); });
     }
 
+    void AwaitJob(OsThread& thread)
+    {
+        thread.job = nullptr;
+        {
+            const MutexLock lock(mutex_);
+            idle_.push_back(&thread);
+        }
+        thread.parker.Wait();
+    }
+
     OsThread* TakeIdle()
     {
         const MutexLock lock(mutex_);
@@ -83,15 +102,11 @@ class OsThreadPool {
 
     [[noreturn]] void Serve(OsThread& thread)
     {
+        t_thread = &thread;
         for (;;) {
             Bind(thread.processor);
             thread.job();
-            thread.job = nullptr;
-            {
-                const MutexLock lock(mutex_);
-                idle_.push_back(&thread);
-            }
-            thread.parker.Wait();
+            AwaitJob(thread);
         }
     }
 
@@ -112,6 +127,18 @@ class OsThreadPool {
 void OsRun(std::function<void()> job, int processor)
 {
     OsThreadPool::Instance().Run(std::move(job), processor);
+}
+
+void OsEndJob()
+{
+    OsThreadPool::Instance().EndJob();
+}
+
+void OsSleepForever()
+{
+    Parker nobody_posts;
+    for (;;)
+        nobody_posts.Wait();
 }
 
 void OsBind(int processor)

@@ -9,6 +9,11 @@ namespace host {
 // that the process may use. `job` must not throw.
 void OsRun(std::function<void()> job, int processor);
 
+// Ends the job of the calling thread, which OsRun made, from wherever it is. Nothing of its stack is unwound.
+[[noreturn]] void OsEndJob();
+// The calling thread does nothing any more.
+[[noreturn]] void OsSleepForever();
+
 // Binds the calling thread, as above.
 void OsBind(int processor);
 // The processor the calling thread runs on now.

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
 
 namespace host {
 
@@ -76,11 +75,6 @@ class Scheduler {
 
     // Interrupt time: 100-ns units since the kernel started.
     virtual Time Now() const = 0;
-
-    // The run cannot go on: every thread is unwound by SimulationStopped, the caller's main last. Only a
-    // simulated scheduler can; Stopping says whether it is at it.
-    [[noreturn]] virtual void Stop(const std::string& why) = 0;
-    virtual bool Stopping() const = 0;
 
     // Whether choices are the strategy's.
     virtual void SetFocus(bool in_focus) = 0;

@@ -6,18 +6,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <utility>
 
 namespace host {
-namespace {
-
-// A stopped thread goes on until it blocks, so that destructors are not interrupted where they yield; one
-// that never blocks is stopped after so many points.
-constexpr unsigned kYieldsToStop = 10'000;
-
-} // namespace
-
 SimulatedScheduler::SimulatedScheduler(Kernel& kernel, std::shared_ptr<Strategy> strategy,
                                        const KernelOptions& options)
     : kernel_(kernel), strategy_(std::move(strategy)), max_steps_(options.max_steps), drift_(options.drift),
@@ -34,7 +25,7 @@ SimulatedScheduler::~SimulatedScheduler()
 
 void SimulatedScheduler::Adopt(Thread& thread)
 {
-    main_ = current_ = &thread;
+    current_ = &thread;
     thread.state = Thread::State::Running;
     threads_.push_back(&thread);
     KiSetCurrentThread(&thread);
@@ -64,18 +55,13 @@ Thread& SimulatedScheduler::Self() const
 
 void SimulatedScheduler::CountStep()
 {
-    if (++step_ > max_steps_ && !stopping_)
+    if (++step_ > max_steps_)
         kernel_.GetVerifier().ReportFatal(Rule::Livelock, "", KiDescribeThreads(kernel_));
 }
 
 void SimulatedScheduler::Yield(YieldPoint /*point*/)
 {
     Thread& self = Self();
-    if (stopping_) {
-        if (++yields_while_stopping_ > kYieldsToStop && std::uncaught_exceptions() == 0)
-            throw SimulationStopped(why_);
-        return;
-    }
     CountStep();
     if (ready_.empty() && drift_ == 0)
         return;
@@ -90,11 +76,6 @@ void SimulatedScheduler::Yield(YieldPoint /*point*/)
 bool SimulatedScheduler::Block(const WaitReason& reason, Time deadline)
 {
     Thread& self = Self();
-    if (stopping_) {
-        if (std::uncaught_exceptions() == 0)
-            throw SimulationStopped(why_);
-        return false;
-    }
     CountStep();
     if (std::exchange(self.wake_pending, false))
         return true;
@@ -106,14 +87,12 @@ bool SimulatedScheduler::Block(const WaitReason& reason, Time deadline)
         self.timed_out = true;
         MakeReady(self);
     }
-    Thread& next = PickWhenBlocked(self);
+    Thread& next = PickWhenBlocked();
     if (&next == &self) {
         self.state = Thread::State::Running;
     } else {
         SwitchTo(next);
         AwaitTurn(self);
-        if (stopping_ && std::uncaught_exceptions() == 0)
-            throw SimulationStopped(why_);
     }
     return !self.timed_out;
 }
@@ -121,8 +100,7 @@ bool SimulatedScheduler::Block(const WaitReason& reason, Time deadline)
 void SimulatedScheduler::WaitUntilIdle()
 {
     Thread& self = Self();
-    if (!stopping_)
-        idle_waiters_.push_back(&self);
+    idle_waiters_.push_back(&self);
     (void)Block({"idleness of all others", nullptr}, kForever);
     std::erase(idle_waiters_, &self);
 }
@@ -131,7 +109,7 @@ void SimulatedScheduler::Wake(Thread& thread)
 {
     if (thread.state == Thread::State::Blocked)
         MakeReady(thread);
-    else if (thread.state != Thread::State::Done && !stopping_)
+    else if (thread.state != Thread::State::Done)
         thread.wake_pending = true;
 }
 
@@ -149,14 +127,9 @@ void SimulatedScheduler::Finish(Thread& thread)
     Thread& self = Self();
     self.state = Thread::State::Done;
     std::erase(threads_, &thread);
-    Thread* next = nullptr;
-    try {
-        next = stopping_ ? &NextToUnwind() : &PickWhenBlocked(self);
-    } catch (const SimulationStopped&) {
-        next = &NextToUnwind(); // the end of this thread left the others in a deadlock
-    }
+    Thread& next = PickWhenBlocked();
     KiSetCurrentThread(nullptr);
-    SwitchTo(*next);
+    SwitchTo(next);
 }
 
 void SimulatedScheduler::MakeReady(Thread& thread)
@@ -210,13 +183,13 @@ std::size_t SimulatedScheduler::Ask(bool may_continue)
     return index;
 }
 
-Thread& SimulatedScheduler::PickWhenBlocked(Thread& self)
+Thread& SimulatedScheduler::PickWhenBlocked()
 {
     while (ready_.empty()) {
         if (!idle_waiters_.empty() && idle_waiters_.front()->state == Thread::State::Blocked)
             MakeReady(*idle_waiters_.front());
         else if (!AdvanceClock())
-            ReportDeadlock(self);
+            kernel_.GetVerifier().ReportFatal(Rule::Deadlock, "", KiDescribeThreads(kernel_));
     }
     return Pick(nullptr);
 }
@@ -272,45 +245,6 @@ void SimulatedScheduler::AwaitTurn(Thread& self)
 {
     self.parker.Wait();
     KiApplyIrql(self);
-}
-
-void SimulatedScheduler::ReportDeadlock(Thread& self)
-{
-    if (self.state != Thread::State::Done)
-        self.state = Thread::State::Running;
-    kernel_.GetVerifier().ReportFatal(Rule::Deadlock, "", KiDescribeThreads(kernel_));
-}
-
-void SimulatedScheduler::Stop(const std::string& why)
-{
-    Thread& self = Self();
-    if (!std::exchange(stopping_, true)) {
-        why_ = why;
-        // What has not begun has nothing to unwind.
-        for (Thread* const thread : threads_) {
-            if (!thread->started && thread->kind != ThreadKind::Main) {
-                thread->state = Thread::State::Done;
-                thread->done = true;
-            }
-        }
-        std::erase_if(threads_, [](const Thread* thread) { return thread->state == Thread::State::Done; });
-        ready_.clear();
-        // Main goes last: the others use what lives on its stack.
-        if (&self == main_ && threads_.size() > 1) {
-            SwitchTo(NextToUnwind());
-            AwaitTurn(self);
-        }
-    }
-    throw SimulationStopped(why_);
-}
-
-Thread& SimulatedScheduler::NextToUnwind()
-{
-    for (Thread* const thread : threads_) {
-        if (thread != main_)
-            return *thread;
-    }
-    return *main_;
 }
 
 } // namespace host

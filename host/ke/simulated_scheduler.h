@@ -24,8 +24,6 @@ class SimulatedScheduler final : public Scheduler {
     void SetDeadline(Thread& thread, Time deadline) override;
     void Yield(YieldPoint point) override;
     void WaitUntilIdle() override;
-    [[noreturn]] void Stop(const std::string& why) override;
-    bool Stopping() const override { return stopping_; }
     void SetFocus(bool in_focus) override { in_focus_ = in_focus; }
     Schedule Recorded() const override { return recorded_; }
     Time Now() const override { return now_; }
@@ -36,8 +34,8 @@ class SimulatedScheduler final : public Scheduler {
     void CountStep();
     // Chooses among the ready threads and, when given, the running one; takes it off the ready list.
     Thread& Pick(Thread* running);
-    // The same when nothing runs: lets time pass until something is ready. `self` has just blocked or ended.
-    Thread& PickWhenBlocked(Thread& self);
+    // The same when nothing runs: lets time pass until something is ready.
+    Thread& PickWhenBlocked();
     std::size_t Ask(bool may_continue);
     void AddDueSoon();
     // Moves the clock to the next deadline; false when there is none.
@@ -45,10 +43,8 @@ class SimulatedScheduler final : public Scheduler {
     void MakeDueReady();
     void MakeReady(Thread& thread);
     void SwitchTo(Thread& next);
-    void AwaitTurn(Thread& self);
-    [[noreturn]] void ReportDeadlock(Thread& self);
-    // While stopping: the next thread to unwind, main when it is the last.
-    Thread& NextToUnwind();
+    // Static: the kernel may end while the thread is on its way to sleep.
+    static void AwaitTurn(Thread& self);
 
     Kernel& kernel_;
     const std::shared_ptr<Strategy> strategy_;
@@ -57,7 +53,6 @@ class SimulatedScheduler final : public Scheduler {
     const int
         processor_; // that all threads of this kernel are bound to: a hand-over is several times faster so
 
-    Thread* main_ = nullptr;
     Thread* current_ = nullptr;
     std::vector<Thread*> threads_; // that have not ended, in order of creation
     std::vector<Thread*> ready_;   // without the running one, the longest ready first
@@ -69,10 +64,6 @@ class SimulatedScheduler final : public Scheduler {
     std::uint64_t step_ = 0;
     Schedule recorded_;
     bool in_focus_;
-
-    bool stopping_ = false;
-    std::string why_;
-    unsigned yields_while_stopping_ = 0;
 };
 
 } // namespace host

@@ -51,14 +51,9 @@ void SpinSimulated(Thread& self, KSPIN_LOCK* lock)
 {
     Kernel::Impl& kernel = self.kernel.impl();
     kernel.spin_waiters.Add(lock, self);
-    try {
-        do {
-            (void)kernel.scheduler->Block({"a spin lock", lock}, kForever);
-        } while (!TryTake(lock) && !kernel.scheduler->Stopping());
-    } catch (const SimulationStopped&) {
-        kernel.spin_waiters.Remove(self);
-        throw;
-    }
+    do {
+        (void)kernel.scheduler->Block({"a spin lock", lock}, kForever);
+    } while (!TryTake(lock));
     kernel.spin_waiters.Remove(self);
 }
 

@@ -49,6 +49,6 @@ VOID NTAPI KeStallExecutionProcessor(ULONG MicroSeconds)
     }
     Scheduler& scheduler = *KiKernel().scheduler;
     const Time end = scheduler.Now() + MicroSeconds * kMicrosecond;
-    while (scheduler.Now() < end && !scheduler.Stopping())
+    while (scheduler.Now() < end)
         (void)scheduler.Block({"a stall of the processor", nullptr}, end);
 }

@@ -1,6 +1,7 @@
 #include "ke/thread.h"
 
 #include "ke/kernel_impl.h"
+#include "ke/os_threads.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,11 +15,6 @@ namespace {
 constexpr ULONG kFirstProcess = 1000; // of applications
 
 thread_local Thread* t_current = nullptr;
-
-// Leaves a thread's body from wherever it is.
-struct ThreadExit {
-    NTSTATUS status;
-};
 
 struct StackBounds {
     const std::byte* low = nullptr;
@@ -37,27 +33,11 @@ StackBounds FindStack()
     return {static_cast<const std::byte*>(low), static_cast<const std::byte*>(low) + size};
 }
 
-void RunBody(Thread& self)
+void EndThread(Thread& self)
 {
-    try {
-        self.body();
-    } catch (const ThreadExit& exit) {
-        self.exit_status = exit.status;
-    } catch (const SimulationStopped&) {
-        // Reported where it happened.
-    } catch (...) {
-        self.failure = std::current_exception();
-    }
-    self.body = nullptr;
-}
-
-void ThreadMain(Thread& self)
-{
-    RunBody(self);
     // Found while this thread still counts: once it is done, the kernel's end only waits for Finish to return.
     Scheduler& scheduler = self.kernel.GetScheduler();
-    if (!scheduler.Stopping())
-        VfCheckThreadEnd(self);
+    VfCheckThreadEnd(self);
     KiSetIrql(self, PASSIVE_LEVEL);
     {
         const MutexLock lock(KiDispatcher());
@@ -65,6 +45,17 @@ void ThreadMain(Thread& self)
         KiSignal(self.header);
     }
     scheduler.Finish(self);
+}
+
+void ThreadMain(Thread& self)
+{
+    try {
+        self.body();
+    } catch (...) {
+        self.failure = std::current_exception();
+    }
+    self.body = nullptr;
+    EndThread(self);
 }
 
 } // namespace
@@ -144,14 +135,16 @@ std::shared_ptr<Thread> KiStartThread(std::string name, ThreadKind kind, std::fu
 
 void KiJoinThread(Thread& thread)
 {
-    // A stopped run has no more turns to give; whoever is not done then was never begun.
-    if (!thread.done && !thread.kernel.GetScheduler().Stopping())
+    if (!thread.done)
         (void)KiWaitOne(thread.header, kForever, {"the end of a thread", &thread});
 }
 
 void KiExitThread(NTSTATUS status)
 {
-    throw ThreadExit{status};
+    Thread& self = KiSelf();
+    self.exit_status = status;
+    EndThread(self);
+    OsEndJob();
 }
 
 ThreadHandle::ThreadHandle(std::shared_ptr<Thread> thread) : thread_(std::move(thread)) {}
@@ -170,11 +163,7 @@ ThreadHandle::~ThreadHandle()
     if (thread_ == nullptr)
         return;
     const std::shared_ptr<Thread> thread = thread_;
-    try {
-        KiJoinThread(*thread);
-    } catch (const SimulationStopped&) {
-        return; // reported where it happened
-    }
+    KiJoinThread(*thread);
     if (thread->failure != nullptr && std::uncaught_exceptions() == 0)
         thread->kernel.GetVerifier().Report(Rule::UnhandledException, "",
                                             "an exception left a thread that nobody joined");

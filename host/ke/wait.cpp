@@ -90,6 +90,6 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE /*WaitMode*/, BOOLEAN /*Al
     do {
         // Others run even when it is over already.
         (void)scheduler.Block({"a delay", nullptr}, deadline);
-    } while (scheduler.Now() < deadline && !scheduler.Stopping());
+    } while (scheduler.Now() < deadline);
     return STATUS_SUCCESS;
 }

@@ -6,7 +6,6 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <utility>
 
 namespace host {
@@ -83,11 +82,12 @@ void Verifier::Report(Rule rule, std::string detail, std::string text, const voi
 void Verifier::ReportFatal(Rule rule, std::string detail, std::string text, const void* caller)
 {
     Finding finding = Describe(rule, std::move(detail), std::move(text), caller);
-    if (policy_ == Policy::Stop || !kernel_.Simulated())
+    IsolatedRun* const run = kernel_.impl().isolated_run;
+    if (policy_ == Policy::Stop || !kernel_.Simulated() || run == nullptr)
         PrintAndAbort(finding);
-    const std::string why = std::string(NameOf(rule)) + ": " + finding.text;
     Record(std::move(finding));
-    kernel_.GetScheduler().Stop(why);
+    kernel_.Abandon();
+    KiAbandonRun(*run);
 }
 
 void Verifier::Record(Finding finding)
@@ -159,7 +159,7 @@ std::string FormatFinding(const Finding& finding)
 void VfReport(Rule rule, std::string detail, std::string text, const void* caller)
 {
     Kernel* const kernel = Kernel::CurrentOrNull();
-    if (kernel != nullptr && kernel->GetVerifier().Enabled() && !kernel->GetScheduler().Stopping())
+    if (kernel != nullptr && kernel->GetVerifier().Enabled())
         kernel->GetVerifier().Report(rule, std::move(detail), std::move(text), caller);
 }
 

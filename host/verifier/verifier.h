@@ -72,8 +72,8 @@ class Verifier {
     // `detail` is what excuses are matched against; `text` must say what, where, and in which state.
     void Report(Rule rule, std::string detail, std::string text, const void* caller = nullptr);
 
-    // The same for what no run survives (deadlock, bug check): stops the simulation under Policy::Record by
-    // throwing SimulationStopped.
+    // The same for what no run survives (deadlock, bug check). Within RunIsolated and under Policy::Record a
+    // simulated kernel is abandoned and RunIsolated returns false; otherwise the process ends.
     [[noreturn]] void ReportFatal(Rule rule, std::string detail, std::string text,
                                   const void* caller = nullptr);
 
@@ -136,7 +136,7 @@ void VfAuditUnload(std::string_view driver);
 // Between the two the driver's unload routine runs: it may not allocate any more.
 void VfBeginUnload();
 void VfEndUnload();
-// Spawned threads and work items that have not ended although the kernel goes away.
-void VfAuditThreads(Kernel& kernel);
+// Spawned threads and work items that have not ended although the kernel goes away: false and a report.
+bool VfAuditThreads(Kernel& kernel);
 
 } // namespace host

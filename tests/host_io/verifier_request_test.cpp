@@ -1,6 +1,7 @@
 // For each rule about requests a driver that breaks it, and nothing else.
 #include "scripted_driver.h"
 
+#include "ke/isolated_run.h"
 #include "ke/kernel.h"
 
 namespace {
@@ -190,16 +191,6 @@ const BrokenDriver kLifeRules[] = {
      }},
     {Rule::IrpFreedThenContinued, "frees in the completion routine and goes on",
      [](Bench& bench) { IoCallDriver(bench.script.device, AllocatedRead(bench, FreeAndContinue)); }},
-    {Rule::IrpOutOfStack, "passes down with no location left",
-     [](Bench& bench) {
-         PDEVICE_OBJECT other = MakeDevice(bench.driver, u"");
-         EXPECT_THROW(ReadWith(bench,
-                               [=](PDEVICE_OBJECT, PIRP irp) {
-                                   IoCopyCurrentIrpStackLocationToNext(irp);
-                                   return IoCallDriver(other, irp);
-                               }),
-                      host::SimulationStopped);
-     }},
 };
 
 const BrokenDriver kCompletionRules[] = {
@@ -472,6 +463,22 @@ TEST(VerifierOfRequests, CatchesAUseAfterCompletion)
     const std::vector<Rule> broken = bench.Broken();
     ASSERT_FALSE(broken.empty());
     EXPECT_EQ(broken.front(), Rule::PoolUseAfterFree);
+}
+
+TEST(VerifierOfRequests, EndsTheRunWhenNoLocationIsLeft)
+{
+    std::vector<Rule> broken;
+    host::KernelOptions options = Bench::Recording();
+    options.on_finding = [&](const host::Finding& finding) { broken.push_back(finding.rule); };
+    EXPECT_FALSE(host::RunIsolated([&options] {
+        Bench bench(options);
+        PDEVICE_OBJECT other = MakeDevice(bench.driver, u"");
+        ReadWith(bench, [=](PDEVICE_OBJECT, PIRP irp) {
+            IoCopyCurrentIrpStackLocationToNext(irp);
+            return IoCallDriver(other, irp);
+        });
+    }));
+    EXPECT_EQ(broken, std::vector{Rule::IrpOutOfStack});
 }
 
 TEST(VerifierOfRequests, FindsWhatIsLeftAtTheEnd)

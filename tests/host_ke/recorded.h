@@ -1,6 +1,7 @@
 // Runs a fragment in a kernel of its own and collects what the verifier says, the audits at its end included.
 #pragma once
 
+#include "ke/isolated_run.h"
 #include "ke/kernel.h"
 
 #include <functional>
@@ -14,12 +15,11 @@ inline std::vector<Finding> Record(KernelOptions options, const std::function<vo
     std::vector<Finding> findings;
     options.policy = Policy::Record;
     options.on_finding = [&findings](const Finding& finding) { findings.push_back(finding); };
-    try {
-        Kernel kernel(std::move(options));
+    // A run that had to stop has reported why.
+    (void)RunIsolated([&] {
+        Kernel kernel(options);
         fragment(kernel);
-    } catch (const SimulationStopped&) {
-        // Its finding has been collected.
-    }
+    });
     return findings;
 }
 

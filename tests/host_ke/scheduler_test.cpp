@@ -163,32 +163,36 @@ TEST(Scheduler, DeadlockNamesWhoWaitsAndWhoHolds)
     EXPECT_NE(text.find("main (IRQL 0) waits for the end of a thread"), std::string::npos) << text;
 }
 
-// A stopped run unwinds every thread, so that nothing that lives on main's stack is used after it.
-TEST(Scheduler, ADeadlockUnwindsAllThreadsBeforeMain)
+// Threads of a run that was given up sleep for good: the next kernel, and the one after it, run as if alone.
+TEST(Scheduler, AfterADeadlockTheNextRunIsSound)
 {
-    int unwound = 0;
-    struct Counter {
-        int& count;
-        ~Counter() { ++count; }
-    };
-    const std::vector<Finding> findings = Record([&](Kernel& kernel) {
-        KEVENT never;
-        KeInitializeEvent(&never, NotificationEvent, FALSE);
-        std::vector<ThreadHandle> threads;
-        for (int i = 0; i < 5; ++i)
-            threads.push_back(kernel.Spawn("stuck", [&] {
-                const Counter counter{unwound};
-                KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
-            }));
-        try {
-            KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
-        } catch (const SimulationStopped&) {
-            EXPECT_EQ(unwound, 5);
-            throw;
-        }
-    });
-    EXPECT_EQ(RuleNames(findings), "Deadlock");
-    EXPECT_EQ(unwound, 5);
+    const Outcome sound = MeetWith({});
+    for (int i = 0; i < 3; ++i) {
+        bool went_on = false;
+        const std::vector<Finding> findings = Record([&went_on](Kernel& kernel) {
+            KEVENT never;
+            KeInitializeEvent(&never, NotificationEvent, FALSE);
+            const auto wait = [&] { KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr); };
+            std::vector<ThreadHandle> threads;
+            for (int t = 0; t < 5; ++t)
+                threads.push_back(kernel.Spawn("stuck", wait));
+            wait();
+            went_on = true;
+        });
+        EXPECT_EQ(RuleNames(findings), "Deadlock");
+        EXPECT_FALSE(went_on);
+        EXPECT_EQ(MeetWith({}), sound);
+    }
+}
+
+TEST(Scheduler, AnIsolatedRunHandsOnWhatItsScenarioThrows)
+{
+    EXPECT_TRUE(RunIsolated([] { Kernel kernel; }));
+    EXPECT_THROW((void)RunIsolated([] {
+                     Kernel kernel;
+                     throw std::runtime_error("no");
+                 }),
+                 std::runtime_error);
 }
 
 TEST(Scheduler, LivelockEndsTheRun)
