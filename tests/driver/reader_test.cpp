@@ -1,10 +1,7 @@
 // The continuous reader: how it makes the module talk, what it brings to the clients, and what ends it.
-#include "rig.h"
-
-#include "usbd/usb_port.h"
+#include "scripted_module.h"
 
 #include <algorithm>
-#include <deque>
 
 namespace navox_test {
 namespace {
@@ -17,68 +14,7 @@ using module::PacketFault;
 using module::Pipe;
 using Strings = std::vector<std::string>;
 
-constexpr std::uint8_t kBulkIn = 0x82;
 constexpr host::Time kTick = 16 * kMillisecond; // of the clock, rounded up
-
-// A module that answers each command with the packets it was told to, and is silent when it was not told.
-class ScriptedModule : public module::GpsModule {
-  public:
-    explicit ScriptedModule(std::vector<Strings> answers) : GpsModule(Mute()), answers_(std::move(answers)) {}
-
-    // A packet that comes without being asked for.
-    void Send(std::string packet) { packets_.push_back(std::move(packet)); }
-
-    module::Packet In(std::uint8_t endpoint) override
-    {
-        if (endpoint != kBulkIn)
-            return GpsModule::In(endpoint);
-        for (; heard_ < Look().at_command_count && heard_ < answers_.size(); ++heard_)
-            packets_.insert(packets_.end(), answers_[heard_].begin(), answers_[heard_].end());
-        if (packets_.empty())
-            return {};
-        const std::string packet = packets_.front();
-        packets_.pop_front();
-        return {module::Handshake::Ack, {packet.begin(), packet.end()}};
-    }
-
-  private:
-    static module::GpsModuleOptions Mute()
-    {
-        module::GpsModuleOptions options;
-        options.echo = false;
-        options.faults.answers = {{.kind = AnswerFault::Kind::Nothing, .times = 1'000'000}};
-        return options;
-    }
-
-    const std::vector<Strings> answers_; // to the first command, the second ...
-    std::size_t heard_ = 0;
-    std::deque<std::string> packets_;
-};
-
-RigOptions WithoutModule()
-{
-    RigOptions options;
-    options.plug = false;
-    return options;
-}
-
-// A machine with a scripted module.
-struct Conversation {
-    explicit Conversation(std::vector<Strings> answers) : rig(WithoutModule())
-    {
-        rig.module = device = std::make_shared<ScriptedModule>(std::move(answers));
-        rig.usb_port = host::UsbBus::Current().Plug(device);
-        host::PnpManager::Current().Settle();
-    }
-    void Send(std::string packet)
-    {
-        device->Send(std::move(packet));
-        host::UsbBus::Current().Ports().front()->Poke();
-    }
-
-    std::shared_ptr<ScriptedModule> device;
-    Rig rig;
-};
 
 // What the reader has on the bus since the log was emptied: "reset 02", "command", "answer" (a read of one packet),
 // "stream" (a transfer of 4096 bytes), "abort 82", "line" for each set-up request.

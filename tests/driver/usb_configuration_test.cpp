@@ -1,0 +1,399 @@
+// The start of the device: descriptors, configuration, pipes, and the URBs that the bus is given.
+#include "lower_filter.h"
+#include "rig.h"
+
+#include "io/device.h"
+#include "navox.h"
+
+#include <algorithm>
+
+namespace navox_test {
+namespace {
+
+using host::FaultPoint;
+using host::PnpManager;
+using module::Lie;
+using Strings = std::vector<std::string>;
+
+DEVICE_EXTENSION& Inside(Rig& rig)
+{
+    return *GetExtension(host::IopTopOf(rig.Node()->pdo));
+}
+
+RigOptions ByHand(RigOptions options = {})
+{
+    options.plug = false;
+    return options;
+}
+
+// A module that has arrived and has its driver, but is not started.
+struct Arrived {
+    explicit Arrived(RigOptions options = {}) : rig(ByHand(std::move(options)))
+    {
+        PnpManager::Current().SetAutomatic(false);
+        rig.Plug();
+        EXPECT_EQ(PnpManager::Current().AddDevice(rig.Node()), STATUS_SUCCESS);
+        rig.TakeBusLog();
+    }
+    NTSTATUS Start() { return PnpManager::Current().Start(rig.Node()); }
+
+    Rig rig;
+};
+
+const Strings kReads(3, "GET_DESCRIPTOR_FROM_DEVICE");
+const Strings kSelections(2, "SELECT_CONFIGURATION");
+
+Strings operator+(Strings a, const Strings& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST(Start, ReadsThreeDescriptorsAndSelectsTwice)
+{
+    Arrived arrived;
+    ASSERT_EQ(arrived.Start(), STATUS_SUCCESS);
+    const auto log = host::UsbBus::Current().Log();
+    EXPECT_EQ(arrived.rig.TakeBusLog(), kReads + kSelections);
+    const std::uint16_t total = log[2].setup.at(0).wLength;
+    struct {
+        std::uint16_t wValue, wLength;
+    } const reads[] = {{0x0100, 18}, {0x0200, 9}, {0x0200, total}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const module::SetupPacket& setup = log[i].setup.at(0);
+        EXPECT_EQ(setup.bmRequestType, 0x80) << i;
+        EXPECT_EQ(setup.bRequest, 6) << i;
+        EXPECT_EQ(setup.wValue, reads[i].wValue) << i;
+        EXPECT_EQ(setup.wIndex, 0) << i;
+        EXPECT_EQ(setup.wLength, reads[i].wLength) << i;
+    }
+    EXPECT_EQ(log[1].data.at(2) | log[1].data.at(3) << 8, total);
+    EXPECT_EQ(arrived.rig.module->Look().configuration, 1);
+    EXPECT_TRUE(std::ranges::all_of(log, [](const host::UsbRequest& request) { return request.done; }));
+}
+
+// Descriptors ------------------------------------------------------------------------------------------------
+
+struct Tale {
+    Lie lie;
+    NTSTATUS status;
+    std::size_t selections; // that the bus sees before the driver gives up
+};
+
+class Lies : public ::testing::TestWithParam<Tale> {};
+
+// The start fails with the status, or the port works.
+TEST_P(Lies, AreSeenThrough)
+{
+    RigOptions options;
+    options.module.faults.lie = GetParam().lie;
+    Arrived arrived(std::move(options));
+    EXPECT_EQ(arrived.Start(), GetParam().status);
+    EXPECT_EQ(std::ranges::count(arrived.rig.TakeBusLog(), kSelections[0]),
+              static_cast<std::ptrdiff_t>(GetParam().selections));
+    Port port;
+    if (NT_SUCCESS(GetParam().status)) {
+        EXPECT_EQ(arrived.rig.OpenStreaming().Read(32).Text(), kEmptyFix);
+    } else {
+        EXPECT_EQ(arrived.rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_TRUE(host::nt::Interfaces(GUID_DEVINTERFACE_COMPORT).empty());
+    }
+}
+
+constexpr NTSTATUS kMissing = STATUS_INSUFFICIENT_RESOURCES; // a missing interface counts as a lack of memory
+constexpr NTSTATUS kWrong = STATUS_DEVICE_CONFIGURATION_ERROR;
+INSTANTIATE_TEST_SUITE_P(
+    Table, Lies,
+    ::testing::Values(Tale{Lie::None, STATUS_SUCCESS, 2},
+                      // Lengths.
+                      Tale{Lie::TotalLengthTooLong, STATUS_SUCCESS, 2},
+                      Tale{Lie::TotalLengthTooShort, kMissing, 0}, Tale{Lie::TotalLengthTiny, kMissing, 0},
+                      Tale{Lie::TotalLengthZero, kMissing, 0}, Tale{Lie::ConfigurationTruncated, kMissing, 0},
+                      Tale{Lie::ZeroLengthDescriptor, kMissing, 0},
+                      Tale{Lie::OverlongDescriptor, kWrong, 0}, // takes the last endpoint with it
+                      // Interfaces.
+                      Tale{Lie::NoCommInterface, kMissing, 1}, Tale{Lie::NoDataInterface, kMissing, 0},
+                      Tale{Lie::NoInterfaces, kMissing, 0}, Tale{Lie::DataInAlternateOnly, kWrong, 0},
+                      // Pipes: their number is checked before the selection, their kind after it.
+                      Tale{Lie::TwoBulkIn, kWrong, 1}, Tale{Lie::TwoBulkOut, kWrong, 1},
+                      Tale{Lie::BulkIsInterrupt, kWrong, 1}, Tale{Lie::BulkIsIsochronous, kWrong, 1},
+                      Tale{Lie::InterruptIsBulk, kWrong, 2}, Tale{Lie::InterruptIsOut, kWrong, 2},
+                      Tale{Lie::ExtraDataEndpoint, kWrong, 0}, Tale{Lie::MissingDataEndpoint, kWrong, 0},
+                      Tale{Lie::ExtraCommEndpoint, kWrong, 1}, Tale{Lie::MissingCommEndpoint, kWrong, 1}),
+    [](const auto& info) { return std::string(module::Name(info.param.lie)); });
+
+// Endpoints that are not there cannot be used, however many are promised. The bus has the last word.
+TEST(Lie, AboutTheNumberOfEndpointsFailsTheStart)
+{
+    RigOptions options;
+    options.module.faults.lie = Lie::EndpointCountTooHigh;
+    Arrived arrived(std::move(options));
+    EXPECT_FALSE(NT_SUCCESS(arrived.Start()));
+}
+
+// A pipe without room for a byte never brings the module's agreement, and nothing spins meanwhile.
+TEST(Lie, AboutThePacketSizeLeavesAPortWithoutAStream)
+{
+    RigOptions options;
+    options.module.faults.lie = Lie::ZeroMaxPacket;
+    options.kernel.max_steps = 200'000;
+    Arrived arrived(std::move(options));
+    if (!NT_SUCCESS(arrived.Start()))
+        return;
+    const Port port = arrived.rig.Open();
+    arrived.rig.RunFor(30 * kSecond);
+    EXPECT_EQ(port.Read(32).Text(), kEmptyFix);
+    EXPECT_EQ(port.InQueue(), 0U);
+}
+
+// Pipes ------------------------------------------------------------------------------------------------------
+
+struct Function {
+    int number;
+    module::FunctionOptions options;
+};
+
+class Functions : public ::testing::TestWithParam<Function> {};
+
+// Whatever the module's numbers and the order of its endpoints, the three pipes are found and used.
+TEST_P(Functions, AreUsedAsTheyDescribeThemselves)
+{
+    const module::FunctionOptions& function = GetParam().options;
+    RigOptions options;
+    options.module.function = function;
+    Rig rig(std::move(options));
+    const DEVICE_EXTENSION& inside = Inside(rig);
+    EXPECT_EQ(inside.BulkInPipe.EndpointAddress, function.bulk_in);
+    EXPECT_EQ(inside.BulkOutPipe.EndpointAddress, function.bulk_out);
+    EXPECT_EQ(inside.InterruptPipe.EndpointAddress, function.interrupt_in);
+    EXPECT_EQ(inside.BulkInPipe.MaximumPacketSize, module::BulkPacketSize(function.speed));
+    EXPECT_EQ(inside.InterruptPipe.MaximumPacketSize, module::kInterruptPacketSize);
+    EXPECT_EQ(inside.CommunicationInterface.InterfaceNumber, function.comm_interface);
+    EXPECT_EQ(inside.DataInterface.InterfaceNumber, function.data_interface);
+    EXPECT_EQ(inside.RemoteWakeupCapable, function.remote_wakeup ? TRUE : FALSE);
+
+    const Port port = rig.OpenStreaming();
+    rig.RunFor(3 * kSecond);
+    EXPECT_GT(port.InQueue(), 32U);
+    for (const host::UsbRequest& request : host::UsbBus::Current().Log()) {
+        const bool bulk = request.function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
+        if (bulk && request.endpoint == function.bulk_in && request.length != kReadBufferSize) {
+            EXPECT_EQ(request.length, module::BulkPacketSize(function.speed)); // an answer: one packet
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, Functions,
+    ::testing::Values(Function{1, {}}, Function{2, {.bulk_out_first = true}},
+                      Function{3, {.speed = module::Speed::Full}},
+                      Function{
+                          4, {.speed = module::Speed::Full, .remote_wakeup = false, .bulk_out_first = true}},
+                      Function{5,
+                               {.comm_interface = 7,
+                                .data_interface = 3,
+                                .interrupt_in = 0x8F,
+                                .bulk_in = 0x81,
+                                .bulk_out = 0x0E}}),
+    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+
+// URBs -------------------------------------------------------------------------------------------------------
+
+struct Form {
+    USHORT length;
+    ULONG transfer_flags; // of what has any
+    bool seen = false;
+};
+
+void CheckTransfer(const _URB_BULK_OR_INTERRUPT_TRANSFER& transfer, const Form& form)
+{
+    EXPECT_EQ(transfer.TransferFlags, form.transfer_flags);
+    EXPECT_EQ(transfer.TransferBufferMDL, nullptr);
+    EXPECT_EQ(transfer.UrbLink, nullptr);
+    EXPECT_NE(transfer.TransferBuffer, nullptr);
+}
+
+void CheckClassRequest(const _URB_CONTROL_VENDOR_OR_CLASS_REQUEST& request)
+{
+    constexpr UCHAR get_comm_feature = 3;
+    EXPECT_EQ(request.TransferFlags, request.Request == get_comm_feature ? 3U : 2U);
+    EXPECT_NE(request.TransferBuffer, nullptr); // also where no data go with it
+    EXPECT_EQ(request.TransferBufferMDL, nullptr);
+    EXPECT_EQ(request.UrbLink, nullptr);
+    EXPECT_EQ(request.RequestTypeReservedBits, 0);
+}
+
+// From the start to the last close, every URB has the length and the fields of its kind.
+TEST(Urbs, HaveTheFormOfTheirKind)
+{
+    std::map<USHORT, Form> forms = {{URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, {136, 0}},
+                                    {URB_FUNCTION_SELECT_CONFIGURATION, {0, 0}},
+                                    {URB_FUNCTION_CLASS_INTERFACE, {136, 0}},
+                                    {URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, {40, 0}},
+                                    {URB_FUNCTION_ABORT_PIPE, {40, 0}},
+                                    {URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER, {128, 2}}};
+    LowerFilter filter;
+    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
+        const USHORT function = urb.UrbHeader.Function;
+        EXPECT_TRUE(forms.contains(function)) << function;
+        Form& form = forms[function];
+        form.seen = true;
+        if (form.length != 0) {
+            EXPECT_EQ(urb.UrbHeader.Length, form.length) << function;
+        }
+        if (function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER)
+            CheckTransfer(urb.UrbBulkOrInterruptTransfer, form);
+        if (function == URB_FUNCTION_CLASS_INTERFACE)
+            CheckClassRequest(urb.UrbControlVendorClassRequest);
+        if (function == URB_FUNCTION_SELECT_CONFIGURATION) {
+            const auto& interface = urb.UrbSelectConfiguration.Interface;
+            for (ULONG i = 0; i < interface.NumberOfPipes; ++i)
+                EXPECT_EQ(interface.Pipes[i].MaximumTransferSize, 0xFFFFFFFFU) << i;
+        }
+        return {};
+    });
+    RigOptions options;
+    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
+    options.module.faults.answers = {{.kind = module::AnswerFault::Kind::Nothing}};
+    Rig rig(std::move(options));
+    {
+        const Port port = rig.Open();
+        rig.RunFor(12 * kSecond);
+        EXPECT_TRUE(rig.module->Look().nmea_flowing);
+    }
+    for (const auto& [function, form] : forms)
+        EXPECT_TRUE(form.seen) << function;
+}
+
+// A bus driver may complete what it is given before it returns.
+TEST(Urbs, MayBeAnsweredAtOnce)
+{
+    LowerFilter filter;
+    int transfers = 0;
+    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
+        if (urb.UrbHeader.Function == URB_FUNCTION_CLASS_INTERFACE)
+            return STATUS_SUCCESS;
+        auto& transfer = urb.UrbBulkOrInterruptTransfer;
+        const bool stream = urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
+                            transfer.TransferBufferLength == kReadBufferSize;
+        if (!stream || ++transfers > 3)
+            return {};
+        std::memcpy(transfer.TransferBuffer, "inline", 6);
+        transfer.TransferBufferLength = 6;
+        return STATUS_SUCCESS;
+    });
+    RigOptions options;
+    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
+    options.source = nullptr;
+    options.module.ignores_idle = true;
+    Rig rig(std::move(options));
+    const Port port = rig.Open();
+    EXPECT_EQ(port.Read(50).Text(), std::string(kEmptyFix) + "inlineinlineinline");
+}
+
+// What the bus reports as damaged is thrown away although the request has succeeded, and the next transfer follows.
+TEST(Urbs, ThatSucceedWithDamagedDataAreThrownAway)
+{
+    LowerFilter filter;
+    int transfers = 0;
+    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
+        auto& transfer = urb.UrbBulkOrInterruptTransfer;
+        const bool stream = urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
+                            transfer.TransferBufferLength == kReadBufferSize;
+        if (!stream || ++transfers > 2)
+            return {};
+        std::memcpy(transfer.TransferBuffer, "good", 4);
+        transfer.TransferBufferLength = 4;
+        urb.UrbHeader.Status = transfers == 1 ? USBD_STATUS_CRC : USBD_STATUS_SUCCESS;
+        return STATUS_SUCCESS;
+    });
+    RigOptions options;
+    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
+    options.source = nullptr;
+    Rig rig(std::move(options));
+    const Port port = rig.Open();
+    EXPECT_EQ(port.Read(36).Text(), std::string(kEmptyFix) + "good");
+    rig.RunFor(5 * kSecond);
+    EXPECT_EQ(port.InQueue(), 0U);
+    EXPECT_EQ(transfers, 3);
+}
+
+// A bus that claims to have brought more than there was room for is not believed.
+TEST(Urbs, ThatClaimTooMuchAreCut)
+{
+    LowerFilter filter;
+    int transfers = 0;
+    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
+        auto& transfer = urb.UrbBulkOrInterruptTransfer;
+        const bool bulk = urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
+        const bool answer = bulk && transfer.TransferBufferLength == 512;
+        const bool stream = bulk && transfer.TransferBufferLength == kReadBufferSize;
+        if ((!answer && !stream) || ++transfers > 2)
+            return {};
+        std::memset(transfer.TransferBuffer, '$', transfer.TransferBufferLength);
+        transfer.TransferBufferLength = 0x7FFFFFFF;
+        return STATUS_SUCCESS;
+    });
+    RigOptions options;
+    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
+    Rig rig(std::move(options));
+    const Port port = rig.OpenStreaming();
+    rig.RunFor(5 * kSecond);
+    EXPECT_GT(port.InQueue(), 32U);
+    EXPECT_GT(transfers, 2);
+}
+
+// Failing steps ----------------------------------------------------------------------------------------------
+
+struct Failure {
+    int number;
+    FaultPoint point;
+    host::FaultPlan plan;
+    NTSTATUS status;
+};
+
+host::FaultPlan Nth(const char* detail, std::uint64_t nth, NTSTATUS status)
+{
+    return {.detail = detail, .nth = nth, .fault = {.status = status}};
+}
+
+class FailedStart : public ::testing::TestWithParam<Failure> {};
+
+// Its status comes back, the state is as before, and the next start succeeds.
+TEST_P(FailedStart, CanBeRepeated)
+{
+    const Failure& c = GetParam();
+    Arrived arrived;
+    arrived.rig.kernel.Faults().Arm(c.point, c.plan);
+    EXPECT_EQ(arrived.Start(), c.status);
+    EXPECT_EQ(arrived.rig.kernel.Faults().Faults(c.point), 1U);
+    EXPECT_EQ(Inside(arrived.rig).DevicePnPState, STATE_NEVER_STARTED);
+    EXPECT_TRUE(host::nt::Interfaces(GUID_DEVINTERFACE_COMPORT).empty());
+    ASSERT_EQ(arrived.Start(), STATUS_SUCCESS);
+    EXPECT_EQ(arrived.rig.OpenStreaming().Read(32).Text(), kEmptyFix);
+}
+
+constexpr const char* kGet = "GET_DESCRIPTOR_FROM_DEVICE";
+constexpr const char* kSelect = "SELECT_CONFIGURATION";
+constexpr NTSTATUS kNoMemory = STATUS_INSUFFICIENT_RESOURCES;
+INSTANTIATE_TEST_SUITE_P(
+    Table, FailedStart,
+    ::testing::Values(
+        Failure{1, FaultPoint::BusRequest, Nth(kGet, 1, STATUS_DEVICE_DATA_ERROR), STATUS_DEVICE_DATA_ERROR},
+        Failure{2, FaultPoint::BusRequest, Nth(kGet, 3, STATUS_NO_SUCH_DEVICE), STATUS_NO_SUCH_DEVICE},
+        Failure{3, FaultPoint::BusRequest, Nth(kSelect, 1, STATUS_DEVICE_NOT_READY), STATUS_DEVICE_NOT_READY},
+        Failure{4, FaultPoint::BusRequest, Nth(kSelect, 2, STATUS_IO_TIMEOUT), STATUS_IO_TIMEOUT},
+        // URB and buffer of the device descriptor, then of the configuration's head, then of all of it.
+        Failure{5, FaultPoint::PoolAllocate, Nth("NxDu", 1, 0), kNoMemory},
+        Failure{6, FaultPoint::PoolAllocate, Nth("NxDs", 1, 0), kNoMemory},
+        Failure{7, FaultPoint::PoolAllocate, Nth("NxDu", 2, 0), kNoMemory},
+        Failure{8, FaultPoint::PoolAllocate, Nth("NxDs", 2, 0), kNoMemory},
+        Failure{9, FaultPoint::PoolAllocate, Nth("NxDs", 3, 0), kNoMemory},
+        Failure{10, FaultPoint::PoolAllocate, Nth("USBD", 1, 0), kNoMemory},
+        Failure{11, FaultPoint::PoolAllocate, Nth("USBD", 2, 0), kNoMemory},
+        Failure{12, FaultPoint::IrpAllocate, Nth("", 1, 0), kNoMemory},
+        Failure{13, FaultPoint::IrpAllocate, Nth("", 5, 0), kNoMemory}),
+    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+
+} // namespace
+} // namespace navox_test
