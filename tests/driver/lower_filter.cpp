@@ -5,8 +5,6 @@
 
 #include <usbioctl.h>
 
-#include <usbioctl.h>
-
 namespace navox_test {
 namespace {
 
@@ -148,7 +146,8 @@ NTSTATUS LowerFilter::Dispatch(PDEVICE_OBJECT device, PIRP irp)
     }
     const std::optional<NTSTATUS> plan = PlanFor(name, device, irp);
     if (!plan)
-        return PassOn(device, irp);
+        return urb_hook_ && major == IRP_MJ_INTERNAL_DEVICE_CONTROL ? DispatchUrb(device, irp)
+                                                                    : PassOn(device, irp);
     if (*plan == STATUS_PENDING)
         return STATUS_PENDING;
     if (major == IRP_MJ_POWER)

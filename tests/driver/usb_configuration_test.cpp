@@ -1,9 +1,5 @@
 // The start of the device: descriptors, configuration, pipes, and the URBs that the bus is given.
-#include "lower_filter.h"
-#include "rig.h"
-
-#include "io/device.h"
-#include "navox.h"
+#include "lifecycle.h"
 
 #include <algorithm>
 
@@ -14,11 +10,6 @@ using host::FaultPoint;
 using host::PnpManager;
 using module::Lie;
 using Strings = std::vector<std::string>;
-
-DEVICE_EXTENSION& Inside(Rig& rig)
-{
-    return *GetExtension(host::IopTopOf(rig.Node()->pdo));
-}
 
 RigOptions ByHand(RigOptions options = {})
 {
@@ -106,6 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
     Table, Lies,
     ::testing::Values(Tale{Lie::None, STATUS_SUCCESS, 2},
                       // Lengths.
+                      Tale{Lie::DeviceTruncated, STATUS_SUCCESS, 2},
                       Tale{Lie::TotalLengthTooLong, STATUS_SUCCESS, 2},
                       Tale{Lie::TotalLengthTooShort, kMissing, 0}, Tale{Lie::TotalLengthTiny, kMissing, 0},
                       Tale{Lie::TotalLengthZero, kMissing, 0}, Tale{Lie::ConfigurationTruncated, kMissing, 0},
@@ -131,19 +123,23 @@ TEST(Lie, AboutTheNumberOfEndpointsFailsTheStart)
     EXPECT_FALSE(NT_SUCCESS(arrived.Start()));
 }
 
-// A pipe without room for a byte never brings the module's agreement, and nothing spins meanwhile.
+// A pipe without room for a byte brings one empty answer after the other, until the module is pulled.
 TEST(Lie, AboutThePacketSizeLeavesAPortWithoutAStream)
 {
     RigOptions options;
     options.module.faults.lie = Lie::ZeroMaxPacket;
-    options.kernel.max_steps = 200'000;
     Arrived arrived(std::move(options));
-    if (!NT_SUCCESS(arrived.Start()))
-        return;
+    ASSERT_EQ(arrived.Start(), STATUS_SUCCESS);
+    arrived.rig.kernel.Faults().Arm(
+        FaultPoint::BusRequest,
+        {.count = UINT64_MAX, .fault = {.action = host::FaultAction::Delay, .delay = 10 * kMillisecond}});
     const Port port = arrived.rig.Open();
-    arrived.rig.RunFor(30 * kSecond);
-    EXPECT_EQ(port.Read(32).Text(), kEmptyFix);
-    EXPECT_EQ(port.InQueue(), 0U);
+    arrived.rig.RunFor(3 * kSecond);
+    EXPECT_EQ(port.InQueue(), kEmptyFix.size());
+    arrived.rig.Unplug();
+    arrived.rig.TakeBusLog();
+    arrived.rig.RunFor(3 * kSecond);
+    EXPECT_TRUE(arrived.rig.TakeBusLog().empty());
 }
 
 // Pipes ------------------------------------------------------------------------------------------------------
