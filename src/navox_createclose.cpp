@@ -1,7 +1,9 @@
 #include "navox_createclose.h"
 
 #include "cdccomm.h"
+#include "navox_devio.h"
 #include "navox_read.h"
+#include "navox_requests.h"
 #include "navox_selsusp.h"
 #include "navox_utils.h"
 #include "registry_key.h"

@@ -1,10 +1,30 @@
 #include "navox_devio.h"
 
 #include "cdccomm.h"
+#include "navox_requests.h"
 #include "navox_sendatcommand.h"
 #include "navox_usb.h"
 #include "navox_utils.h"
 #include "navox_write.h"
+
+void QueueReader(DEVICE_EXTENSION* extension)
+{
+    SpinLockGuard guard(&extension->StateLock);
+    if (extension->DevicePnPState != STATE_REMOVED)
+        KeInsertQueueDpc(&extension->ReaderDpc, nullptr, nullptr);
+}
+
+void CancelReader(DEVICE_EXTENSION* extension)
+{
+    // Whoever takes the request out of the field may touch it; the reader does not free it before it has
+    // heard from us.
+    const PIRP irp = TakeIrp(&extension->ReaderIrp);
+    if (irp == nullptr)
+        return;
+    extension->ReaderCancelled = TRUE;
+    IoCancelIrp(irp);
+    KeSetEvent(&extension->ReaderCancelEvent, IO_NO_INCREMENT, FALSE);
+}
 
 namespace {
 

@@ -12,5 +12,12 @@
 
 KDEFERRED_ROUTINE ReaderDpc;
 
+// Queues ReaderDpc, unless the device has been removed: removal flushes the DPCs once. IRQL <=
+// DISPATCH_LEVEL.
+void QueueReader(DEVICE_EXTENSION* extension);
+
+// Cancels the reader's transfer if one is outstanding. Its data are not delivered. IRQL <= DISPATCH_LEVEL.
+void CancelReader(DEVICE_EXTENSION* extension);
+
 // Copies a transfer to every client. `bytes` has at least one byte, even if `length` is 0. PASSIVE_LEVEL.
 void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes);

@@ -9,6 +9,7 @@
 #include "navox_portname.h"
 #include "navox_power.h"
 #include "navox_read.h"
+#include "navox_requests.h"
 #include "navox_selsusp.h"
 #include "navox_utils.h"
 #include "navox_wmi.h"

@@ -2,6 +2,7 @@
 
 #include "navox_gps.h"
 #include "navox_read.h"
+#include "navox_requests.h"
 #include "navox_utils.h"
 #include "navox_write.h"
 

@@ -1,7 +1,9 @@
 #include "navox_pnp.h"
 
 #include "navox_createclose.h"
+#include "navox_devio.h"
 #include "navox_portname.h"
+#include "navox_requests.h"
 #include "navox_selsusp.h"
 #include "navox_usb.h"
 #include "navox_utils.h"

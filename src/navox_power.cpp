@@ -1,5 +1,6 @@
 #include "navox_power.h"
 
+#include "navox_devio.h"
 #include "navox_selsusp.h"
 #include "navox_usb.h"
 #include "navox_utils.h"

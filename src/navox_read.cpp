@@ -1,5 +1,6 @@
 #include "navox_read.h"
 
+#include "navox_requests.h"
 #include "navox_utils.h"
 
 namespace {

@@ -1,5 +1,8 @@
 #include "navox_write.h"
 
+#include "navox_requests.h"
+#include "navox_utils.h"
+
 namespace {
 
 ULONG& SystemWord(PIRP irp)

@@ -6,7 +6,7 @@
 //        '--WAIT_ON_MASK, events in the history----------> completed with them
 #pragma once
 
-#include "navox_utils.h"
+#include "navox_requests.h"
 
 // The port is receive-only: what applications write is accepted and discarded.
 DRIVER_DISPATCH WriteDispatch;
