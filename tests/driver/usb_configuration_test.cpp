@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
     Table, Lies,
     ::testing::Values(Tale{Lie::None, STATUS_SUCCESS, 2},
                       // Lengths.
-                      Tale{Lie::DeviceTruncated, STATUS_SUCCESS, 2},
+
                       Tale{Lie::TotalLengthTooLong, STATUS_SUCCESS, 2},
                       Tale{Lie::TotalLengthTooShort, kMissing, 0}, Tale{Lie::TotalLengthTiny, kMissing, 0},
                       Tale{Lie::TotalLengthZero, kMissing, 0}, Tale{Lie::ConfigurationTruncated, kMissing, 0},
