@@ -1,5 +1,5 @@
 # navox_add_test(<name> [SOURCES] <source>... [LIBS <library>...] [LABELS <label>...] [TIMEOUT <seconds>]
-#                [OWN_MAIN])
+#                [ENVIRONMENT <name=value>...] [OWN_MAIN])
 #
 # One area of tests: a GoogleTest executable whose cases CTest lists as <name>.<suite>.<case>. TIMEOUT is
 # for each case (default 60 s). Cases with the label `live` also run under ThreadSanitizer; the target live_tests
@@ -9,7 +9,7 @@ include(GoogleTest)
 add_custom_target(live_tests)
 
 function(navox_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "OWN_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "OWN_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT")
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 60)
   endif()
@@ -29,6 +29,10 @@ function(navox_add_test name)
     string(REPLACE ";" "\\;" labels "${arg_LABELS}")
     list(APPEND properties LABELS "${labels}")
   endif()
-  gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 30
+  if(arg_ENVIRONMENT)
+    string(REPLACE ";" "\\;" environment "${arg_ENVIRONMENT}")
+    list(APPEND properties ENVIRONMENT "${environment}")
+  endif()
+  gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 30 NO_PRETTY_VALUES
                        PROPERTIES ${properties})
 endfunction()
