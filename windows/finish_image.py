@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Gives a linked driver image the section flags that the cross-linker has no option for, and a fresh checksum.
 
-INIT is discarded after DriverEntry. Everything but INIT, the relocations and the PAGE sections stays resident.
+INIT is discarded after DriverEntry, and nobody needs the link to the symbols in memory. Everything but these, the
+relocations and the PAGE sections stays resident.
 """
 
 import argparse
@@ -13,7 +14,8 @@ import pe_image
 def finish(image):
     for section in image.sections:
         flags = section.flags
-        if section.name in ("INIT", ".reloc"):
+        is_debug_link = section.name.startswith("/")  # a long name, which is in the string table
+        if section.name in ("INIT", ".reloc") or is_debug_link:
             flags |= pe_image.SECTION_DISCARDABLE
         elif not section.name.startswith(("PAGE", ".rsrc")):
             flags |= pe_image.SECTION_NOT_PAGED

@@ -1,5 +1,6 @@
 """A Windows x64 image as bytes: the headers, sections, imports and resources that the driver's checks need."""
 
+import hashlib
 import struct
 from dataclasses import dataclass
 
@@ -22,7 +23,8 @@ SECTION_EXECUTE = 0x20000000
 SECTION_READ = 0x40000000
 SECTION_WRITE = 0x80000000
 
-DIRECTORY_EXPORT, DIRECTORY_IMPORT, DIRECTORY_RESOURCE, DIRECTORY_RELOC, DIRECTORY_TLS = 0, 1, 2, 5, 9
+DIRECTORY_EXPORT, DIRECTORY_IMPORT, DIRECTORY_RESOURCE, DIRECTORY_SECURITY, DIRECTORY_RELOC = 0, 1, 2, 4, 5
+DIRECTORY_TLS = 9
 RESOURCE_VERSION = 16
 FIXED_FILE_INFO_SIGNATURE = 0xFEEF04BD
 
@@ -191,6 +193,15 @@ class Image:
         while total >> 16:
             total = (total & 0xFFFF) + (total >> 16)
         return total + len(self.data)
+
+    def signed_digest(self, algorithm):
+        """What a signature of the image signs: all of it but the checksum and the signature itself, which is last."""
+        checksum, entry = self.optional + CHECKSUM_OFFSET, self.optional + 112 + 8 * DIRECTORY_SECURITY
+        start, _ = self.directory(DIRECTORY_SECURITY)  # an offset in the file
+        data = bytes(self.data[: start or len(self.data)])
+        data += bytes(-len(data) % 8)
+        kept = data[:checksum] + data[checksum + 4 : entry] + data[entry + 8 :]
+        return hashlib.new(algorithm, kept).digest()
 
     def update_checksum(self):
         self.put("<I", self.optional + CHECKSUM_OFFSET, self.checksum())
