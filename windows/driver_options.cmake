@@ -12,6 +12,8 @@ target_compile_options(
   navox_driver_options
   INTERFACE -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector
             -mno-stack-arg-probe -fno-strict-aliasing -Wframe-larger-than=2048
+            # The symbols are given away: they say nothing about the machine that built them.
+            "-fdebug-prefix-map=${PROJECT_SOURCE_DIR}=navox"
             # LONG is long here and int on the host, both 32 bits: formats are checked there.
             -Wno-format)
 target_link_options(
