@@ -25,7 +25,7 @@ void Own(FAST_MUTEX& mutex, Thread& self, KIRQL old_irql, const void* caller)
 void CheckUse(FAST_MUTEX& mutex, const char* routine, const void* caller)
 {
     VfRequireIrqlAtMost(APC_LEVEL, Rule::FastMutexIrql, routine, caller);
-    if (mutex.Event.Header.WaitListHead.Flink == nullptr) {
+    if (!KiIsInitialized(mutex.Event.Header)) {
         VfReport(Rule::FastMutexUninitialized, routine, "a fast mutex was never initialised", caller);
         ExInitializeFastMutex(&mutex);
     }

@@ -5,6 +5,7 @@
 #include "io/io_manager.h"
 #include "io/memory.h"
 #include "io/pnp_manager.h"
+#include "ke/mutex.h"
 #include "po/power_manager.h"
 #include "verifier/pnp_rules.h"
 
@@ -26,11 +27,23 @@ void FreeDevice(PDEVICE_OBJECT device)
     IopFreeMemory(device);
 }
 
-void FreeWhenUnused(PDEVICE_OBJECT device)
+// Of all devices: what keeps a device is given up under it, so that one caller sees the last of it go.
+Mutex g_holds;
+
+// Runs `release` and frees the device when nothing keeps it any more.
+template <typename Release>
+void ReleaseHold(PDEVICE_OBJECT device, Release release)
 {
-    const auto* extension = device->DeviceObjectExtension;
-    if (extension->delete_pending && device->AttachedDevice == nullptr && device->ReferenceCount == 0 &&
-        extension->pointer_references == 0)
+    bool unused;
+    {
+        const MutexLock lock(g_holds);
+        release(*device);
+        const auto* extension = device->DeviceObjectExtension;
+        unused = extension->delete_pending && device->AttachedDevice == nullptr &&
+                 __atomic_load_n(&device->ReferenceCount, __ATOMIC_ACQUIRE) == 0 &&
+                 extension->pointer_references == 0;
+    }
+    if (unused)
         FreeDevice(device);
 }
 
@@ -94,21 +107,28 @@ std::string IopDescribeDevice(PDEVICE_OBJECT device)
            device->DeviceObjectExtension->owner;
 }
 
-void IopReferenceDevice(PDEVICE_OBJECT device)
+LONG IopReferenceDevice(PDEVICE_OBJECT device)
 {
-    __atomic_add_fetch(&device->DeviceObjectExtension->pointer_references, 1, __ATOMIC_RELAXED);
+    const MutexLock lock(g_holds);
+    return ++device->DeviceObjectExtension->pointer_references;
 }
 
-void IopDereferenceDevice(PDEVICE_OBJECT device)
+LONG IopDereferenceDevice(PDEVICE_OBJECT device)
 {
-    if (__atomic_sub_fetch(&device->DeviceObjectExtension->pointer_references, 1, __ATOMIC_ACQ_REL) == 0)
-        FreeWhenUnused(device);
+    LONG left = 0;
+    ReleaseHold(device, [&left](DEVICE_OBJECT& held) {
+        auto& references = held.DeviceObjectExtension->pointer_references;
+        left = references - 1;
+        if (left >= 0)
+            references = left;
+    });
+    return left;
 }
 
 void IopCountClose(PDEVICE_OBJECT device)
 {
-    if (__atomic_sub_fetch(&device->ReferenceCount, 1, __ATOMIC_ACQ_REL) == 0)
-        FreeWhenUnused(device);
+    ReleaseHold(device,
+                [](DEVICE_OBJECT& held) { __atomic_sub_fetch(&held.ReferenceCount, 1, __ATOMIC_RELEASE); });
 }
 
 } // namespace host
@@ -152,8 +172,7 @@ VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject)
         return;
     IoManager::Current().Names().RemoveDevice(DeviceObject);
     UnlinkFromDriver(DeviceObject);
-    DeviceObject->DeviceObjectExtension->delete_pending = true;
-    FreeWhenUnused(DeviceObject);
+    ReleaseHold(DeviceObject, [](DEVICE_OBJECT& held) { held.DeviceObjectExtension->delete_pending = true; });
 }
 
 PDEVICE_OBJECT NTAPI IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice)
@@ -179,10 +198,8 @@ VOID NTAPI IoDetachDevice(PDEVICE_OBJECT TargetDevice)
     VfRequireIrqlAtMost(PASSIVE_LEVEL, Rule::IrqlPassive, "IoDetachDevice", caller);
     if (!VfDeviceDetach(TargetDevice, caller))
         return;
-    PDEVICE_OBJECT attached = TargetDevice->AttachedDevice;
-    TargetDevice->AttachedDevice = nullptr;
-    attached->DeviceObjectExtension->attached_to = nullptr;
-    FreeWhenUnused(TargetDevice);
+    TargetDevice->AttachedDevice->DeviceObjectExtension->attached_to = nullptr;
+    ReleaseHold(TargetDevice, [](DEVICE_OBJECT& held) { held.AttachedDevice = nullptr; });
 }
 
 PDEVICE_OBJECT NTAPI IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject)

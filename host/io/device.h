@@ -23,7 +23,7 @@ struct _DEVOBJ_EXTENSION {
     host::PnpNode* node = nullptr;        // of a physical device object
     std::unique_ptr<host::PoDevice> power;
     LONG pointer_references = 0;
-    bool delete_pending = false; // IoDeleteDevice was called, references remain
+    std::atomic<bool> delete_pending{false}; // IoDeleteDevice was called, references remain
     bool wmi_registered = false;
     std::string owner; // the driver's name, for reports
 };
@@ -38,9 +38,10 @@ PDEVICE_OBJECT IopBottomOf(PDEVICE_OBJECT device);
 // "\Device\x (driver)", for reports.
 std::string IopDescribeDevice(PDEVICE_OBJECT device);
 
-// One reference by pointer; the device's memory stays while there are any. IRQL <= DISPATCH_LEVEL.
-void IopReferenceDevice(PDEVICE_OBJECT device);
-void IopDereferenceDevice(PDEVICE_OBJECT device);
+// One reference by pointer; the device's memory stays while there are any. Returns how many there are then; negative:
+// there was none, and nothing has changed. IRQL <= DISPATCH_LEVEL.
+LONG IopReferenceDevice(PDEVICE_OBJECT device);
+LONG IopDereferenceDevice(PDEVICE_OBJECT device);
 
 // Ends an open of the device (DEVICE_OBJECT.ReferenceCount counts them).
 void IopCountClose(PDEVICE_OBJECT device);

@@ -29,11 +29,8 @@ extern "C" {
 
 LONG_PTR NTAPI ObfReferenceObject(PVOID Object)
 {
-    if (IoManager::Current().DeviceExists(static_cast<PDEVICE_OBJECT>(Object))) {
-        auto* device = static_cast<PDEVICE_OBJECT>(Object);
-        IopReferenceDevice(device);
-        return device->DeviceObjectExtension->pointer_references;
-    }
+    if (IoManager::Current().DeviceExists(static_cast<PDEVICE_OBJECT>(Object)))
+        return IopReferenceDevice(static_cast<PDEVICE_OBJECT>(Object));
     if (IsFile(Object)) {
         IopReferenceFile(FileOf(Object));
         return FileOf(Object)->references;
@@ -45,12 +42,10 @@ LONG_PTR NTAPI ObfDereferenceObject(PVOID Object)
 {
     if (IoManager::Current().DeviceExists(static_cast<PDEVICE_OBJECT>(Object))) {
         auto* device = static_cast<PDEVICE_OBJECT>(Object);
-        const LONG left = device->DeviceObjectExtension->pointer_references - 1;
+        const LONG left = IopDereferenceDevice(device);
         if (left < 0)
             VfReport(Rule::ObjectDereference, "device", IopDescribeDevice(device) + " has no reference left",
                      __builtin_return_address(0));
-        else
-            IopDereferenceDevice(device);
         return left;
     }
     if (IsFile(Object)) {

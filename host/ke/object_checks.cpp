@@ -6,9 +6,15 @@
 
 namespace host {
 
+bool KiIsInitialized(const DISPATCHER_HEADER& header)
+{
+    const MutexLock lock(KiDispatcher()); // which guards the list
+    return header.WaitListHead.Flink != nullptr;
+}
+
 void KiRequireInitialized(DISPATCHER_HEADER& header, const char* routine, const void* caller)
 {
-    if (header.WaitListHead.Flink != nullptr)
+    if (KiIsInitialized(header))
         return;
     VfReport(Rule::ObjectUninitialized, routine,
              std::string(routine) + " was given an object that was never initialised", caller);

@@ -6,7 +6,9 @@
 
 namespace host {
 
-// `object` was initialised: its wait list points somewhere. Reports and makes it usable if not.
+// Its wait list points somewhere.
+bool KiIsInitialized(const DISPATCHER_HEADER& header);
+// The object was initialised. Reports and makes it usable if not.
 void KiRequireInitialized(DISPATCHER_HEADER& header, const char* routine, const void* caller);
 // Dispatcher objects and DPCs are touched at DISPATCH_LEVEL by the kernel itself: they must not be paged.
 void KiRequireResident(const void* object, const char* routine, const void* caller);
