@@ -3,6 +3,7 @@
 
 #include "ke/kernel.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <wdm/io.h>
