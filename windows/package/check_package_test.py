@@ -30,7 +30,7 @@ INF_FAULTS = (
     ("version", "navox.cat", "other.cat"),
     ("sections", "[Navox.Hardware]", "[Navox.Hardwear]"),
     ("sections", "[Navox.NT.HW]\r\nAddReg = Navox.Hardware", "[Navox.NT.HW]"),
-    ("sections", "[Navox.NT.Services]", "[Navox.NT.CoInstallers]\r\nCopyFiles = Navox.Files\r\n\r\n[Navox.NT.Services]"),
+    ("sections", "[Navox.NT.HW]", "[Navox.NT.CoInstallers]\r\nCopyFiles = Navox.Files\r\n\r\n[Navox.NT.HW]"),
     ("sections", "[Navox.Service]\r\n", "[Navox.Service2]\r\n"),
     ("models", ", NTamd64.10.0...16299", ", NTamd64"),
     ("models", "&MI_00", ""),

@@ -1,7 +1,7 @@
 """A setup information file: sections of lines, each a key and its values, with the strings put in.
 
-Names of sections and keys are compared without regard to case. A line without a key (a file to copy, a registry value to
-add) has the key None.
+Names of sections and keys are compared without regard to case. A line without a key (a file to copy, a registry value
+to add) has the key None.
 """
 
 from dataclasses import dataclass
