@@ -459,7 +459,7 @@ void AppendKey(std::u16string& out, const CmRegistry& registry, const CmKeyPtr& 
     }
     for (const std::u16string& child : registry.SubKeys(key)) {
         if (CmKeyPtr childKey = registry.Open(key, child)) {
-            AppendKey(out, registry, childKey, name + u'\\' + child);
+            AppendKey(out, registry, childKey, std::u16string(name).append(u"\\").append(child));
         }
     }
 }

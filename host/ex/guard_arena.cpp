@@ -69,8 +69,8 @@ std::byte* GuardArena::Carve(std::size_t length)
 void GuardArena::Close(const GuardSlot& slot)
 {
     // One call that drops the pages and the access to them, and to the page after them.
-    mmap(slot.pages, slot.length + kGuardPage, PROT_NONE,
-         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+    (void)mmap(slot.pages, slot.length + kGuardPage, PROT_NONE,
+               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
 }
 
 void GuardArena::Reuse(const GuardSlot& slot)

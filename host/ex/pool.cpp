@@ -191,7 +191,7 @@ void* Pool::Place(PoolBlock& block)
                 GuardArena::SetAccessible(*block.slot, false);
         }
     }
-    blocks_[address] = std::move(block);
+    blocks_[address] = block;
     return address;
 }
 
@@ -375,9 +375,8 @@ bool Pool::HandleFault(const void* address, const void* instruction)
         const auto holds = [address](const PoolBlock& block) {
             return block.slot && address >= block.slot->pages && address < block.slot->End() + kGuardPage;
         };
-        if (found != blocks_.end() && holds(found->second))
-            touched = found->second;
-        else if (found != blocks_.begin() && holds((--found)->second))
+        if ((found != blocks_.end() && holds(found->second)) ||
+            (found != blocks_.begin() && holds((--found)->second)))
             touched = found->second;
     }
     if (!touched)

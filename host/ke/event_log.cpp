@@ -213,6 +213,7 @@ void EventLog::WriteText(std::ostream& out) const
     const std::vector<Event> events = Events();
     // Only actors that did something get a column.
     std::vector<ThreadId> actors;
+    actors.reserve(events.size());
     for (const Event& event : events)
         actors.push_back(event.actor);
     std::sort(actors.begin(), actors.end());

@@ -47,7 +47,7 @@ const SystemRoutine kRoutines[] = {
 std::string NameIn(const UNICODE_STRING& text)
 {
     std::string name;
-    for (USHORT i = 0; i < text.Length / sizeof(WCHAR); ++i)
+    for (std::size_t i = 0; i < text.Length / sizeof(WCHAR); ++i)
         name += static_cast<char>(text.Buffer[i] < 0x80 ? text.Buffer[i] : '?');
     return name;
 }

@@ -33,7 +33,7 @@ ACCESS_MASK NeededFor(UCHAR major, ULONG code)
 {
     switch (major) {
     case IRP_MJ_READ: return FILE_READ_DATA;
-    case IRP_MJ_WRITE: return FILE_WRITE_DATA;
+    case IRP_MJ_WRITE:
     case IRP_MJ_FLUSH_BUFFERS: return FILE_WRITE_DATA;
     case IRP_MJ_DEVICE_CONTROL: return (code >> 14) & (FILE_READ_ACCESS | FILE_WRITE_ACCESS);
     default: return 0;
