@@ -234,6 +234,9 @@ IrpRecordPtr VfIrpComplete(PIRP irp, const void* caller)
         return nullptr;
     }
     if (irp->CurrentLocation > irp->StackCount) {
+        // Whoever had the I/O manager build a request may keep it in its completion routine and finish it later.
+        if (record->request && record->calls != 0 && !record->in_flight)
+            return record;
         const Rule rule = record->calls == 0 ? Rule::IrpNeverSent : Rule::IrpDoubleCompletion;
         ReportIrp(rule, *record, "no driver has it", caller);
         return nullptr;
