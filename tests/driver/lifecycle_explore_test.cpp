@@ -1,0 +1,363 @@
+// Clients that read, wait, open and close while the device goes through its life, in an order left to chance; and two
+// actors that meet, in every order with at most two pre-emptions. NAVOX_SEEDS, NAVOX_FIRST_SEED and NAVOX_SCHEDULES
+// say how much of it is run.
+#include "exploration.h"
+#include "lifecycle.h"
+
+#include "po/power_manager.h"
+#include "usbd/usb_port.h"
+
+#include <algorithm>
+#include <random>
+
+namespace navox_test {
+namespace {
+
+using Random = std::mt19937_64;
+
+host::PnpManager& Pnp()
+{
+    return host::PnpManager::Current();
+}
+
+host::Time UpTo(Random& random, host::Time most)
+{
+    return static_cast<host::Time>(random() % static_cast<std::uint64_t>(most));
+}
+
+bool Streams(Rig& rig)
+{
+    Port port = rig.OpenStreaming();
+    EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
+    const std::string text = port.Read(6).Text();
+    EXPECT_EQ(text, "$GPGGA");
+    return text == "$GPGGA";
+}
+
+const host::Excuse kSpeaksToTheSleeping = {
+    .rule = host::Rule::UrbNotInD0,
+    .reason =
+        "opens, last closes and the round of the reader that is under way are not held back by a sleep"};
+
+// By chance ---------------------------------------------------------------------------------------------------
+
+// What happens to the device while it is in use. True: it has been through it. It is started again at the end.
+struct Change {
+    const char* name;
+    bool (*happen)(Rig& rig, Random& random);
+    host::Time pause = kSecond; // of clients, at most, between two opens
+};
+
+bool StopAndStart(Rig& rig, Random& random)
+{
+    const host::PnpNodePtr node = rig.Node();
+    if (random() % 3 != 0)
+        return Pnp().Rebalance(node) == STATUS_SUCCESS;
+    const NTSTATUS status = Pnp().QueryStop(node);
+    rig.RunFor(UpTo(random, kSecond));
+    return Pnp().CancelStop(node) == STATUS_SUCCESS && status == STATUS_SUCCESS;
+}
+
+bool QueryRemoveAndCancel(Rig& rig, Random& random)
+{
+    const NTSTATUS status = Pnp().QueryRemove(rig.Node());
+    rig.RunFor(UpTo(random, kSecond));
+    return Pnp().CancelRemove(rig.Node()) == STATUS_SUCCESS && status == STATUS_SUCCESS;
+}
+
+bool RemoveAndEnable(Rig& rig, Random& random)
+{
+    const host::PnpNodePtr node = rig.Node();
+    for (int attempt = 0; attempt < 40; ++attempt) {
+        if (Pnp().Disable(node) == STATUS_SUCCESS) {
+            rig.RunFor(UpTo(random, kSecond));
+            return Pnp().Enable(node) == STATUS_SUCCESS;
+        }
+        rig.RunFor(UpTo(random, kSecond / 2));
+    }
+    return false; // always in use
+}
+
+bool UnplugAndPlug(Rig& rig, Random& random)
+{
+    rig.Unplug();
+    const bool gone = rig.kernel.RunUntil([&] { return rig.Node() == nullptr; }, 60 * kSecond);
+    rig.RunFor(UpTo(random, kSecond));
+    rig.Plug();
+    return gone;
+}
+
+bool SleepAndResume(Rig& rig, Random& random)
+{
+    host::PowerManager& power = host::PowerManager::Current();
+    const NTSTATUS status =
+        random() % 3 != 0 ? power.Sleep(PowerSystemSleeping3) : power.CriticalSleep(PowerSystemSleeping3);
+    rig.RunFor(UpTo(random, 3 * kSecond));
+    return power.Wake() == STATUS_SUCCESS && status == STATUS_SUCCESS;
+}
+
+bool IdleAndWake(Rig& rig, Random& random)
+{
+    bool suspended = false;
+    for (int i = 0; i < 30; ++i) {
+        rig.usb_port->AllowIdle(random() % 4 != 0);
+        rig.RunFor(UpTo(random, 2 * kSecond));
+        suspended = suspended || rig.usb_port->PowerState() == PowerDeviceD2;
+    }
+    rig.usb_port->AllowIdle(true);
+    return suspended;
+}
+
+// A program that uses the port again and again. No call of it waits for ever: a query would wait for it.
+void UseThePort(Rig& rig, Random random, const bool& over, host::Time pause)
+{
+    while (!over) {
+        Port port;
+        if (NT_SUCCESS(rig.TryOpen(&port))) {
+            (void)port.SetTimeouts(random() % 2 == 0 ? 0xFFFFFFFF : 50, 0, random() % 1'000);
+            (void)port.SetWaitMask(SERIAL_EV_RXCHAR);
+            for (std::uint64_t rest = random() % 6; rest != 0 && !over; --rest) {
+                const host::nt::Request read = port.StartRead(1 + random() % 400);
+                const host::nt::Request wait = random() % 3 == 0 ? port.StartWait() : read;
+                rig.RunFor(UpTo(random, kSecond));
+                if (random() % 4 != 0)
+                    (void)wait.WaitFor(UpTo(random, kSecond));
+                if (random() % 2 != 0)
+                    (void)port.CancelIo();
+            }
+        }
+        port.Close();
+        rig.RunFor(UpTo(random, pause));
+    }
+}
+
+bool InUse(const host::KernelOptions& kernel, const Change& change, int& happened)
+{
+    RigOptions options;
+    options.kernel = kernel;
+    options.kernel.in_focus = false;
+    options.settings["EnableFR"] = kernel.seed % 2;
+    options.settings["EnableSelectiveSuspend"] = kernel.seed / 2 % 2;
+    if (change.happen == IdleAndWake)
+        options.settings["EnableSelectiveSuspend"] = 1;
+    if (change.happen == SleepAndResume)
+        options.kernel.excuses.push_back(kSpeaksToTheSleeping);
+    Rig rig(std::move(options));
+    rig.kernel.SetFocus(true);
+    Random random(kernel.seed);
+    bool over = false;
+    {
+        std::vector<host::ThreadHandle> clients;
+        for (int i = 1; i <= 3; ++i)
+            clients.push_back(rig.kernel.Spawn("client " + std::to_string(i), [&, seed = random()] {
+                UseThePort(rig, Random(seed), over, change.pause);
+            }));
+        for (int i = 0; i < 2; ++i) {
+            rig.RunFor(UpTo(random, 4 * kSecond));
+            happened += change.happen(rig, random) ? 1 : 0;
+        }
+        rig.RunFor(UpTo(random, 2 * kSecond));
+        over = true;
+    }
+    rig.kernel.SetFocus(false);
+    return Streams(rig) && !::testing::Test::HasFailure();
+}
+
+class DeviceInUse : public ::testing::TestWithParam<Change> {};
+
+TEST_P(DeviceInUse, GoesThroughItsLife)
+{
+    const host::KernelOptions first = {.seed = Setting("NAVOX_FIRST_SEED", 1),
+                                       .max_steps = 500'000,
+                                       .replay_command = "NAVOX_FIRST_SEED={seed} NAVOX_SEEDS=1"};
+    const std::uint64_t seeds = Setting("NAVOX_SEEDS", 30);
+    int happened = 0;
+    ExpectNoFailure(host::ExploreSeeds(first, seeds, [&](const host::KernelOptions& kernel) {
+        return InUse(kernel, GetParam(), happened);
+    }));
+    EXPECT_GE(static_cast<std::uint64_t>(happened), seeds) << "half of the changes did not come about";
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, DeviceInUse,
+                         ::testing::Values(Change{"StopAndStart", StopAndStart},
+                                           Change{"QueryRemoveAndCancel", QueryRemoveAndCancel},
+                                           Change{"RemoveAndEnable", RemoveAndEnable, 3 * kSecond},
+                                           Change{"UnplugAndPlug", UnplugAndPlug},
+                                           Change{"SleepAndResume", SleepAndResume},
+                                           Change{"IdleAndWake", IdleAndWake, 16 * kSecond}),
+                         [](const auto& info) { return info.param.name; });
+
+// In every order ------------------------------------------------------------------------------------------------
+
+using Act = void (*)(Rig& rig, Port& port);
+
+// What `prepare` does is no part of the race. Both begin at the tick of the clock at which `moment` comes about without
+// them; at once where there is none.
+struct Race {
+    const char* name;
+    Act prepare;
+    bool (*moment)(Rig& rig);
+    Act one;
+    Act other;
+};
+
+constexpr host::Time kTick = 156'250;
+
+void LeaveAlone(Rig&, Port&) {}
+
+void StartStream(Rig& rig, Port& port)
+{
+    port = rig.OpenStreaming();
+    EXPECT_EQ(port.SetTimeouts(0, 0, 700), STATUS_SUCCESS);
+}
+
+void AskTheHub(Rig& rig, Port&)
+{
+    rig.usb_port->AllowIdle(false);
+    rig.RunFor(6 * kSecond);
+    EXPECT_TRUE(rig.usb_port->IdleRequested());
+}
+
+void Suspend(Rig& rig, Port&)
+{
+    rig.usb_port->WithDevice([](module::Device& device) {
+        device.Control({.bRequest = USB_REQUEST_SET_FEATURE, .wValue = USB_FEATURE_REMOTE_WAKEUP}, {});
+    });
+    rig.RunFor(6 * kSecond);
+    EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD2);
+}
+
+bool HubIsAsked(Rig& rig)
+{
+    return rig.usb_port->IdleRequested();
+}
+
+bool FixArrives(Rig&)
+{
+    const auto log = host::UsbBus::Current().Log();
+    return std::any_of(log.begin(), log.end(), [](const host::UsbRequest& request) {
+        return request.done && std::string(request.data.begin(), request.data.end()).starts_with("$GPGGA");
+    });
+}
+
+void Open(Rig& rig, Port& port)
+{
+    const NTSTATUS status = rig.TryOpen(&port);
+    EXPECT_TRUE(NT_SUCCESS(status) || rig.Node() == nullptr || rig.Node()->state != host::PnpState::Started)
+        << std::hex << status;
+}
+
+void Read(Rig&, Port& port)
+{
+    const NTSTATUS status = port.Read(200).status;
+    EXPECT_NE(status, STATUS_PENDING);
+}
+
+void Close(Rig&, Port& port)
+{
+    port.Close();
+}
+
+void Unplug(Rig& rig, Port&)
+{
+    rig.Unplug();
+}
+
+void LetTheHubSuspend(Rig& rig, Port&)
+{
+    rig.usb_port->AllowIdle(true);
+}
+
+void ModuleWakes(Rig& rig, Port&)
+{
+    rig.module->WakeAt(rig.kernel.Now());
+    rig.usb_port->Poke();
+}
+
+void Sleep(Rig&, Port&)
+{
+    EXPECT_EQ(host::PowerManager::Current().Sleep(PowerSystemSleeping3), STATUS_SUCCESS);
+}
+
+void QueryStopAndCancel(Rig& rig, Port&)
+{
+    EXPECT_EQ(Pnp().QueryStop(rig.Node()), STATUS_SUCCESS);
+    EXPECT_EQ(Pnp().CancelStop(rig.Node()), STATUS_SUCCESS);
+}
+
+RigOptions RaceOptions(host::KernelOptions kernel)
+{
+    RigOptions options;
+    options.kernel = std::move(kernel);
+    options.kernel.in_focus = false;
+    options.kernel.excuses.push_back(kSpeaksToTheSleeping);
+    options.settings["EnableSelectiveSuspend"] = 1;
+    return options;
+}
+
+// When the moment comes, since the kernel started.
+host::Time FindMoment(const Race& race)
+{
+    Rig rig(RaceOptions({}));
+    Port port;
+    race.prepare(rig, port);
+    while (!race.moment(rig)) {
+        rig.RunFor(kTick);
+        rig.kernel.RunUntilIdle();
+    }
+    return rig.kernel.InterruptTime() / kTick * kTick;
+}
+
+bool Meet(const host::KernelOptions& kernel, const Race& race, host::Time moment)
+{
+    Rig rig(RaceOptions(kernel));
+    Port port;
+    race.prepare(rig, port);
+    const host::Time wait = moment != 0 ? kTick : 0;
+    if (moment != 0)
+        rig.RunFor(moment - wait - rig.kernel.InterruptTime());
+    rig.kernel.SetFocus(true);
+    host::ThreadHandle other = rig.kernel.Spawn("other", [&] {
+        rig.RunFor(wait);
+        race.other(rig, port);
+    });
+    rig.RunFor(wait);
+    race.one(rig, port);
+    other.Join();
+    rig.kernel.SetFocus(false);
+
+    port.Close();
+    if (host::PowerManager::Current().SystemState() != PowerSystemWorking)
+        EXPECT_EQ(host::PowerManager::Current().Wake(), STATUS_SUCCESS);
+    if (rig.usb_port == nullptr) {
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return rig.Node() == nullptr; }, 60 * kSecond));
+        rig.Plug();
+    }
+    return Streams(rig) && !::testing::Test::HasFailure();
+}
+
+class TwoActors : public ::testing::TestWithParam<Race> {};
+
+TEST_P(TwoActors, MeetInEveryOrder)
+{
+    const host::Time moment = GetParam().moment != nullptr ? FindMoment(GetParam()) : 0;
+    ExpectNoFailure(
+        host::ExploreSchedules({}, 2, Setting("NAVOX_SCHEDULES", 60), [&](const host::KernelOptions& kernel) {
+            return Meet(kernel, GetParam(), moment);
+        }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Races, TwoActors,
+    ::testing::Values(Race{"OpenAndIdleRequest", LeaveAlone, HubIsAsked, LeaveAlone, Open},
+                      Race{"OpenAndIdleCallback", AskTheHub, nullptr, LetTheHubSuspend, Open},
+                      Race{"OpenAndWakeByTheModule", Suspend, nullptr, ModuleWakes, Open},
+                      Race{"OpenAndUnplugWhileAsked", AskTheHub, nullptr, Unplug, Open},
+                      Race{"UnplugAndTransfer", StartStream, FixArrives, Unplug, Read},
+                      Race{"LastCloseAndSleep", StartStream, nullptr, Sleep, Close},
+                      Race{"QueryStopAndRead", StartStream, nullptr, QueryStopAndCancel, Read},
+                      Race{"QueryStopAndOpen", LeaveAlone, nullptr, QueryStopAndCancel, Open}),
+    [](const auto& info) { return info.param.name; });
+
+} // namespace
+} // namespace navox_test
