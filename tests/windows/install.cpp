@@ -56,5 +56,5 @@ void Install(const std::string& folder)
     CHECK(GetModuleFileNameA(nullptr, own, sizeof own) != 0);
     const std::string path(own);
     AddRootDevice("root\\navox_bus", path.substr(0, path.rfind('\\')) + "\\navox_bus.inf");
-    WaitUntil("the bus is there", [] { return CanOpen("\\\\.\\NavoxRig"); });
+    WaitUntil("the bus is there", Rig::IsThere);
 }

@@ -14,13 +14,20 @@ DWORD SizeOf()
 
 } // namespace
 
-bool CanOpen(const std::string& name)
+HANDLE OpenPort(const std::string& name, DWORD flags)
 {
-    const HANDLE handle = CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE handle =
+        CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr);
     if (handle == INVALID_HANDLE_VALUE)
-        return false;
+        return handle;
+    OVERLAPPED overlapped{};
+    DWORD moved = 0;
+    if (DeviceIoControl(handle, RIG_OPEN_STATUS, nullptr, 0, nullptr, 0, &moved, &overlapped))
+        return handle;
+    const DWORD error = GetLastError();
     CloseHandle(handle);
-    return true;
+    SetLastError(error);
+    return INVALID_HANDLE_VALUE;
 }
 
 void Handle::Close()
@@ -30,9 +37,19 @@ void Handle::Close()
     handle_ = nullptr;
 }
 
-Rig::Rig() : device_(CreateFileA("\\\\.\\NavoxRig", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr))
+Rig::Rig() : device_(Open())
 {
     CHECK(device_ != INVALID_HANDLE_VALUE);
+}
+
+HANDLE Rig::Open()
+{
+    return CreateFileA("\\\\.\\NavoxRig", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+}
+
+bool Rig::IsThere()
+{
+    return Handle(Open()) != INVALID_HANDLE_VALUE;
 }
 
 template <class In, class Out>
@@ -132,7 +149,7 @@ void Rig::Reset()
 }
 
 Port::Port(const std::string& name, DWORD flags)
-    : handle_(CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, flags, nullptr))
+    : handle_(OpenPort(name, flags))
 {
     CHECK(handle_ != INVALID_HANDLE_VALUE);
 }

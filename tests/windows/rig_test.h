@@ -83,7 +83,9 @@ inline constexpr DWORD kPatience = 20'000; // ms, for what must come
 // Polls until `condition` holds; fails at the end of kPatience.
 void WaitUntil(const char* what, const std::function<bool()>& condition);
 
-bool CanOpen(const std::string& name);
+// CreateFile for reading and writing; INVALID_HANDLE_VALUE with its last error when the driver refuses, which Wine
+// keeps to itself.
+HANDLE OpenPort(const std::string& name, DWORD flags = 0);
 
 class Handle {
   public:
@@ -119,7 +121,10 @@ class Rig {
     // Nothing plugged, nothing found.
     void Reset();
 
+    static bool IsThere();
+
   private:
+    static HANDLE Open();
     template <class In, class Out>
     bool Call(DWORD code, const In& in, Out* out);
 

@@ -20,4 +20,8 @@ enum RigControl : unsigned long {
     RIG_FINDING = RIG_CONTROL(8),         // in: RigPortRequest, its number in place of the port; out: RigFinding
     RIG_FORGET_FINDINGS = RIG_CONTROL(9), // nothing in or out
     RIG_SUSPEND_IDLE = RIG_CONTROL(10),   // in: RigPortRequest; calls the driver back that asked to be idle
+
+    // Not of the control device, but of a port: fails with the status with which the driver refused to open it. Wine
+    // gives a handle in any case.
+    RIG_OPEN_STATUS = RIG_CONTROL(64),
 };

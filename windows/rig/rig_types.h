@@ -57,7 +57,7 @@ struct RigCounters {
     // The port.
     unsigned plugged;          // a module is in it
     unsigned device;           // its device object exists: after unplugging, until the driver is through with it
-    unsigned started;          // between START and REMOVE
+    unsigned started;          // the driver has started it; until REMOVE
     unsigned power;            // DEVICE_POWER_STATE
     unsigned urbs;             // submitted
     unsigned urbs_pending;     // of those, not completed

@@ -107,7 +107,10 @@ void EndIdle(Port& port, NTSTATUS status);
 NTSTATUS CallIdle(Port& port);
 
 // in_front.cpp
-void StepInFront(PDEVICE_OBJECT top);
+void StepInFront(PDRIVER_OBJECT driver); // once
+// `top` is the driver's device object on a module's: the START of it is on its way.
+void Attached(PDEVICE_OBJECT top);
+bool Started(PDEVICE_OBJECT top);
 ULONG OpenFiles();
 
 // control.cpp

@@ -164,7 +164,7 @@ NTSTATUS Counters(Port& port, void* buffer)
     WithModule(port, [&](RigModule* module) { RigModuleLook(module, &counters); });
     counters.plugged = static_cast<unsigned>(port.plugged);
     counters.device = port.pdo != nullptr;
-    counters.started = static_cast<unsigned>(port.started);
+    counters.started = port.pdo != nullptr && Started(port.pdo->AttachedDevice);
     counters.power = static_cast<unsigned>(port.power);
     counters.urbs = static_cast<unsigned>(port.urbs);
     counters.urbs_pending = PendingUrbs(port);

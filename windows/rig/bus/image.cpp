@@ -1,5 +1,5 @@
 // The image of the driver under test, as soon as it is in memory and before any of it runs: its imports are watched, and
-// one is led elsewhere. The file stays as it is.
+// two are led elsewhere. The file stays as it is.
 #include "windows/rig/bus/bus.h"
 
 namespace {
@@ -8,6 +8,13 @@ namespace {
 NTSTATUS NTAPI OpenDeviceRegistryKey(PDEVICE_OBJECT device, ULONG type, ACCESS_MASK, PHANDLE key)
 {
     return IoOpenDeviceRegistryKey(device, type, KEY_ALL_ACCESS, key);
+}
+
+// The driver's dispatch routines are set, and its device is about to be used.
+PDEVICE_OBJECT NTAPI AttachDeviceToDeviceStack(PDEVICE_OBJECT device, PDEVICE_OBJECT target)
+{
+    StepInFront(device->DriverObject);
+    return IoAttachDeviceToDeviceStack(device, target);
 }
 
 bool EndsWith(const UNICODE_STRING& name, const UNICODE_STRING& end)
@@ -27,6 +34,7 @@ void NTAPI NoteImage(PUNICODE_STRING name, HANDLE, PIMAGE_INFO information)
         return;
     const RigRedirection redirections[] = {
         {"IoOpenDeviceRegistryKey", reinterpret_cast<void*>(OpenDeviceRegistryKey)},
+        {"IoAttachDeviceToDeviceStack", reinterpret_cast<void*>(AttachDeviceToDeviceStack)},
         {nullptr, nullptr},
     };
     if (RigWatchImports(information->ImageBase, redirections) == 0)

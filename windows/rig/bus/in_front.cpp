@@ -1,10 +1,13 @@
-// In front of the driver under test: three of its dispatch routines are reached through the bus, which adds what Wine's
-// I/O manager leaves out.
+// In front of the driver under test: its dispatch routines for files and for Plug and Play are reached through the bus,
+// which adds what Wine's I/O manager leaves out.
 //
-//   CREATE  counts the open files
-//   CLOSE   sends the CLEANUP that Wine never sends
-//   PNP     keeps REMOVE until the last file is closed; Wine sends it while files are open, and then neither CLEANUP
-//           nor CLOSE for them
+//   CREATE          counts the open files, and marks those that the driver refuses: Wine gives its caller a handle all
+//                   the same
+//   READ, WRITE, DEVICE_CONTROL
+//                   end at once, with the status of the CREATE, on such a file; the driver knows nothing of it
+//   CLOSE           sends the CLEANUP that Wine never sends
+//   PNP             keeps REMOVE until the last file is closed; Wine sends it while files are open, and then neither
+//                   CLEANUP nor CLOSE for them
 #include "windows/rig/bus/bus.h"
 
 namespace {
@@ -12,16 +15,22 @@ namespace {
 struct Device {
     PDEVICE_OBJECT device; // null: free
     LONG open;
-    PIRP held; // REMOVE
+    bool started; // START has come to its end
+    PIRP held;    // REMOVE
+};
+
+// A file that the driver has refused to open.
+struct Refused {
+    PFILE_OBJECT file; // null: free
+    NTSTATUS status;
 };
 
 struct InFront {
     PDRIVER_OBJECT driver;
-    PDRIVER_DISPATCH create;
-    PDRIVER_DISPATCH close;
-    PDRIVER_DISPATCH pnp;
+    PDRIVER_DISPATCH original[IRP_MJ_MAXIMUM_FUNCTION + 1];
     KSPIN_LOCK lock;
     Device devices[kRigPorts * 2];
+    Refused refused[16];
 };
 
 constinit InFront g_front = {};
@@ -46,27 +55,67 @@ Device* Find(PDEVICE_OBJECT device)
     return nullptr;
 }
 
-// The level must be back where it was when a dispatch routine returns.
-NTSTATUS Call(PDRIVER_DISPATCH routine, PDEVICE_OBJECT device, PIRP irp, const char* name)
+PFILE_OBJECT FileOf(PIRP irp)
+{
+    return IoGetCurrentIrpStackLocation(irp)->FileObject;
+}
+
+Refused* FindRefused(PFILE_OBJECT file)
+{
+    for (Refused& entry : g_front.refused) {
+        if (entry.file == file)
+            return &entry;
+    }
+    return nullptr;
+}
+
+// The driver's own routine. The level must be back where it was when it returns.
+NTSTATUS Call(PDEVICE_OBJECT device, PIRP irp)
 {
     const UCHAR before = RigIrql();
-    const NTSTATUS status = routine(device, irp);
+    const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
+    const NTSTATUS status = g_front.original[major](device, irp);
     if (RigSetIrql(before) != before)
-        RigReport("%s left the level changed", name);
+        RigReport("the dispatch routine for IRP_MJ 0x%x left the level changed", major);
     return status;
+}
+
+void NoteRefused(PFILE_OBJECT file, NTSTATUS status)
+{
+    const Guard guard;
+    if (Refused* entry = FindRefused(nullptr))
+        *entry = {file, status};
+    else
+        RigReport("too many files that were refused");
 }
 
 NTSTATUS NTAPI Create(PDEVICE_OBJECT device, PIRP irp)
 {
-    const NTSTATUS status = Call(g_front.create, device, irp, "CREATE");
+    const PFILE_OBJECT file = FileOf(irp);
+    const NTSTATUS status = Call(device, irp);
     if (status == STATUS_PENDING)
         RigReport("CREATE pends: the open files can not be counted");
-    if (status == STATUS_SUCCESS) {
-        const Guard guard;
-        if (Device* entry = Find(device))
-            ++entry->open;
-    }
+    if (!NT_SUCCESS(status))
+        NoteRefused(file, status);
+    const Guard guard;
+    Device* entry = Find(device);
+    if (NT_SUCCESS(status) && entry != nullptr)
+        ++entry->open;
     return status;
+}
+
+NTSTATUS NTAPI FileRequest(PDEVICE_OBJECT device, PIRP irp)
+{
+    const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    const bool asks = location->MajorFunction == IRP_MJ_DEVICE_CONTROL &&
+                      location->Parameters.DeviceIoControl.IoControlCode == RIG_OPEN_STATUS;
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        const Guard guard;
+        if (const Refused* entry = FindRefused(location->FileObject))
+            status = entry->status;
+    }
+    return asks || !NT_SUCCESS(status) ? Complete(irp, status) : Call(device, irp);
 }
 
 void SendCleanup(PDEVICE_OBJECT device, PIRP close)
@@ -87,33 +136,59 @@ void SendCleanup(PDEVICE_OBJECT device, PIRP close)
 void NTAPI SendHeldRemove(PVOID context)
 {
     const auto irp = static_cast<PIRP>(context);
-    Call(g_front.pnp, IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp, "REMOVE");
+    Call(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp);
+}
+
+// The REMOVE that waited for the last file, which has just been closed; null if there is none.
+PIRP NoteClosed(PDEVICE_OBJECT device)
+{
+    const Guard guard;
+    Device* entry = Find(device);
+    if (entry == nullptr || --entry->open != 0 || entry->held == nullptr)
+        return nullptr;
+    const PIRP held = entry->held;
+    *entry = {};
+    return held;
+}
+
+bool ForgetRefused(PFILE_OBJECT file)
+{
+    const Guard guard;
+    Refused* entry = FindRefused(file);
+    if (entry != nullptr)
+        *entry = {};
+    return entry != nullptr;
 }
 
 NTSTATUS NTAPI Close(PDEVICE_OBJECT device, PIRP irp)
 {
+    if (ForgetRefused(FileOf(irp)))
+        return Complete(irp, STATUS_SUCCESS);
     SendCleanup(device, irp);
-    const NTSTATUS status = Call(g_front.close, device, irp, "CLOSE");
-    PIRP held = nullptr;
-    {
-        const Guard guard;
-        Device* entry = Find(device);
-        if (entry != nullptr && --entry->open == 0) {
-            held = entry->held;
-            if (held != nullptr)
-                *entry = {};
-        }
-    }
-    // Not here, for the system sends REMOVE from a thread of its own.
+    const NTSTATUS status = Call(device, irp);
+    // The system sends REMOVE from a thread of its own.
+    const PIRP held = NoteClosed(device);
     if (held != nullptr && !NT_SUCCESS(StartThread(SendHeldRemove, held)))
         RigReport("no thread for REMOVE");
     return status;
 }
 
+NTSTATUS StartDevice(PDEVICE_OBJECT device, PIRP irp)
+{
+    const NTSTATUS status = Call(device, irp);
+    const Guard guard;
+    if (Device* entry = Find(device))
+        entry->started = status == STATUS_SUCCESS;
+    return status;
+}
+
 NTSTATUS NTAPI Pnp(PDEVICE_OBJECT device, PIRP irp)
 {
-    if (IoGetCurrentIrpStackLocation(irp)->MinorFunction != IRP_MN_REMOVE_DEVICE)
-        return Call(g_front.pnp, device, irp, "PNP");
+    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    if (minor == IRP_MN_START_DEVICE)
+        return StartDevice(device, irp);
+    if (minor != IRP_MN_REMOVE_DEVICE)
+        return Call(device, irp);
     {
         const Guard guard;
         Device* entry = Find(device);
@@ -125,33 +200,46 @@ NTSTATUS NTAPI Pnp(PDEVICE_OBJECT device, PIRP irp)
         if (entry != nullptr)
             *entry = {};
     }
-    return Call(g_front.pnp, device, irp, "REMOVE");
+    return Call(device, irp);
 }
 
-void Exchange(PDRIVER_DISPATCH& original, PDRIVER_DISPATCH& entry, PDRIVER_DISPATCH replacement)
+void StepInFront(PDRIVER_OBJECT driver, UCHAR major, PDRIVER_DISPATCH routine)
 {
-    original = entry;
-    entry = replacement;
+    g_front.original[major] = driver->MajorFunction[major];
+    driver->MajorFunction[major] = routine;
 }
 
 } // namespace
 
-void StepInFront(PDEVICE_OBJECT top)
+void StepInFront(PDRIVER_OBJECT driver)
 {
-    const PDRIVER_OBJECT driver = top->DriverObject;
-    if (g_front.driver == nullptr) {
-        g_front.driver = driver;
-        Exchange(g_front.create, driver->MajorFunction[IRP_MJ_CREATE], Create);
-        Exchange(g_front.close, driver->MajorFunction[IRP_MJ_CLOSE], Close);
-        Exchange(g_front.pnp, driver->MajorFunction[IRP_MJ_PNP], Pnp);
-    }
-    if (g_front.driver != driver)
-        RigReport("a second driver claims a module; it is not watched");
-    const Guard guard;
-    if (Find(top) != nullptr) // it was started before
+    if (g_front.driver != nullptr) {
+        if (g_front.driver != driver)
+            RigReport("a second driver claims a module; it is not watched");
         return;
-    if (Device* entry = Find(nullptr))
+    }
+    g_front.driver = driver;
+    StepInFront(driver, IRP_MJ_CREATE, Create);
+    StepInFront(driver, IRP_MJ_CLOSE, Close);
+    StepInFront(driver, IRP_MJ_READ, FileRequest);
+    StepInFront(driver, IRP_MJ_WRITE, FileRequest);
+    StepInFront(driver, IRP_MJ_DEVICE_CONTROL, FileRequest);
+    StepInFront(driver, IRP_MJ_PNP, Pnp);
+}
+
+void Attached(PDEVICE_OBJECT top)
+{
+    const Guard guard;
+    Device* entry = Find(top) != nullptr ? nullptr : Find(nullptr);
+    if (entry != nullptr)
         entry->device = top;
+}
+
+bool Started(PDEVICE_OBJECT top)
+{
+    const Guard guard;
+    const Device* entry = Find(top);
+    return top != nullptr && entry != nullptr && entry->started;
 }
 
 ULONG OpenFiles()

@@ -70,13 +70,13 @@ NTSTATUS Remove(PDEVICE_OBJECT device, Port& port, PIRP irp)
 void Start(PDEVICE_OBJECT device, Port& port)
 {
     const PDEVICE_OBJECT top = IoGetAttachedDeviceReference(device);
+    port.power = PowerDeviceD0;
+    port.started = 1;
     if (top != device)
-        StepInFront(top);
+        Attached(top);
     else
         RigReport("port %lu: no driver claims the module", port.number);
     ObDereferenceObject(top);
-    port.power = PowerDeviceD0;
-    port.started = 1;
 }
 
 } // namespace
