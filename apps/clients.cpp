@@ -9,6 +9,8 @@ namespace {
 
 // What a fresh handle finds in its ring: the empty fix sentence.
 constexpr std::uint64_t kBytesBeforeFirst = 32;
+// For a device that follows the system late.
+constexpr std::chrono::milliseconds kRetryPause(20);
 
 void Add(ClientTotals& totals, const ClientStatus& client)
 {
@@ -22,21 +24,20 @@ void Add(ClientTotals& totals, const ClientStatus& client)
 
 std::shared_ptr<PortClient> Clients::Open(std::string name, UniqueFd output, std::function<void()> on_end)
 {
+    if (!system_.Started()) {
+        spdlog::warn("{} finds no port", name);
+        return nullptr;
+    }
     const unsigned number = ++gone_.opened;
     auto client = std::make_shared<PortClient>(io_, number, std::move(name), std::move(output));
     try {
-        client->Open(system_.PortName(), [this, number, on_end = std::move(on_end)] {
-            const auto found = open_.find(number);
-            if (found == open_.end())
-                return;
-            Close(found->second.client);
-            on_end();
-        });
+        client->Open(
+            system_.PortName(), [this, number] { HangUp(number); }, [this, number] { OnRefused(number); });
     } catch (const OpenError& error) {
         spdlog::warn("client {} ({}): {}", number, client->Name(), error.what());
         return nullptr;
     }
-    open_[number] = {client, system_.Module().Look().sentence_bytes};
+    open_[number] = {client, std::move(on_end), system_.Module().Look().sentence_bytes};
     spdlog::info("client {} ({}) has opened {}", number, client->Name(), system_.PortName());
     return client;
 }
@@ -58,6 +59,44 @@ void Clients::CloseAll()
 {
     while (!open_.empty())
         Close(std::shared_ptr(open_.begin()->second.client));
+}
+
+void Clients::HangUp(unsigned number)
+{
+    const auto found = open_.find(number);
+    if (found == open_.end())
+        return;
+    const std::function<void()> on_end = std::move(found->second.on_end);
+    Close(std::shared_ptr(found->second.client));
+    on_end();
+}
+
+// A port that is not gone takes requests again when the system has woken, and its device has followed.
+void Clients::OnRefused(unsigned number)
+{
+    if (!system_.Started())
+        return HangUp(number);
+    resting_.insert(number);
+    if (!system_.Awake())
+        return;
+    retry_.expires_after(kRetryPause);
+    retry_.async_wait([this](const asio::error_code& error) {
+        if (!error)
+            GoOn();
+    });
+}
+
+void Clients::GoOn()
+{
+    for (const unsigned number : std::exchange(resting_, {}))
+        if (const auto found = open_.find(number); found != open_.end())
+            found->second.client->GoOn();
+}
+
+void Clients::HangUp()
+{
+    while (!open_.empty())
+        HangUp(open_.begin()->first);
 }
 
 // The driver does not count what a full ring drops: it is what the module has sent and neither the program

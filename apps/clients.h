@@ -5,9 +5,11 @@
 #include "apps/system.h"
 
 #include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace app {
@@ -32,7 +34,7 @@ struct ClientTotals {
 
 class Clients {
   public:
-    Clients(asio::io_context& io, System& system) : io_(io), system_(system) {}
+    Clients(asio::io_context& io, System& system) : io_(io), system_(system), retry_(io) {}
 
     // Opens the port for a program. `on_end` is called if the handle ends before Close: by then it is closed.
     // Null, with a warning in the log, when the port cannot be opened.
@@ -40,6 +42,11 @@ class Clients {
     // Does nothing for a client that is closed, or null.
     void Close(const std::shared_ptr<PortClient>& client);
     void CloseAll();
+    // Closes every handle as if it had ended by itself.
+    void HangUp();
+    // The system has woken: those whose requests were refused meanwhile read again.
+    void GoOn();
+    std::size_t Count() const { return open_.size(); }
 
     std::vector<ClientStatus> Look() const;
     // Those that have gone included.
@@ -48,13 +55,18 @@ class Clients {
   private:
     struct Entry {
         std::shared_ptr<PortClient> client;
+        std::function<void()> on_end;
         std::uint64_t sent_before = 0; // bytes of sentences the module had sent when it opened
     };
     ClientStatus Look(const Entry& entry) const;
+    void HangUp(unsigned number);
+    void OnRefused(unsigned number);
 
     asio::io_context& io_;
     System& system_;
     std::map<unsigned, Entry> open_;
+    std::set<unsigned> resting_; // their last request was refused
+    asio::steady_timer retry_;
     ClientTotals gone_;
 };
 

@@ -60,6 +60,11 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv)
         ->type_name("FILE.reg");
     cli.add_option("--trace", options.trace, "write a trace for Perfetto or Chrome at the end")
         ->type_name("FILE");
+    cli.add_option("--script", options.script,
+                   "do the console's words of this file, a line each (`help` lists them)")
+        ->type_name("FILE");
+    cli.add_flag("--selective-suspend", options.selective_suspend, "let the driver suspend the idle module");
+    cli.add_flag("--fast-resume", options.fast_resume, "let the system wake without waiting for the device");
     cli.add_option("--log", level, "trace, debug, info, warn, error, critical or off (info)")
         ->type_name("LEVEL");
     cli.add_flag("--quiet", options.quiet, "open no handle of its own, print no sentences");

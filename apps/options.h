@@ -34,6 +34,9 @@ struct Options {
     std::string registry; // file
     std::string trace;    // file
     spdlog::level::level_enum log_level = spdlog::level::info;
+    std::string script; // file, of console lines
+    bool selective_suspend = false;
+    bool fast_resume = false;
     bool quiet = false;
     bool status = false;
 };

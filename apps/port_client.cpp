@@ -22,7 +22,7 @@ PortClient::PortClient(asio::io_context& io, unsigned number, std::string name, 
     : io_(io), number_(number), name_(std::move(name)), output_(io, output.release())
 {}
 
-void PortClient::Open(const std::string& port, std::function<void()> on_end)
+void PortClient::Open(const std::string& port, std::function<void()> on_end, std::function<void()> on_refused)
 {
     const NTSTATUS status = host::nt::File::Open("\\\\.\\" + port, &file_);
     if (!NT_SUCCESS(status))
@@ -33,6 +33,7 @@ void PortClient::Open(const std::string& port, std::function<void()> on_end)
     const ULONG mask = SERIAL_EV_RXCHAR;
     Control(IOCTL_SERIAL_SET_WAIT_MASK, BytesOf(mask));
     on_end_ = std::move(on_end);
+    on_refused_ = std::move(on_refused);
     asio::post(io_, [self = shared_from_this()] { self->Pump(); });
 }
 
@@ -58,7 +59,7 @@ void PortClient::Pump()
     while (file_.IsOpen() && unsent_.empty()) {
         const host::nt::Result result = file_.Read(kReadSize);
         if (!NT_SUCCESS(result.status)) {
-            End();
+            Refused();
             return;
         }
         if (result.information == 0) {
@@ -115,7 +116,7 @@ void PortClient::WaitForCharacter()
             if (NT_SUCCESS(self->wait_.Status()))
                 self->Pump();
             else
-                self->End();
+                self->Refused();
         });
     };
     wait_ = file_.StartControl(IOCTL_SERIAL_WAIT_ON_MASK, {}, sizeof(ULONG), tell);
@@ -128,6 +129,14 @@ void PortClient::End()
             if (self->file_.IsOpen())
                 on_end();
         });
+}
+
+void PortClient::Refused()
+{
+    asio::post(io_, [self = shared_from_this()] {
+        if (self->file_.IsOpen())
+            self->on_refused_();
+    });
 }
 
 void PortClient::Write(std::span<const char> bytes)

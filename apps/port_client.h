@@ -6,6 +6,8 @@
 //   the program's descriptor is full: nothing is read meanwhile, and the driver drops what its ring cannot
 //   hold
 //
+// A request that the port refuses is the owner's affair: a system that is going to sleep refuses them, too.
+//
 // Nothing is asked twice and no timer runs: while the module is silent, all sleep.
 #pragma once
 
@@ -45,9 +47,11 @@ class PortClient : public std::enable_shared_from_this<PortClient> {
     PortClient(asio::io_context& io, unsigned number, std::string name, UniqueFd output);
     ~PortClient() { Close(); }
 
-    // Opens the port and begins to read. `on_end` is called once, later, if the client ends by itself: the
-    // port has gone, or the program has. Throws OpenError.
-    void Open(const std::string& port, std::function<void()> on_end);
+    // Opens the port and begins to read. `on_end` is called once, later, if the program goes; `on_refused` when
+    // the port has refused a request: nothing is read until GoOn. Throws OpenError.
+    void Open(const std::string& port, std::function<void()> on_end, std::function<void()> on_refused);
+    // Reads again.
+    void GoOn() { Pump(); }
     // Closes the handle. Nothing is called any more.
     void Close();
 
@@ -72,12 +76,14 @@ class PortClient : public std::enable_shared_from_this<PortClient> {
     void WaitForRoom();
     void WaitForCharacter();
     void End();
+    void Refused();
 
     asio::io_context& io_;
     const unsigned number_;
     const std::string name_;
     asio::posix::stream_descriptor output_;
     std::function<void()> on_end_;
+    std::function<void()> on_refused_;
     host::nt::File file_;
     host::nt::Request wait_;
     std::string unsent_;

@@ -108,13 +108,14 @@ bool Pty::Occupied()
 
 void Pty::AwaitEvents()
 {
-    events_.async_read_some(asio::buffer(event_buffer_),
-                            [this](const asio::error_code& error, std::size_t size) {
-                                if (error)
-                                    return;
-                                OnEvents(size);
-                                AwaitEvents();
-                            });
+    events_.async_read_some(
+        asio::buffer(event_buffer_),
+        [this, here = std::weak_ptr(here_)](const asio::error_code& error, std::size_t size) {
+            if (error || here.expired())
+                return;
+            OnEvents(size);
+            AwaitEvents();
+        });
 }
 
 // Whether it is open is what the master says; the events tell of a program that left and one that came
@@ -162,7 +163,10 @@ void Pty::Leave()
 void Pty::AwaitInput()
 {
     reading_ = true;
-    master_.async_read_some(asio::buffer(input_), [this](const asio::error_code& error, std::size_t size) {
+    master_.async_read_some(asio::buffer(input_), [this, here = std::weak_ptr(here_)](
+                                                      const asio::error_code& error, std::size_t size) {
+        if (here.expired())
+            return;
         reading_ = false;
         if (error)
             return; // nobody is there any more: an event tells

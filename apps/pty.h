@@ -46,6 +46,7 @@ class Pty {
     int opens_ = 0; // as far as the events tell
     bool reading_ = false;
     std::shared_ptr<PortClient> client_;
+    std::shared_ptr<void> here_ = std::make_shared<char>(); // what is called late finds it gone
     alignas(8) std::array<char, 4096> event_buffer_{};
     std::array<char, 4096> input_{};
 };

@@ -1,6 +1,7 @@
 #include "apps/service.h"
 
 #include "apps/clients.h"
+#include "apps/console_input.h"
 #include "apps/pty.h"
 #include "apps/runtime_folder.h"
 #include "apps/status.h"
@@ -57,6 +58,10 @@ SystemOptions MakeSystemOptions(const Options& options)
     system.registry_file = options.registry;
     system.port_name = options.port.value_or(kDefaultPort);
     system.rename = options.port.has_value();
+    if (options.selective_suspend)
+        system.settings[u"EnableSelectiveSuspend"] = 1;
+    if (options.fast_resume)
+        system.settings[u"EnableFR"] = 1;
     system.source = MakeSource(options);
     return system;
 }
@@ -105,11 +110,14 @@ class Service {
 
   private:
     std::string Table() { return FormatStatus(*system_, clients_); }
+    void OpenPort();
+    void ClosePort();
     void AwaitEnd();
     void AwaitTableSignal();
     int Finish();
 
     const Options& options_;
+    const std::vector<Command> script_;
     std::unique_ptr<System> system_;
     asio::io_context io_{1};
     Clients clients_;
@@ -119,25 +127,52 @@ class Service {
     asio::steady_timer end_{io_};
     std::unique_ptr<StatusServer> status_;
     std::vector<std::unique_ptr<Pty>> ptys_;
+    std::string folder_;
+    bool port_open_ = false;
+    Console console_{
+        *system_, clients_, {[this] { OpenPort(); }, [this] { ClosePort(); }, [this] { return Table(); }}};
+    CommandQueue script_queue_{io_, console_};
+    std::optional<StandardInput> input_;
 };
 
 Service::Service(const Options& options)
-    : options_(options), system_(MakeSystem(options)), clients_(io_, *system_),
-      tcp_(io_, clients_, options.tcp)
+    : options_(options),
+      script_(options.script.empty() ? std::vector<Command>() : LoadScript(options.script)),
+      system_(MakeSystem(options)), clients_(io_, *system_), tcp_(io_, clients_, options.tcp)
 {
     std::signal(SIGPIPE, SIG_IGN);
     CheckWritable(options.trace);
-    const std::string folder = MakeRuntimeFolder();
+    folder_ = MakeRuntimeFolder();
     LogClock(*system_);
     system_->Plug();
     const std::string& port = system_->PortName();
-    status_ = std::make_unique<StatusServer>(io_, StatusPath(folder, port), [this] { return Table(); });
-    spdlog::info("plugged in: {}; status: {}", port, StatusPath(folder, port));
-    for (int number = 1; number <= options.ptys; ++number) {
-        ptys_.push_back(std::make_unique<Pty>(io_, clients_, fmt::format("{}/{}-{}", folder, port, number)));
+    status_ = std::make_unique<StatusServer>(io_, StatusPath(folder_, port), [this] { return Table(); });
+    spdlog::info("plugged in: {}; status: {}", port, StatusPath(folder_, port));
+    OpenPort();
+    spdlog::info("tcp {}", tcp_.Address());
+}
+
+// What programs open, and our own handle.
+void Service::OpenPort()
+{
+    port_open_ = true;
+    for (int number = 1; number <= options_.ptys; ++number) {
+        ptys_.push_back(std::make_unique<Pty>(io_, clients_,
+                                              fmt::format("{}/{}-{}", folder_, system_->PortName(), number)));
         spdlog::info("terminal {} -> {}", ptys_.back()->Link(), ptys_.back()->Device());
     }
-    spdlog::info("tcp {}", tcp_.Address());
+    if (!options_.quiet)
+        clients_.Open("standard output", OpenOutput(), [this] {
+            if (port_open_)
+                spdlog::warn("nobody reads standard output");
+        });
+}
+
+void Service::ClosePort()
+{
+    port_open_ = false;
+    clients_.HangUp();
+    ptys_.clear();
 }
 
 void Service::AwaitEnd()
@@ -172,15 +207,17 @@ int Service::Run()
 {
     AwaitEnd();
     AwaitTableSignal();
-    if (!options_.quiet)
-        clients_.Open("standard output", OpenOutput(), [] { spdlog::warn("nobody reads standard output"); });
+    for (const Command& command : script_)
+        script_queue_.Add(command);
+    input_.emplace(io_, console_);
     io_.run();
     return Finish();
 }
 
 int Service::Finish()
 {
-    spdlog::info("unplugging");
+    if (system_->Plugged())
+        spdlog::info("unplugging");
     system_->Unplug();
     ptys_.clear();
     clients_.CloseAll();

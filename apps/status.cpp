@@ -43,6 +43,7 @@ std::string FormatStatus(System& system, const Clients& clients)
     auto text = fmt::memory_buffer();
     const auto out = std::back_inserter(text);
     fmt::format_to(out, "port    {}, {}\n", system.PortName(), system.PortState());
+    fmt::format_to(out, "power   {}\n", system.PowerText());
     fmt::format_to(out, "module  {}; {} bytes in {} transfers, {} bytes given up for want of a reader\n",
                    ModuleState(module), module.bytes_sent, module.transfers_sent, module.bytes_dropped);
     fmt::format_to(out, "\n{:>6}  {:<28}{:>10}{:>12}{:>10}{:>8}{:>9}\n", "client", "program", "seconds",

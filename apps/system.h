@@ -7,6 +7,7 @@
 #include "module/gps_module.h"
 #include "usbd/usb_bus.h"
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,6 +24,7 @@ struct SystemOptions {
     // registry has none.
     std::string port_name = "COM5";
     bool rename = false;
+    std::map<std::u16string, std::uint32_t> settings{}; // written to the driver key
     module::GpsModuleOptions module{};
     std::unique_ptr<module::NmeaSource> source{}; // null: a module that says nothing
 };
@@ -44,6 +46,26 @@ class System {
     void Plug();
     // Pulls the module; returns when the driver has been told. Handles that are open keep the device.
     void Unplug();
+    bool Plugged() const { return port_ != nullptr; }
+    // Waits until the device of a pulled module has gone. False when it does not, as with a handle still open.
+    [[nodiscard]] bool AwaitRemoval();
+
+    // The two halves of a rebalance; the module must be plugged in. Every handle must be closed: the driver
+    // lets a stop wait for their requests, however long.
+    NTSTATUS Stop();
+    NTSTATUS Start();
+    bool Started() const { return node_ != nullptr && node_->state == host::PnpState::Started; }
+
+    // The whole system; refused by a driver: it stays awake.
+    NTSTATUS Sleep(SYSTEM_POWER_STATE state);
+    NTSTATUS Wake();
+    bool Awake() const;
+    std::string PowerText() const; // "system in S0, device in D0"
+
+    // The setting of the driver key, and whether the driver has asked the hub to suspend the module.
+    bool SelectiveSuspend() const;
+    bool IdleRequested() const;
+
     // Waits until the device has gone, and unloads the driver, which is then audited. False when it cannot be
     // unloaded. Every handle must be closed.
     [[nodiscard]] bool Unload();

@@ -53,7 +53,11 @@ class CommandLine(unittest.TestCase):
             (folder / "sentence.log").write_bytes(b"$GPTXT,hello*00\r\n")
             (folder / "bad.reg").write_text(
                 'Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE]\n"A"=dword:xyz\n')
+            (folder / "script").write_text("# words\nsleep S3\nafter 5s jump\n")
             for arguments, says in [
+                (["--script", str(folder / "missing")], ["missing"]),
+                (["--script", name], [name]),
+                (["--script", str(folder / "script")], ["script", "line 3", "jump"]),
                 (["--replay", str(folder / "missing.log")], ["missing.log"]),
                 (["--replay", name], [name]),
                 (["--replay", str(folder / "comments.log")], ["comments.log"]),
@@ -87,7 +91,8 @@ class CommandLine(unittest.TestCase):
     def test_help(self):
         answer = navox.run_host("--help")
         self.assertEqual((answer.returncode, answer.stderr), (0, b""))
-        for option in ["port", "pty", "tcp", "replay", "rate", "for", "registry", "trace", "log", "quiet", "status"]:
+        for option in ["port", "pty", "tcp", "replay", "rate", "for", "registry", "trace", "log", "quiet", "status", "script",
+                       "selective-suspend", "fast-resume"]:
             self.assertIn(b"--" + option.encode(), answer.stdout)
 
 

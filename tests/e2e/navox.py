@@ -56,12 +56,12 @@ def need_program(name):
     return path
 
 
-def run_host(*arguments, runtime=None, timeout=PATIENCE):
-    """Runs navox-host to its end."""
+def run_host(*arguments, runtime=None, timeout=PATIENCE, stdin=b""):
+    """Runs navox-host to its end; `stdin` is what it may read."""
     with tempfile.TemporaryDirectory(prefix="navox-e2e-") as folder:
         environment = dict(os.environ, XDG_RUNTIME_DIR=runtime or folder)
         return subprocess.run([_arguments.host, *arguments], env=environment, timeout=timeout,
-                              stdin=subprocess.DEVNULL, capture_output=True, check=False)
+                              input=stdin, capture_output=True, check=False)
 
 
 def free_port():
@@ -85,8 +85,8 @@ def wait_until(condition, what, timeout=PATIENCE):
 class Child:
     """A program of ours; its output is kept line by line."""
 
-    def __init__(self, command, env=None, keep="stdout"):
-        self.process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL,
+    def __init__(self, command, env=None, keep="stdout", stdin=subprocess.DEVNULL):
+        self.process = subprocess.Popen(command, env=env, stdin=stdin,
                                         stdout=subprocess.PIPE if keep == "stdout" else subprocess.DEVNULL,
                                         stderr=subprocess.PIPE if keep == "stderr" else subprocess.DEVNULL)
         self.lines = []
@@ -116,6 +116,12 @@ class Child:
             if match:
                 return match
 
+    def say(self, line, answer):
+        """Types a line on its standard input, a pipe; gives the next line with the answer, as a match."""
+        self.process.stdin.write(line.encode() + b"\n")
+        self.process.stdin.flush()
+        return self.wait_for_line(answer)
+
     def send(self, number):
         self.process.send_signal(number)
 
@@ -131,22 +137,25 @@ class Child:
             raise AssertionError("it did not end:\n" + "\n".join(self.lines)) from None
         self._thread.join(timeout)
         self._stream.close()
+        if self.process.stdin:
+            self.process.stdin.close()
         return status
 
 
 class Host:
     """A navox-host that serves a port, with a run-time folder of its own. Leaving it checks how it ends."""
 
-    def __init__(self, *arguments, port="COM5"):
+    def __init__(self, *arguments, port="COM5", stdin=subprocess.DEVNULL):
         self.arguments = arguments
         self.port = port
+        self.stdin = stdin
 
     def __enter__(self):
         self._folder = tempfile.TemporaryDirectory(prefix="navox-e2e-")
         self.runtime = self._folder.name
         self.folder = pathlib.Path(self.runtime) / "navox"
         self.child = Child([_arguments.host, "--tcp", "127.0.0.1:0", *self.arguments],
-                           env=dict(os.environ, XDG_RUNTIME_DIR=self.runtime), keep="stderr")
+                           env=dict(os.environ, XDG_RUNTIME_DIR=self.runtime), keep="stderr", stdin=self.stdin)
         try:
             self.tcp_port = int(self.child.wait_for_line(r"tcp 127\.0\.0\.1:(\d+)$")[1])
         except BaseException:
