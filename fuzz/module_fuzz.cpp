@@ -1,55 +1,17 @@
 // Any host at all talks to the module: control requests, OUT packets, IN tokens, time, suspend and resume,
 // as the input's bytes say. The first byte chooses the kind of module.
 
+#include "fuzz/input.h"
 #include "module/gps_module.h"
 #include "module/nmea_generator.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <span>
-
 namespace {
 
+using fuzz::Input;
+using fuzz::Require;
 using module::GpsModule;
 using module::Handshake;
 using module::Time;
-
-// Takes the input apart; beyond its end there are zeros.
-class Input {
-  public:
-    explicit Input(std::span<const std::uint8_t> bytes) : rest_(bytes) {}
-
-    bool empty() const { return rest_.empty(); }
-
-    std::span<const std::uint8_t> Take(std::size_t most)
-    {
-        const auto taken = rest_.first(std::min(most, rest_.size()));
-        rest_ = rest_.subspan(taken.size());
-        return taken;
-    }
-
-    std::uint8_t Byte()
-    {
-        const auto byte = Take(1);
-        return byte.empty() ? 0 : byte.front();
-    }
-
-    std::uint16_t Word()
-    {
-        const int low = Byte();
-        return static_cast<std::uint16_t>(low | Byte() << 8);
-    }
-
-  private:
-    std::span<const std::uint8_t> rest_;
-};
-
-void Require(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
 
 void Control(GpsModule& gps, Input& input)
 {
