@@ -103,6 +103,21 @@ NTSTATUS TransferOnce(DEVICE_EXTENSION* extension)
     return status;
 }
 
+// One step of what comes before the transfers. Counted as a whole: a stop between two of its requests would be followed
+// by a start that gives the pipes new handles.
+void SetUpModule(DEVICE_EXTENSION* extension)
+{
+    if (!IncrementIoCountIfStarted(extension))
+        return;
+    if (extension->CdcSetupPending) {
+        extension->CdcSetupPending = FALSE;
+        (void)SetupLine(extension);
+    } else {
+        (void)SendAtCommand(extension);
+    }
+    DecrementIoCount(extension);
+}
+
 // One round of the cycle. False ends it.
 bool RunCycle(DEVICE_EXTENSION* extension)
 {
@@ -111,12 +126,7 @@ bool RunCycle(DEVICE_EXTENSION* extension)
     if (extension->DevicePnPState != STATE_STARTED)
         return false;
     if (extension->AtCommandPending) {
-        if (extension->CdcSetupPending) {
-            extension->CdcSetupPending = FALSE;
-            (void)SetupLine(extension);
-        } else {
-            (void)SendAtCommand(extension);
-        }
+        SetUpModule(extension);
     } else {
         const NTSTATUS status = TransferOnce(extension);
         if (status != STATUS_SUCCESS) {
