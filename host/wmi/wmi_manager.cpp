@@ -385,8 +385,9 @@ extern "C" NTSTATUS NTAPI IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, 
 {
     VfRequireIrqlAtMost(PASSIVE_LEVEL, Rule::IrqlPassive, "IoWMIRegistrationControl",
                         __builtin_return_address(0));
-    if (auto fault = Kernel::Current().Faults().Hit(FaultPoint::WmiRegister))
-        return fault->status != 0 ? fault->status : STATUS_INSUFFICIENT_RESOURCES;
+    if (Action == WMIREG_ACTION_REGISTER)
+        if (auto fault = Kernel::Current().Faults().Hit(FaultPoint::WmiRegister))
+            return fault->status != 0 ? fault->status : STATUS_INSUFFICIENT_RESOURCES;
     WmiManager& wmi = WmiManager::Current();
     EventLog& log = Kernel::Current().Log();
     switch (Action) {
