@@ -2,6 +2,7 @@
 
 import json
 import re
+import socket
 import unittest
 
 import navox
@@ -30,18 +31,18 @@ def positions(sentences):
 
 
 class Gpsd(unittest.TestCase):
-    def report(self, gpsd, gpspipe, source, recorded):
+    def report(self, gpsd, source, recorded):
         """Runs gpsd on `source` until it has reported enough, each of them where the recording has it."""
         port = navox.free_port()
         daemon = navox.Child([gpsd, "-N", "-n", "-S", str(port), source], keep="stderr")
         try:
             navox.wait_until(lambda: self.listens(port), f"gpsd listens on {port}")
-            pipe = navox.Child([gpspipe, "-w", f"127.0.0.1:{port}"])
-            try:
+            with socket.create_connection(("127.0.0.1", port), navox.PATIENCE) as watcher:
+                watcher.sendall(b'?WATCH={"enable":true,"json":true};\n')
+                reports = (json.loads(line) for line in watcher.makefile())
+                fixes = (report for report in reports if report.get("mode", 0) >= 2 and "lat" in report)
                 for _ in range(REPORTS):
-                    self.check(json.loads(pipe.wait_for_line(r'^\{"class":"TPV".*"mode":[23].*"lat".*$')[0]), recorded)
-            finally:
-                pipe.end()
+                    self.check(next(fixes), recorded)
         finally:
             daemon.end()
 
@@ -60,7 +61,7 @@ class Gpsd(unittest.TestCase):
         self.assertAlmostEqual(fix["lon"], longitude, delta=CLOSE)
 
     def test_a_terminal_and_a_connection(self):
-        gpsd, gpspipe = navox.need_program("gpsd"), navox.need_program("gpspipe")
+        gpsd = navox.need_program("gpsd")
         path, sentences = navox.recording(RECORDING)
         recorded = positions(sentences)
         self.assertGreater(len(recorded), 50)
@@ -68,7 +69,7 @@ class Gpsd(unittest.TestCase):
             keeper = host.connect()  # the stream goes on between the two
             for source in (host.pty(1), f"tcp://127.0.0.1:{host.tcp_port}"):
                 with self.subTest(source=source):
-                    self.report(gpsd, gpspipe, source, recorded)
+                    self.report(gpsd, source, recorded)
             keeper.close()
             navox.wait_until(lambda: not host.status(), "both have closed their handles")
 
