@@ -4,6 +4,10 @@
 //                               ^             |                        |
 //                               '-------------+------------------------'
 //
+//     ReaderCycle:  Idle --DPC--> Running --DPC--> Wanted
+//                    ^               |                |  and the DPC is queued, whatever the round says
+//                    '- round ends --+----------------'
+//
 // While AtCommandPending is set the work item sets the module up instead of reading. The cycle ends when the
 // last client has closed, a transfer fails or is cancelled, or the device is not started or not in D0.
 #pragma once

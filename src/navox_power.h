@@ -6,6 +6,8 @@
 //                                  '-- fast resume to S0: done at once; the device follows ---'
 //
 //     D0 --set D1..D3: report, drain both in-pipes, pass down--> D1..D3 --set D0: pass down, report--> D0
+//
+//     STARTED --query of a device state--> POWER_QUERIED --set of the same state or a higher one--> STARTED
 #pragma once
 
 #include "navox.h"

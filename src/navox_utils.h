@@ -5,6 +5,9 @@
 
 // Pending-I/O count ---------------------------------------------------------------------------------------
 //
+//     1 --a request enters--> 2 ... n --all have left--> 1 --removal, with its own count--> 0
+//     StopEvent set           clear                      set                                RemoveEvent set
+//
 // Every request is counted while it is inside the driver. StopEvent tells that only the bias is left,
 // RemoveEvent that the bias is gone too. IRQL <= DISPATCH_LEVEL. The caller's name and line serve only the
 // trace.
@@ -62,6 +65,9 @@ void SetPowerQueriedIfStarted(DEVICE_EXTENSION* extension);
 // Back to STATE_STARTED after a power-up, unless Plug and Play has other plans with the device.
 void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension);
 
+//     NEVER_STARTED, STARTED, REMOVED                                              admitted
+//     STOP_PENDING, STOPPED, REMOVE_PENDING, SURPRISE_REMOVED, POWER_QUERIED       refused
+//
 // Counts the request, then admits it (STATUS_SUCCESS) or refuses it by the device's state
 // (STATUS_DELETE_PENDING, also stored in the request). Either way the caller completes the request and lowers
 // the count.
