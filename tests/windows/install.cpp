@@ -45,16 +45,32 @@ void AddRootDevice(const std::string& hardware_id, const std::string& inf)
     SetupDiDestroyDeviceInfoList(set);
 }
 
+// True when bus and driver were installed in an earlier session: the bus needs only be started.
+bool StartAgain()
+{
+    const SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+    CHECK(manager != nullptr);
+    const SC_HANDLE service = OpenServiceA(manager, "navox_bus", SERVICE_ALL_ACCESS);
+    if (service != nullptr) {
+        CHECK(StartServiceA(service, 0, nullptr));
+        CloseServiceHandle(service);
+    }
+    CloseServiceHandle(manager);
+    return service != nullptr;
+}
+
 } // namespace
 
 void Install(const std::string& folder)
 {
-    NamePort("RIG0", "COM5");
-    NamePort("RIG1", "COM6");
-    CHECK(SetupCopyOEMInfA((folder + "\\navox.inf").c_str(), nullptr, SPOST_PATH, 0, nullptr, 0, nullptr, nullptr));
-    char own[MAX_PATH] = {};
-    CHECK(GetModuleFileNameA(nullptr, own, sizeof own) != 0);
-    const std::string path(own);
-    AddRootDevice("root\\navox_bus", path.substr(0, path.rfind('\\')) + "\\navox_bus.inf");
+    if (!StartAgain()) {
+        NamePort("RIG0", "COM5");
+        NamePort("RIG1", "COM6");
+        CHECK(SetupCopyOEMInfA((folder + "\\navox.inf").c_str(), nullptr, SPOST_PATH, 0, nullptr, 0, nullptr, nullptr));
+        char own[MAX_PATH] = {};
+        CHECK(GetModuleFileNameA(nullptr, own, sizeof own) != 0);
+        const std::string path(own);
+        AddRootDevice("root\\navox_bus", path.substr(0, path.rfind('\\')) + "\\navox_bus.inf");
+    }
     WaitUntil("the bus is there", Rig::IsThere);
 }

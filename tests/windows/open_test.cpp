@@ -1,11 +1,67 @@
 #include "tests/windows/rig_test.h"
 
-SCENARIO(OpensByName)
+#include <setupapi.h>
+
+namespace {
+
+// GUID_DEVINTERFACE_COMPORT
+constexpr GUID kPorts = {0x86e0d1e0, 0x8089, 0x11d0, {0x9c, 0xe4, 0x08, 0x00, 0x3e, 0x30, 0x1f, 0x73}};
+
+// The paths of the ports that are there, as a program finds them that looks for interfaces rather than names.
+std::vector<std::string> InterfacePaths()
+{
+    std::vector<std::string> paths;
+    const HDEVINFO set = SetupDiGetClassDevsA(&kPorts, nullptr, nullptr,
+                                              DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    CHECK(set != INVALID_HANDLE_VALUE);
+    SP_DEVICE_INTERFACE_DATA found{};
+    found.cbSize = sizeof found;
+    for (DWORD i = 0; SetupDiEnumDeviceInterfaces(set, nullptr, &kPorts, i, &found); ++i) {
+        alignas(SP_DEVICE_INTERFACE_DETAIL_DATA_A) char buffer[512];
+        auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(buffer);
+        detail->cbSize = sizeof *detail;
+        CHECK(SetupDiGetDeviceInterfaceDetailA(set, &found, detail, sizeof buffer, nullptr, nullptr));
+        paths.emplace_back(detail->DevicePath);
+    }
+    SetupDiDestroyDeviceInfoList(set);
+    return paths;
+}
+
+} // namespace
+
+SCENARIO(OpensByEveryName)
 {
     Rig rig;
     rig.Plug();
-    for (const char* name : {"COM5", "\\\\.\\COM5"}) {
+    std::vector<std::string> names = InterfacePaths();
+    CHECK_EQ(names.size(), 1);
+    names.insert(names.end(), {"COM5", "\\\\.\\COM5"});
+    for (const std::string& name : names) {
         Port port(name);
+        CHECK_EQ(rig.Counters().open_files, 1);
         CHECK_EQ(port.ReadAll(kEmptySentence.size()), kEmptySentence);
+        port.Close();
+        WaitUntil("the driver closes the file", [&] { return rig.Counters().open_files == 0; });
     }
+}
+
+SCENARIO(SharesThePort)
+{
+    Rig rig;
+    rig.Plug();
+    const Port first("COM5");
+    const Port second("COM5");
+    CHECK_EQ(rig.Counters().open_files, 2);
+    CHECK(rig.Counters().dtr != 0);
+}
+
+SCENARIO(IsGoneWithItsModule)
+{
+    Rig rig;
+    rig.Plug();
+    rig.Unplug();
+    rig.WaitGone();
+    CHECK(OpenPort("COM5") == INVALID_HANDLE_VALUE);
+    CHECK_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    CHECK_EQ(InterfacePaths().size(), 0);
 }

@@ -185,12 +185,14 @@ PendingRead::PendingRead(const Port& port, DWORD length)
     : port_(port.handle()), event_(CreateEventA(nullptr, TRUE, FALSE, nullptr)), buffer_(length, '\0')
 {
     overlapped_.hEvent = event_;
-    if (!ReadFile(port_, buffer_.data(), length, nullptr, &overlapped_))
-        CHECK_EQ(GetLastError(), ERROR_IO_PENDING);
+    if (!ReadFile(port_, buffer_.data(), length, nullptr, &overlapped_) && GetLastError() != ERROR_IO_PENDING)
+        error_ = GetLastError();
 }
 
 DWORD PendingRead::Wait()
 {
+    if (error_ != 0)
+        return error_;
     CHECK_EQ(WaitForSingleObject(event_, kPatience), WAIT_OBJECT_0);
     return GetOverlappedResult(port_, &overlapped_, &moved_, FALSE) ? 0 : GetLastError();
 }

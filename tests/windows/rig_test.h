@@ -157,7 +157,7 @@ class PendingRead {
 
     bool Ended() const { return WaitForSingleObject(event_, 0) == WAIT_OBJECT_0; }
     OVERLAPPED* overlapped() { return &overlapped_; }
-    // Waits, at most kPatience. The error it ended with, 0 for none.
+    // Waits, at most kPatience. The error it ended with, at once or later; 0 for none.
     DWORD Wait();
     std::string data() const { return buffer_.substr(0, moved_); }
 
@@ -167,6 +167,7 @@ class PendingRead {
     OVERLAPPED overlapped_{};
     std::string buffer_;
     DWORD moved_ = 0;
+    DWORD error_ = 0; // of ReadFile itself
 };
 
 // Another process that runs a role. Ends with this object at the latest.

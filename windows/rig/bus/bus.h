@@ -108,9 +108,10 @@ NTSTATUS CallIdle(Port& port);
 
 // in_front.cpp
 void StepInFront(PDRIVER_OBJECT driver); // once
-// `top` is the driver's device object on a module's: the START of it is on its way.
-void Attached(PDEVICE_OBJECT top);
-bool Started(PDEVICE_OBJECT top);
+// `top` is the driver's device object on that of the port: its START is on its way.
+void Attached(PDEVICE_OBJECT top, const Port& port);
+// Until the driver has returned from REMOVE.
+bool HasDriver(const Port& port, bool* started);
 ULONG OpenFiles();
 
 // control.cpp

@@ -21,7 +21,8 @@ Port* PortOf(const void* buffer)
 
 NTSTATUS Plug(Port& port, void* buffer)
 {
-    if (port.pdo != nullptr)
+    bool started = false;
+    if (port.pdo != nullptr || HasDriver(port, &started))
         return STATUS_DEVICE_BUSY;
     RigModule* module = RigModuleCreate(static_cast<const RigPlug*>(buffer));
     if (module == nullptr)
@@ -163,8 +164,9 @@ NTSTATUS Counters(Port& port, void* buffer)
     RtlZeroMemory(&counters, sizeof counters);
     WithModule(port, [&](RigModule* module) { RigModuleLook(module, &counters); });
     counters.plugged = static_cast<unsigned>(port.plugged);
-    counters.device = port.pdo != nullptr;
-    counters.started = port.pdo != nullptr && Started(port.pdo->AttachedDevice);
+    bool started = false;
+    counters.device = HasDriver(port, &started) || port.pdo != nullptr;
+    counters.started = started;
     counters.power = static_cast<unsigned>(port.power);
     counters.urbs = static_cast<unsigned>(port.urbs);
     counters.urbs_pending = PendingUrbs(port);

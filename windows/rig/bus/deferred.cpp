@@ -2,7 +2,7 @@
 //
 //   KeSetTimer ──▶ timer list ──timer thread, when due──▶ DPC queue ──DPC thread, at DISPATCH_LEVEL──▶ routine
 //
-// All lists are under one lock of this file, which is held for a few instructions only.
+// All lists are under one lock, which is held for a few instructions only.
 #include "windows/rig/bus/bus.h"
 #include "windows/rig/bus/replacements.h"
 
@@ -40,7 +40,8 @@ class Guard {
 };
 
 struct Deferred {
-    KSPIN_LOCK lock;
+    KSPIN_LOCK cancel_lock; // the system's
+    KSPIN_LOCK lock;        // of this file; the rest is under it
     LIST_ENTRY dpcs;   // by DpcListEntry; DpcData is set while a DPC is in it
     LIST_ENTRY timers; // by TimerListEntry; Header.Inserted is set while a timer is in it
     KEVENT dpc_event;
@@ -178,6 +179,16 @@ VOID NTAPI RigAcquireSpinLockAtDpcLevel(PKSPIN_LOCK lock)
 VOID NTAPI RigReleaseSpinLockFromDpcLevel(PKSPIN_LOCK lock)
 {
     Unspin(lock);
+}
+
+VOID NTAPI RigAcquireCancelSpinLock(PKIRQL irql)
+{
+    *irql = RigAcquireSpinLockRaiseToDpc(&g_deferred.cancel_lock);
+}
+
+VOID NTAPI RigReleaseCancelSpinLock(KIRQL irql)
+{
+    RigReleaseSpinLock(&g_deferred.cancel_lock, irql);
 }
 
 VOID NTAPI RigInitializeDpc(PRKDPC dpc, PKDEFERRED_ROUTINE routine, PVOID context)

@@ -14,6 +14,7 @@ namespace {
 
 struct Device {
     PDEVICE_OBJECT device; // null: free
+    const Port* port;
     LONG open;
     bool started; // START has come to its end
     PIRP held;    // REMOVE
@@ -133,10 +134,20 @@ void SendCleanup(PDEVICE_OBJECT device, PIRP close)
     SendAndWait(device, irp);
 }
 
+// REMOVE, and with it the end of the driver's device.
+NTSTATUS SendRemove(PDEVICE_OBJECT device, PIRP irp)
+{
+    const NTSTATUS status = Call(device, irp);
+    const Guard guard;
+    if (Device* entry = Find(device))
+        *entry = {};
+    return status;
+}
+
 void NTAPI SendHeldRemove(PVOID context)
 {
     const auto irp = static_cast<PIRP>(context);
-    Call(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp);
+    SendRemove(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp);
 }
 
 // The REMOVE that waited for the last file, which has just been closed; null if there is none.
@@ -144,11 +155,7 @@ PIRP NoteClosed(PDEVICE_OBJECT device)
 {
     const Guard guard;
     Device* entry = Find(device);
-    if (entry == nullptr || --entry->open != 0 || entry->held == nullptr)
-        return nullptr;
-    const PIRP held = entry->held;
-    *entry = {};
-    return held;
+    return entry == nullptr || --entry->open != 0 ? nullptr : entry->held;
 }
 
 bool ForgetRefused(PFILE_OBJECT file)
@@ -197,10 +204,8 @@ NTSTATUS NTAPI Pnp(PDEVICE_OBJECT device, PIRP irp)
             entry->held = irp;
             return STATUS_PENDING;
         }
-        if (entry != nullptr)
-            *entry = {};
     }
-    return Call(device, irp);
+    return SendRemove(device, irp);
 }
 
 void StepInFront(PDRIVER_OBJECT driver, UCHAR major, PDRIVER_DISPATCH routine)
@@ -227,19 +232,24 @@ void StepInFront(PDRIVER_OBJECT driver)
     StepInFront(driver, IRP_MJ_PNP, Pnp);
 }
 
-void Attached(PDEVICE_OBJECT top)
+void Attached(PDEVICE_OBJECT top, const Port& port)
 {
     const Guard guard;
     Device* entry = Find(top) != nullptr ? nullptr : Find(nullptr);
     if (entry != nullptr)
-        entry->device = top;
+        *entry = {top, &port, 0, false, nullptr};
 }
 
-bool Started(PDEVICE_OBJECT top)
+bool HasDriver(const Port& port, bool* started)
 {
     const Guard guard;
-    const Device* entry = Find(top);
-    return top != nullptr && entry != nullptr && entry->started;
+    for (const Device& entry : g_front.devices) {
+        if (entry.device == nullptr || entry.port != &port)
+            continue;
+        *started = entry.started;
+        return true;
+    }
+    return false;
 }
 
 ULONG OpenFiles()

@@ -73,7 +73,7 @@ void Start(PDEVICE_OBJECT device, Port& port)
     port.power = PowerDeviceD0;
     port.started = 1;
     if (top != device)
-        Attached(top);
+        Attached(top, port);
     else
         RigReport("port %lu: no driver claims the module", port.number);
     ObDereferenceObject(top);

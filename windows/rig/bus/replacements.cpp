@@ -50,6 +50,9 @@ NTSTATUS ReplaceRoutines()
         {L"KeReleaseSpinLock", Address(RigReleaseSpinLock)},
         {L"KeAcquireSpinLockAtDpcLevel", Address(RigAcquireSpinLockAtDpcLevel)},
         {L"KeReleaseSpinLockFromDpcLevel", Address(RigReleaseSpinLockFromDpcLevel)},
+        // Goes back to level 0, wherever it came from.
+        {L"IoAcquireCancelSpinLock", Address(RigAcquireCancelSpinLock)},
+        {L"IoReleaseCancelSpinLock", Address(RigReleaseCancelSpinLock)},
         // Says that the DPC is queued and never runs it.
         {L"KeInsertQueueDpc", Address(RigInsertQueueDpc)},
         // Goes with the former.

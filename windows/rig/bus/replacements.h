@@ -8,6 +8,8 @@ KIRQL NTAPI RigAcquireSpinLockRaiseToDpc(PKSPIN_LOCK lock);
 VOID NTAPI RigReleaseSpinLock(PKSPIN_LOCK lock, KIRQL irql);
 VOID NTAPI RigAcquireSpinLockAtDpcLevel(PKSPIN_LOCK lock);
 VOID NTAPI RigReleaseSpinLockFromDpcLevel(PKSPIN_LOCK lock);
+VOID NTAPI RigAcquireCancelSpinLock(PKIRQL irql);
+VOID NTAPI RigReleaseCancelSpinLock(KIRQL irql);
 VOID NTAPI RigInitializeDpc(PRKDPC dpc, PKDEFERRED_ROUTINE routine, PVOID context);
 BOOLEAN NTAPI RigInsertQueueDpc(PRKDPC dpc, PVOID argument1, PVOID argument2);
 BOOLEAN NTAPI RigRemoveQueueDpc(PRKDPC dpc);
