@@ -13,11 +13,25 @@ namespace host {
 namespace {
 
 constexpr ULONG kTag = 'tseT'; // "Test"
+constexpr KIRQL kTooHigh = 5;
 
+// What a driver keeps in non-paged memory.
+struct Driver {
+    Kernel* kernel;
+    KSPIN_LOCK lock;
+    KSPIN_LOCK second_lock;
+    FAST_MUTEX mutex;
+    KEVENT event;
+    KTIMER timer;
+    KDPC dpc;
+};
+
+// Runs at `irql`; the driver's memory is freed after it.
 struct BrokenDriver {
     const char* name;
     const char* rules; // expected findings, in order
-    void (*run)(Kernel& kernel);
+    void (*run)(Driver& driver);
+    KIRQL irql = PASSIVE_LEVEL;
 };
 
 void PrintTo(const BrokenDriver& driver, std::ostream* out)
@@ -25,41 +39,39 @@ void PrintTo(const BrokenDriver& driver, std::ostream* out)
     *out << driver.name;
 }
 
-// What a driver keeps in non-paged memory.
-struct Extension {
-    KSPIN_LOCK lock;
-    KSPIN_LOCK second_lock;
-    FAST_MUTEX mutex;
-    FAST_MUTEX second_mutex;
-    KEVENT event;
-    KTIMER timer;
-    KDPC dpc;
-};
-
 VOID NTAPI EmptyDpc(PKDPC /*Dpc*/, PVOID /*context*/, PVOID /*argument1*/, PVOID /*argument2*/) {}
 
-Extension* NewExtension(POOL_TYPE type = NonPagedPool)
+PVOID Allocate(POOL_TYPE type = NonPagedPool, SIZE_T size = 64)
 {
-    auto* const extension = static_cast<Extension*>(ExAllocatePoolWithTag(type, sizeof(Extension), kTag));
-    RtlZeroMemory(extension, sizeof *extension);
-    if (type != NonPagedPool)
-        return extension;
-    KeInitializeSpinLock(&extension->lock);
-    KeInitializeSpinLock(&extension->second_lock);
-    ExInitializeFastMutex(&extension->mutex);
-    ExInitializeFastMutex(&extension->second_mutex);
-    KeInitializeEvent(&extension->event, NotificationEvent, FALSE);
-    KeInitializeTimer(&extension->timer);
-    KeInitializeDpc(&extension->dpc, EmptyDpc, extension);
-    return extension;
+    return ExAllocatePoolWithTag(type, size, kTag);
 }
 
-// An extension that is freed at the end of the fragment.
-struct Scope {
-    Extension* const it = NewExtension();
-    Extension* operator->() const { return it; }
-    ~Scope() { ExFreePoolWithTag(it, kTag); }
-};
+Driver* Load(Kernel& kernel)
+{
+    auto* const driver = static_cast<Driver*>(Allocate(NonPagedPool, sizeof(Driver)));
+    RtlZeroMemory(driver, sizeof *driver);
+    driver->kernel = &kernel;
+    KeInitializeSpinLock(&driver->lock);
+    KeInitializeSpinLock(&driver->second_lock);
+    ExInitializeFastMutex(&driver->mutex);
+    KeInitializeEvent(&driver->event, NotificationEvent, FALSE);
+    KeInitializeTimer(&driver->timer);
+    KeInitializeDpc(&driver->dpc, EmptyDpc, driver);
+    return driver;
+}
+
+// Memory goes at the IRQL that the fragment leaves behind, unless it was raised for it.
+void RunIn(Kernel& kernel, void (*fragment)(Driver&), KIRQL irql = PASSIVE_LEVEL)
+{
+    Driver* const driver = Load(kernel);
+    if (irql != PASSIVE_LEVEL)
+        KfRaiseIrql(irql);
+    fragment(*driver);
+    if (irql != PASSIVE_LEVEL)
+        KeLowerIrql(PASSIVE_LEVEL);
+    ExFreePoolWithTag(driver, kTag);
+    KeLowerIrql(PASSIVE_LEVEL);
+}
 
 NTSTATUS Wait(PVOID object, Time time, KPROCESSOR_MODE mode = KernelMode)
 {
@@ -67,472 +79,354 @@ NTSTATUS Wait(PVOID object, Time time, KPROCESSOR_MODE mode = KernelMode)
     return KeWaitForSingleObject(object, Executive, mode, FALSE, &timeout);
 }
 
-// At an IRQL; back at PASSIVE_LEVEL after it.
-struct AtIrql {
-    explicit AtIrql(KIRQL irql) : old(KfRaiseIrql(irql)) {}
-    ~AtIrql() { KeLowerIrql(old); }
-    KIRQL old;
-};
+ThreadHandle WaiterFor(Driver& driver, KEVENT& event)
+{
+    ThreadHandle waiter = driver.kernel->Spawn("waiter", [&event] { Wait(&event, kSecond); });
+    driver.kernel->RunUntilIdle();
+    return waiter;
+}
+
+void RunThread(Driver& driver, const std::function<void()>& body)
+{
+    driver.kernel->Spawn("thread", body).Join();
+}
+
+void RunDpc(Driver& driver, PKDEFERRED_ROUTINE routine)
+{
+    KeInitializeDpc(&driver.dpc, routine, &driver);
+    KeInsertQueueDpc(&driver.dpc, nullptr, nullptr);
+    KeFlushQueuedDpcs();
+}
+
+PIO_WORKITEM QueuedWorkItem(PIO_WORKITEM_ROUTINE routine)
+{
+    const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
+    IoQueueWorkItem(item, routine, CriticalWorkQueue, item);
+    return item;
+}
+
+VOID NTAPI EmptyWork(PDEVICE_OBJECT, PVOID) {}
 
 const BrokenDriver kPool[] = {
-    {"ZeroBytes", "PoolZeroBytes", [](Kernel&) { ExFreePool(ExAllocatePoolWithTag(NonPagedPool, 0, kTag)); }},
+    {"ZeroBytes", "PoolZeroBytes", [](Driver&) { ExFreePool(Allocate(NonPagedPool, 0)); }},
     {"PagedAtDispatch", "IrqlExAllocatePaged IrqlExFreePaged",
-     [](Kernel&) {
-         const AtIrql raised(DISPATCH_LEVEL);
-         ExFreePool(ExAllocatePoolWithTag(PagedPool, 8, kTag));
-     }},
-    {"AboveDispatch", "IrqlExAllocatePool IrqlExFreePool",
-     [](Kernel&) {
-         const AtIrql raised(5);
-         ExFreePool(ExAllocatePoolWithTag(NonPagedPool, 8, kTag));
-     }},
+     [](Driver&) { ExFreePool(Allocate(PagedPool)); }, DISPATCH_LEVEL},
+    {"AboveDispatch", "IrqlExAllocatePool IrqlExFreePool", [](Driver&) { ExFreePool(Allocate()); }, kTooHigh},
     {"FreeOfForeignMemory", "PoolFreeUnknown",
-     [](Kernel&) {
+     [](Driver&) {
          int local = 0;
          ExFreePool(&local);
      }},
-    {"FreeOfTheMiddle", "PoolFreeUnknown",
-     [](Kernel&) {
-         auto* const block = static_cast<char*>(ExAllocatePoolWithTag(NonPagedPool, 64, kTag));
-         ExFreePool(block + 16);
-         ExFreePool(block);
-     }},
+    {"FreeOfTheMiddle", "PoolFreeUnknown", [](Driver& d) { ExFreePool(&d.event); }},
     {"DoubleFree", "PoolDoubleFree",
-     [](Kernel&) {
-         PVOID const block = ExAllocatePoolWithTag(NonPagedPool, 64, kTag);
+     [](Driver&) {
+         PVOID const block = Allocate();
          ExFreePool(block);
          ExFreePool(block);
      }},
-    {"WrongTag", "PoolWrongTag",
-     [](Kernel&) { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPool, 64, kTag), 'rehO'); }},
-    {"Leak", "PoolLeak", [](Kernel&) { ExAllocatePoolWithTag(NonPagedPool, 64, kTag); }},
+    {"WrongTag", "PoolWrongTag", [](Driver&) { ExFreePoolWithTag(Allocate(), 'rehO'); }},
+    {"Leak", "PoolLeak", [](Driver&) { Allocate(); }},
     {"AllocationInUnload", "PoolAllocationInUnload",
-     [](Kernel&) {
+     [](Driver&) {
          VfBeginUnload();
-         ExFreePool(ExAllocatePoolWithTag(NonPagedPool, 64, kTag));
+         ExFreePool(Allocate());
          VfEndUnload();
      }},
     {"SystemObject", "PoolFreeSystemObject",
-     [](Kernel&) {
+     [](Driver&) {
          const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
          ExFreePool(item);
          IoFreeWorkItem(item);
      }},
     {"ArmedTimer", "PoolFreeActiveTimer",
-     [](Kernel&) {
-         Extension* const extension = NewExtension();
-         KeSetTimer(&extension->timer, Relative(kSecond), nullptr);
-         ExFreePool(extension);
-     }},
-    {"QueuedDpc", "PoolFreeQueuedDpc",
-     [](Kernel&) {
-         Extension* const extension = NewExtension();
-         KeInsertQueueDpc(&extension->dpc, nullptr, nullptr);
-         ExFreePool(extension);
-     }},
-    {"HeldSpinLock", "PoolFreeHeldLock",
-     [](Kernel&) {
-         Extension* const extension = NewExtension();
-         KeAcquireSpinLockRaiseToDpc(&extension->lock);
-         ExFreePool(extension);
-         KeLowerIrql(PASSIVE_LEVEL);
-     }},
-    {"HeldFastMutex", "PoolFreeHeldLock",
-     [](Kernel&) {
-         Extension* const extension = NewExtension();
-         ExAcquireFastMutex(&extension->mutex);
-         ExFreePool(extension);
-         KeLowerIrql(PASSIVE_LEVEL);
-     }},
+     [](Driver& d) { KeSetTimer(&d.timer, Relative(kSecond), nullptr); }},
+    {"QueuedDpc", "PoolFreeQueuedDpc", [](Driver& d) { KeInsertQueueDpc(&d.dpc, nullptr, nullptr); }},
+    {"HeldSpinLock", "PoolFreeHeldLock", [](Driver& d) { KeAcquireSpinLockRaiseToDpc(&d.lock); }},
+    {"HeldFastMutex", "PoolFreeHeldLock", [](Driver& d) { ExAcquireFastMutex(&d.mutex); }},
     {"WaitedEvent", "PoolFreeWaitedObject PoolUseAfterFree", // the wait that times out touches it once more
-     [](Kernel& kernel) {
-         Extension* const extension = NewExtension();
-         const ThreadHandle waiter = kernel.Spawn("waiter", [&] { Wait(&extension->event, kSecond); });
-         kernel.RunUntilIdle();
-         ExFreePool(extension);
+     [](Driver& d) {
+         Driver* const another = Load(*d.kernel);
+         const ThreadHandle waiter = WaiterFor(d, another->event);
+         ExFreePool(another);
      }},
 };
 
 const BrokenDriver kIrql[] = {
-    {"RaiseToLower", "IrqlKeRaise",
-     [](Kernel&) {
-         const AtIrql raised(DISPATCH_LEVEL);
-         KfRaiseIrql(PASSIVE_LEVEL);
-     }},
-    {"LowerToHigher", "IrqlKeLower",
-     [](Kernel&) {
-         KeLowerIrql(APC_LEVEL);
-         KeLowerIrql(PASSIVE_LEVEL);
-     }},
-    {"SetEventTooHigh", "IrqlKeSetEvent",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(5);
-         KeSetEvent(&scope->event, 0, FALSE);
-     }},
-    {"SetEventAndWaitAtDispatch", "IrqlKeSetEvent",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(DISPATCH_LEVEL);
-         KeSetEvent(&scope->event, 0, TRUE);
-     }},
-    {"ResetEventTooHigh", "IrqlKeDispatchLte",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(5);
-         KeResetEvent(&scope->event);
-     }},
-    {"TimerTooHigh", "IrqlKeDispatchLte",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(5);
-         KeCancelTimer(&scope->timer);
-     }},
-    {"WaitAtDispatch", "IrqlKeWaitAtDispatch",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(DISPATCH_LEVEL);
-         Wait(&scope->event, kMillisecond);
-     }},
+    {"RaiseToLower", "IrqlKeRaise", [](Driver&) { KfRaiseIrql(PASSIVE_LEVEL); }, DISPATCH_LEVEL},
+    {"LowerToHigher", "IrqlKeLower", [](Driver&) { KeLowerIrql(APC_LEVEL); }},
+    {"SetEventTooHigh", "IrqlKeSetEvent", [](Driver& d) { KeSetEvent(&d.event, 0, FALSE); }, kTooHigh},
+    {"SetEventAndWaitAtDispatch", "IrqlKeSetEvent", [](Driver& d) { KeSetEvent(&d.event, 0, TRUE); },
+     DISPATCH_LEVEL},
+    {"ResetEventTooHigh", "IrqlKeDispatchLte", [](Driver& d) { KeResetEvent(&d.event); }, kTooHigh},
+    {"TimerTooHigh", "IrqlKeDispatchLte", [](Driver& d) { KeCancelTimer(&d.timer); }, kTooHigh},
+    {"WaitAtDispatch", "IrqlKeWaitAtDispatch", [](Driver& d) { Wait(&d.event, kMillisecond); },
+     DISPATCH_LEVEL},
     {"WaitForEverAtDispatch", "IrqlKeWaitAtDispatch",
-     [](Kernel&) {
-         const Scope scope;
-         KeSetEvent(&scope->event, 0, FALSE);
-         const AtIrql raised(DISPATCH_LEVEL);
-         KeWaitForSingleObject(&scope->event, Executive, KernelMode, FALSE, nullptr);
-     }},
-    {"DelayAtDispatch", "IrqlKeApcLte",
-     [](Kernel& kernel) {
-         const AtIrql raised(DISPATCH_LEVEL);
-         kernel.RunFor(kMillisecond);
-     }},
-    {"FlushAtDispatch", "IrqlPassive",
-     [](Kernel&) {
-         const AtIrql raised(DISPATCH_LEVEL);
-         KeFlushQueuedDpcs();
-     }},
+     [](Driver& d) {
+         KeSetEvent(&d.event, 0, FALSE);
+         KeWaitForSingleObject(&d.event, Executive, KernelMode, FALSE, nullptr);
+     },
+     DISPATCH_LEVEL},
+    {"DelayAtDispatch", "IrqlKeApcLte", [](Driver& d) { d.kernel->RunFor(kMillisecond); }, DISPATCH_LEVEL},
+    {"FlushAtDispatch", "IrqlPassive", [](Driver&) { KeFlushQueuedDpcs(); }, DISPATCH_LEVEL},
     {"CriticalRegionAtDispatch", "IrqlCriticalRegion IrqlCriticalRegion",
-     [](Kernel&) {
-         const AtIrql raised(DISPATCH_LEVEL);
+     [](Driver&) {
          KeEnterCriticalRegion();
          KeLeaveCriticalRegion();
-     }},
+     },
+     DISPATCH_LEVEL},
     {"CriticalRegionLeftTwice", "CriticalRegions",
-     [](Kernel&) {
+     [](Driver&) {
          KeLeaveCriticalRegion();
          KeEnterCriticalRegion();
      }},
-    {"CriticalRegionNotLeft", "CriticalRegions",
-     [](Kernel& kernel) { kernel.Spawn("thread", [] { KeEnterCriticalRegion(); }).Join(); }},
+    {"CriticalRegionNotLeft", "CriticalRegions", [](Driver& d) { RunThread(d, KeEnterCriticalRegion); }},
     {"DpcReturnsAtPassive", "IrqlReturn",
-     [](Kernel&) {
-         KDPC dpc;
-         KeInitializeDpc(
-             &dpc, [](PKDPC, PVOID, PVOID, PVOID) NTAPI { KeLowerIrql(PASSIVE_LEVEL); }, nullptr);
-         KeInsertQueueDpc(&dpc, nullptr, nullptr);
-         KeFlushQueuedDpcs();
-     }},
+     [](Driver& d) { RunDpc(d, [](PKDPC, PVOID, PVOID, PVOID) NTAPI { KeLowerIrql(PASSIVE_LEVEL); }); }},
     {"ThreadEndsAtDispatch", "IrqlReturn",
-     [](Kernel& kernel) { kernel.Spawn("thread", [] { KfRaiseIrql(DISPATCH_LEVEL); }).Join(); }},
-    {"SystemRoutineAtDispatch", "IrqlPassive",
-     [](Kernel&) {
-         const AtIrql raised(DISPATCH_LEVEL);
-         RtlIsNtDdiVersionAvailable(NTDDI_VISTA);
-     }},
+     [](Driver& d) { RunThread(d, [] { KfRaiseIrql(DISPATCH_LEVEL); }); }},
+    {"SystemRoutineAtDispatch", "IrqlPassive", [](Driver&) { RtlIsNtDdiVersionAvailable(NTDDI_VISTA); },
+     DISPATCH_LEVEL},
 };
 
+void AcquireAndRelease(KSPIN_LOCK* lock)
+{
+    KeReleaseSpinLock(lock, KeAcquireSpinLockRaiseToDpc(lock));
+}
+
+void AcquireBoth(FAST_MUTEX* outer, FAST_MUTEX* inner)
+{
+    ExAcquireFastMutex(outer);
+    ExAcquireFastMutex(inner);
+    ExReleaseFastMutex(inner);
+    ExReleaseFastMutex(outer);
+}
+
 const BrokenDriver kLocks[] = {
-    {"SpinAtHighIrql", "SpinLockIrql IrqlKeReleaseSpinLock",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(5);
-         KeReleaseSpinLock(&scope->lock, KeAcquireSpinLockRaiseToDpc(&scope->lock));
-     }},
+    {"SpinAtHighIrql", "SpinLockIrql IrqlKeReleaseSpinLock", [](Driver& d) { AcquireAndRelease(&d.lock); },
+     kTooHigh},
     {"AtDpcLevelAtPassive", "SpinLockIrql IrqlKeReleaseSpinLock",
-     [](Kernel&) {
-         const Scope scope;
-         KeAcquireSpinLockAtDpcLevel(&scope->lock);
-         KeReleaseSpinLockFromDpcLevel(&scope->lock);
+     [](Driver& d) {
+         KeAcquireSpinLockAtDpcLevel(&d.lock);
+         KeReleaseSpinLockFromDpcLevel(&d.lock);
      }},
     {"LoweredWithSpinLock", "SpinLockIrql IrqlKeReleaseSpinLock",
-     [](Kernel&) {
-         const Scope scope;
-         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&scope->lock);
+     [](Driver& d) {
+         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&d.lock);
          KeLowerIrql(old);
-         KeReleaseSpinLock(&scope->lock, old);
+         KeReleaseSpinLock(&d.lock, old);
      }},
     {"ReleasedToAnotherIrql", "SpinLockWrongOldIrql",
-     [](Kernel&) {
-         const Scope scope;
-         KeAcquireSpinLockRaiseToDpc(&scope->lock);
-         KeReleaseSpinLock(&scope->lock, APC_LEVEL);
-         KeLowerIrql(PASSIVE_LEVEL);
+     [](Driver& d) {
+         KeAcquireSpinLockRaiseToDpc(&d.lock);
+         KeReleaseSpinLock(&d.lock, APC_LEVEL);
      }},
     {"SpinRecursion", "SpinLockRecursion",
-     [](Kernel&) {
-         const Scope scope;
-         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&scope->lock);
-         const KIRQL inner = KeAcquireSpinLockRaiseToDpc(&scope->lock);
-         KeReleaseSpinLock(&scope->lock, inner);
-         KeReleaseSpinLock(&scope->lock, old);
+     [](Driver& d) {
+         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&d.lock);
+         AcquireAndRelease(&d.lock);
+         KeReleaseSpinLock(&d.lock, old);
      }},
     {"SpinOrder", "LockOrder",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(DISPATCH_LEVEL);
-         for (const bool swapped : {false, true}) {
-             KSPIN_LOCK* const outer = swapped ? &scope->second_lock : &scope->lock;
-             KSPIN_LOCK* const inner = swapped ? &scope->lock : &scope->second_lock;
+     [](Driver& d) {
+         for (const auto& [outer, inner] : {std::pair(&d.lock, &d.second_lock), {&d.second_lock, &d.lock}}) {
              KeAcquireSpinLockAtDpcLevel(outer);
-             KeAcquireSpinLockAtDpcLevel(inner);
-             KeReleaseSpinLockFromDpcLevel(inner);
+             AcquireAndRelease(inner);
              KeReleaseSpinLockFromDpcLevel(outer);
          }
-     }},
+     },
+     DISPATCH_LEVEL},
     {"OrderOfThree", "LockOrder",
-     [](Kernel&) {
+     [](Driver&) {
          FAST_MUTEX mutexes[3];
          for (FAST_MUTEX& mutex : mutexes)
              ExInitializeFastMutex(&mutex);
-         for (int i = 0; i < 3; ++i) {
-             ExAcquireFastMutex(&mutexes[i]);
-             ExAcquireFastMutex(&mutexes[(i + 1) % 3]);
-             ExReleaseFastMutex(&mutexes[(i + 1) % 3]);
-             ExReleaseFastMutex(&mutexes[i]);
-         }
+         for (int i = 0; i < 3; ++i)
+             AcquireBoth(&mutexes[i], &mutexes[(i + 1) % 3]);
      }},
     {"SpinUninitialized", "SpinLockUninitialized",
-     [](Kernel&) {
+     [](Driver&) {
          KSPIN_LOCK lock = 0;
-         KeReleaseSpinLock(&lock, KeAcquireSpinLockRaiseToDpc(&lock));
-         KeReleaseSpinLock(&lock, KeAcquireSpinLockRaiseToDpc(&lock)); // reported once
+         AcquireAndRelease(&lock);
+         AcquireAndRelease(&lock); // reported once
      }},
     {"SpinReleaseOrder", "LockReleaseOrder",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(DISPATCH_LEVEL);
-         KeAcquireSpinLockAtDpcLevel(&scope->lock);
-         KeAcquireSpinLockAtDpcLevel(&scope->second_lock);
-         KeReleaseSpinLockFromDpcLevel(&scope->lock);
-         KeReleaseSpinLockFromDpcLevel(&scope->second_lock);
-     }},
+     [](Driver& d) {
+         KeAcquireSpinLockAtDpcLevel(&d.lock);
+         KeAcquireSpinLockAtDpcLevel(&d.second_lock);
+         KeReleaseSpinLockFromDpcLevel(&d.lock);
+         KeReleaseSpinLockFromDpcLevel(&d.second_lock);
+     },
+     DISPATCH_LEVEL},
     {"SpinReleasedByAnother", "SpinLockWrongOwner",
-     [](Kernel& kernel) {
-         const Scope scope;
-         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&scope->lock);
-         ThreadHandle other = kernel.Spawn("other", [&] {
-             const AtIrql raised(DISPATCH_LEVEL);
-             KeReleaseSpinLockFromDpcLevel(&scope->lock);
+     [](Driver& d) {
+         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&d.lock);
+         ThreadHandle other = d.kernel->Spawn("other", [&] {
+             const KIRQL passive = KfRaiseIrql(DISPATCH_LEVEL);
+             KeReleaseSpinLockFromDpcLevel(&d.lock);
+             KeLowerIrql(passive);
          });
          while (!other.Done())
              KeStallExecutionProcessor(1);
-         KeReleaseSpinLock(&scope->lock, old);
+         KeReleaseSpinLock(&d.lock, old);
      }},
     {"SpinReleasedTwice", "SpinLockWrongOwner",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(DISPATCH_LEVEL);
-         KeAcquireSpinLockAtDpcLevel(&scope->lock);
-         KeReleaseSpinLockFromDpcLevel(&scope->lock);
-         KeReleaseSpinLockFromDpcLevel(&scope->lock);
-     }},
+     [](Driver& d) {
+         AcquireAndRelease(&d.lock);
+         KeReleaseSpinLockFromDpcLevel(&d.lock);
+     },
+     DISPATCH_LEVEL},
     {"SpinInitializedWhileHeld", "SpinLockDoubleInit SpinLockWrongOwner LockHeldAtReturn",
-     [](Kernel& kernel) {
-         const Scope scope;
-         kernel
-             .Spawn("thread",
-                    [&] {
-                        const KIRQL old = KeAcquireSpinLockRaiseToDpc(&scope->lock);
-                        KeInitializeSpinLock(&scope->lock);
-                        KeReleaseSpinLock(&scope->lock, old);
-                    })
-             .Join();
+     [](Driver& d) {
+         RunThread(d, [&] {
+             const KIRQL old = KeAcquireSpinLockRaiseToDpc(&d.lock);
+             KeInitializeSpinLock(&d.lock);
+             KeReleaseSpinLock(&d.lock, old);
+         });
      }},
     {"MutexAtDispatch", "FastMutexIrql FastMutexReleaseIrql",
-     [](Kernel&) {
-         const Scope scope;
-         const AtIrql raised(DISPATCH_LEVEL);
-         ExAcquireFastMutex(&scope->mutex);
-         ExReleaseFastMutex(&scope->mutex);
-     }},
+     [](Driver& d) {
+         ExAcquireFastMutex(&d.mutex);
+         ExReleaseFastMutex(&d.mutex);
+     },
+     DISPATCH_LEVEL},
     {"MutexReleasedAtPassive", "FastMutexReleaseIrql",
-     [](Kernel&) {
-         const Scope scope;
-         ExAcquireFastMutex(&scope->mutex);
+     [](Driver& d) {
+         ExAcquireFastMutex(&d.mutex);
          KeLowerIrql(PASSIVE_LEVEL);
-         ExReleaseFastMutex(&scope->mutex);
+         ExReleaseFastMutex(&d.mutex);
      }},
-    {"MutexRecursion", "FastMutexRecursion",
-     [](Kernel&) {
-         const Scope scope;
-         ExAcquireFastMutex(&scope->mutex);
-         ExAcquireFastMutex(&scope->mutex);
-         ExReleaseFastMutex(&scope->mutex);
-         ExReleaseFastMutex(&scope->mutex);
-     }},
+    {"MutexRecursion", "FastMutexRecursion", [](Driver& d) { AcquireBoth(&d.mutex, &d.mutex); }},
     {"MutexReleasedByAnother", "FastMutexWrongOwner",
-     [](Kernel& kernel) {
-         const Scope scope;
-         ExAcquireFastMutex(&scope->mutex);
-         kernel
-             .Spawn("other",
-                    [&] {
-                        const AtIrql raised(APC_LEVEL);
-                        ExReleaseFastMutex(&scope->mutex);
-                    })
-             .Join();
-         ExReleaseFastMutex(&scope->mutex);
+     [](Driver& d) {
+         ExAcquireFastMutex(&d.mutex);
+         RunThread(d, [&] {
+             const KIRQL passive = KfRaiseIrql(APC_LEVEL);
+             ExReleaseFastMutex(&d.mutex);
+             KeLowerIrql(passive);
+         });
+         ExReleaseFastMutex(&d.mutex);
      }},
     {"MutexUninitialized", "FastMutexUninitialized",
-     [](Kernel&) {
+     [](Driver&) {
          FAST_MUTEX mutex = {};
          ExAcquireFastMutex(&mutex);
          ExReleaseFastMutex(&mutex);
      }},
     {"MutexInitializedWhileHeld", "SpinLockDoubleInit",
-     [](Kernel&) {
-         const Scope scope;
-         ExAcquireFastMutex(&scope->mutex);
-         ExInitializeFastMutex(&scope->mutex);
-         KeLowerIrql(PASSIVE_LEVEL);
+     [](Driver& d) {
+         ExAcquireFastMutex(&d.mutex);
+         ExInitializeFastMutex(&d.mutex);
      }},
     {"ThreadEndsWithMutex", "LockHeldAtReturn IrqlReturn PoolFreeHeldLock",
-     [](Kernel& kernel) {
-         const Scope scope;
-         kernel.Spawn("thread", [&] { ExAcquireFastMutex(&scope->mutex); }).Join();
-     }},
+     [](Driver& d) { RunThread(d, [&] { ExAcquireFastMutex(&d.mutex); }); }},
     {"DpcEndsWithSpinLock", "LockHeldAtReturn PoolFreeHeldLock",
-     [](Kernel&) {
-         const Scope scope;
-         KeInitializeDpc(
-             &scope->dpc,
-             [](PKDPC, PVOID context, PVOID, PVOID)
-                 NTAPI { KeAcquireSpinLockAtDpcLevel(&static_cast<Extension*>(context)->lock); },
-             scope.it);
-         KeInsertQueueDpc(&scope->dpc, nullptr, nullptr);
-         KeFlushQueuedDpcs();
+     [](Driver& d) {
+         RunDpc(d, [](PKDPC, PVOID context, PVOID, PVOID)
+                       NTAPI { KeAcquireSpinLockAtDpcLevel(&static_cast<Driver*>(context)->lock); });
      }},
 };
 
 const BrokenDriver kObjects[] = {
     {"UserWaitOnStack", "WaitUserModeOnStack",
-     [](Kernel&) {
+     [](Driver&) {
          KEVENT event;
          KeInitializeEvent(&event, NotificationEvent, TRUE);
          Wait(&event, kSecond, UserMode);
      }},
     {"EventUninitialized", "ObjectUninitialized",
-     [](Kernel&) {
+     [](Driver&) {
          KEVENT event = {};
          KeSetEvent(&event, 0, FALSE);
      }},
     {"TimerUninitialized", "ObjectUninitialized",
-     [](Kernel&) {
+     [](Driver&) {
          KTIMER timer = {};
          KeSetTimer(&timer, Relative(kMillisecond), nullptr);
          KeCancelTimer(&timer);
      }},
     {"DpcUninitialized", "ObjectUninitialized",
-     [](Kernel&) {
+     [](Driver&) {
          KDPC dpc = {};
          KeInsertQueueDpc(&dpc, nullptr, nullptr);
      }},
     {"TimerInitializedWhileArmed", "ObjectReinitialized",
-     [](Kernel&) {
-         const Scope scope;
-         KeSetTimer(&scope->timer, Relative(kSecond), nullptr);
-         KeInitializeTimer(&scope->timer);
+     [](Driver& d) {
+         KeSetTimer(&d.timer, Relative(kSecond), nullptr);
+         KeInitializeTimer(&d.timer);
      }},
     {"DpcInitializedWhileQueued", "ObjectReinitialized",
-     [](Kernel&) {
-         const Scope scope;
-         KeInsertQueueDpc(&scope->dpc, nullptr, nullptr);
-         KeInitializeDpc(&scope->dpc, EmptyDpc, nullptr);
+     [](Driver& d) {
+         KeInsertQueueDpc(&d.dpc, nullptr, nullptr);
+         KeInitializeDpc(&d.dpc, EmptyDpc, nullptr);
      }},
     {"EventInitializedWhileWaitedFor", "ObjectReinitialized",
-     [](Kernel& kernel) {
-         KEVENT event;
-         KeInitializeEvent(&event, NotificationEvent, FALSE);
-         const ThreadHandle waiter = kernel.Spawn("waiter", [&] { Wait(&event, kSecond); });
-         kernel.RunUntilIdle();
-         const LIST_ENTRY waiters = event.Header.WaitListHead;
-         KeInitializeEvent(&event, NotificationEvent, FALSE);
-         event.Header.WaitListHead = waiters; // so that the waiter survives it
+     [](Driver& d) {
+         const ThreadHandle waiter = WaiterFor(d, d.event);
+         const LIST_ENTRY waiters = d.event.Header.WaitListHead;
+         KeInitializeEvent(&d.event, NotificationEvent, FALSE);
+         d.event.Header.WaitListHead = waiters; // so that the waiter survives it
+         d.kernel->RunFor(2 * kSecond);
      }},
     {"EventInPagedPool", "DispatcherInPagedPool",
-     [](Kernel&) {
-         Extension* const paged = NewExtension(PagedPool);
-         KeInitializeEvent(&paged->event, NotificationEvent, FALSE);
-         ExFreePool(paged);
+     [](Driver&) {
+         auto* const event = static_cast<PKEVENT>(Allocate(PagedPool));
+         KeInitializeEvent(event, NotificationEvent, FALSE);
+         ExFreePool(event);
      }},
     {"SpinLockInPagedPool", "DispatcherInPagedPool",
-     [](Kernel&) {
-         Extension* const paged = NewExtension(PagedPool);
-         KeInitializeSpinLock(&paged->lock);
-         ExFreePool(paged);
+     [](Driver&) {
+         auto* const lock = static_cast<KSPIN_LOCK*>(Allocate(PagedPool));
+         KeInitializeSpinLock(lock);
+         ExFreePool(lock);
      }},
-    {"TimerArmedAtUnload", "TimerAlive",
-     [](Kernel&) {
-         static KTIMER timer;
-         KeInitializeTimer(&timer);
-         KeSetTimer(&timer, Relative(kSecond), nullptr);
+    {"TimerArmedAtUnload", "TimerAlive PoolLeak", // its memory is left, too
+     [](Driver& d) {
+         KeSetTimer(&d.timer, Relative(kSecond), nullptr);
          VfAuditUnload("broken");
-         KeCancelTimer(&timer);
+         KeCancelTimer(&d.timer);
      }},
-    {"DpcQueuedAtUnload", "DpcAlive",
-     [](Kernel&) {
-         static KDPC dpc;
-         KeInitializeDpc(&dpc, EmptyDpc, nullptr);
-         KeInsertQueueDpc(&dpc, nullptr, nullptr);
+    {"DpcQueuedAtUnload", "DpcAlive PoolLeak",
+     [](Driver& d) {
+         KeInsertQueueDpc(&d.dpc, nullptr, nullptr);
          VfAuditUnload("broken");
          KeFlushQueuedDpcs();
      }},
-    {"WorkItemQueuedAtUnload", "WorkItemAlive",
-     [](Kernel& kernel) {
-         const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
-         IoQueueWorkItem(
-             item,
-             [](PDEVICE_OBJECT, PVOID context) NTAPI { IoFreeWorkItem(static_cast<PIO_WORKITEM>(context)); },
-             DelayedWorkQueue, item);
+    {"WorkItemQueuedAtUnload", "WorkItemAlive PoolLeak",
+     [](Driver& d) {
+         QueuedWorkItem([](PDEVICE_OBJECT, PVOID item)
+                            NTAPI { IoFreeWorkItem(static_cast<PIO_WORKITEM>(item)); });
          VfAuditUnload("broken");
-         kernel.RunUntilIdle();
+         d.kernel->RunUntilIdle();
      }},
-    {"WorkItemNeverFreed", "WorkItemLeak", [](Kernel&) { IoAllocateWorkItem(nullptr); }},
+    {"WorkItemNeverFreed", "WorkItemLeak", [](Driver&) { IoAllocateWorkItem(nullptr); }},
     {"WorkItemFreedWhileQueued", "WorkItemFreedQueued WorkItemLeak",
-     [](Kernel& kernel) {
-         const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
-         IoQueueWorkItem(
-             item, [](PDEVICE_OBJECT, PVOID) NTAPI {}, CriticalWorkQueue, nullptr);
-         IoFreeWorkItem(item);
-         kernel.RunUntilIdle();
+     [](Driver& d) {
+         IoFreeWorkItem(QueuedWorkItem(EmptyWork));
+         d.kernel->RunUntilIdle();
      }},
     {"WorkItemQueuedTwice", "WorkItemFreedQueued",
-     [](Kernel& kernel) {
-         const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
-         IoQueueWorkItem(
-             item, [](PDEVICE_OBJECT, PVOID) NTAPI {}, CriticalWorkQueue, nullptr);
-         IoQueueWorkItem(
-             item, [](PDEVICE_OBJECT, PVOID) NTAPI {}, CriticalWorkQueue, nullptr);
-         kernel.RunUntilIdle();
+     [](Driver& d) {
+         const PIO_WORKITEM item = QueuedWorkItem(EmptyWork);
+         IoQueueWorkItem(item, EmptyWork, CriticalWorkQueue, nullptr);
+         d.kernel->RunUntilIdle();
          IoFreeWorkItem(item);
      }},
     {"WorkItemFreedTwice", "WorkItemUnknown",
-     [](Kernel&) {
+     [](Driver&) {
          const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
          IoFreeWorkItem(item);
          IoFreeWorkItem(item);
      }},
     {"WorkItemReturnsAtDispatch", "IrqlReturn",
-     [](Kernel& kernel) {
-         const PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
-         IoQueueWorkItem(
-             item, [](PDEVICE_OBJECT, PVOID) NTAPI { KfRaiseIrql(DISPATCH_LEVEL); }, CriticalWorkQueue,
-             nullptr);
-         kernel.RunUntilIdle();
+     [](Driver& d) {
+         const PIO_WORKITEM item =
+             QueuedWorkItem([](PDEVICE_OBJECT, PVOID) NTAPI { KfRaiseIrql(DISPATCH_LEVEL); });
+         d.kernel->RunUntilIdle();
          IoFreeWorkItem(item);
      }},
     {"SystemThreadRunsOn", "ThreadAlive",
-     [](Kernel&) {
+     [](Driver&) {
          static KEVENT never;
          KeInitializeEvent(&never, NotificationEvent, FALSE);
          HANDLE thread = nullptr;
@@ -542,41 +436,39 @@ const BrokenDriver kObjects[] = {
              nullptr);
      }},
     {"EtwNotUnregistered", "EtwStillRegistered",
-     [](Kernel&) {
+     [](Driver&) {
          REGHANDLE handle = 0;
          const GUID id = {};
          EtwRegister(&id, nullptr, nullptr, &handle);
      }},
     {"DpcTooLong", "DpcWatchdog",
-     [](Kernel&) {
-         KDPC dpc;
-         KeInitializeDpc(
-             &dpc, [](PKDPC, PVOID, PVOID, PVOID) NTAPI { KeStallExecutionProcessor(600'000); }, nullptr);
-         KeInsertQueueDpc(&dpc, nullptr, nullptr);
-         KeFlushQueuedDpcs();
+     [](Driver& d) {
+         RunDpc(d, [](PKDPC, PVOID, PVOID, PVOID) NTAPI { KeStallExecutionProcessor(600'000); });
      }},
     {"StringOfOddLength", "MalformedString",
-     [](Kernel&) {
+     [](Driver&) {
          WCHAR text[] = L"PsGetVersion";
          UNICODE_STRING name = {5, sizeof text, text};
          MmGetSystemRoutineAddress(&name);
      }},
     {"StringBeyondItsMaximum", "MalformedString",
-     [](Kernel&) {
+     [](Driver&) {
          WCHAR text[] = L"PsGetVersion";
          UNICODE_STRING name = {8, 4, text};
          MmGetSystemRoutineAddress(&name);
      }},
     {"ExceptionThatNobodyJoins", "UnhandledException",
-     [](Kernel& kernel) { (void)kernel.Spawn("thrower", [] { throw std::runtime_error("no"); }); }},
+     [](Driver& d) { (void)d.kernel->Spawn("thrower", [] { throw std::runtime_error("no"); }); }},
 };
 
 class Rules : public ::testing::TestWithParam<BrokenDriver> {};
 
 TEST_P(Rules, AreReportedAndNothingElse)
 {
-    const std::vector<Finding> findings = Record([](Kernel& kernel) { GetParam().run(kernel); });
-    EXPECT_EQ(RuleNames(findings), GetParam().rules);
+    const BrokenDriver& driver = GetParam();
+    const std::vector<Finding> findings =
+        Record([&](Kernel& kernel) { RunIn(kernel, driver.run, driver.irql); });
+    EXPECT_EQ(RuleNames(findings), driver.rules);
     for (const Finding& finding : findings) {
         EXPECT_FALSE(finding.actor.empty());
         EXPECT_NE(FormatFinding(finding).find(NameOf(finding.rule)), std::string::npos);
@@ -596,40 +488,40 @@ INSTANTIATE_TEST_SUITE_P(Objects, Rules, ::testing::ValuesIn(kObjects), CaseName
 // The same objects, used as they should be.
 TEST(Verifier, SaysNothingOfADriverThatBehaves)
 {
-    const std::vector<Finding> findings = Record([](Kernel& kernel) {
-        const Scope scope;
-        KeSetTimer(&scope->timer, Relative(kMillisecond), &scope->dpc);
-        ExAcquireFastMutex(&scope->mutex);
-        KIRQL old = KeAcquireSpinLockRaiseToDpc(&scope->lock);
-        KeAcquireSpinLockAtDpcLevel(&scope->second_lock);
-        KeSetEvent(&scope->event, 0, FALSE);
-        Wait(&scope->event, 0);
-        KeReleaseSpinLockFromDpcLevel(&scope->second_lock);
-        KeReleaseSpinLock(&scope->lock, old);
-        ExReleaseFastMutex(&scope->mutex);
-        kernel.RunFor(kSecond);
-        KeFlushQueuedDpcs();
-        PVOID const paged = ExAllocatePoolWithTag(PagedPool, 100, kTag);
-        RtlZeroMemory(paged, 100);
-        old = KfRaiseIrql(APC_LEVEL);
-        ExFreePoolWithTag(paged, kTag);
-        KeLowerIrql(old);
+    const std::vector<Finding> findings = Record([](Kernel& of) {
+        RunIn(of, [](Driver& d) {
+            KeSetTimer(&d.timer, Relative(kMillisecond), &d.dpc);
+            ExAcquireFastMutex(&d.mutex);
+            KIRQL old = KeAcquireSpinLockRaiseToDpc(&d.lock);
+            KeAcquireSpinLockAtDpcLevel(&d.second_lock);
+            KeSetEvent(&d.event, 0, FALSE);
+            Wait(&d.event, 0);
+            KeReleaseSpinLockFromDpcLevel(&d.second_lock);
+            KeReleaseSpinLock(&d.lock, old);
+            ExReleaseFastMutex(&d.mutex);
+            d.kernel->RunFor(kSecond);
+            KeFlushQueuedDpcs();
+            PVOID const paged = Allocate(PagedPool);
+            RtlZeroMemory(paged, 64);
+            old = KfRaiseIrql(APC_LEVEL);
+            ExFreePoolWithTag(paged, kTag);
+            KeLowerIrql(old);
+        });
     });
     EXPECT_EQ(RuleNames(findings), "");
 }
 
 TEST(Verifier, AnExcuseCoversItsRuleAndDetailOnly)
 {
-    const auto leak = [](Kernel& kernel) {
+    const std::vector<Finding> findings = Record([](Kernel& kernel) {
         kernel.GetVerifier().AddExcuse(
             {.rule = Rule::PoolLeak, .detail = "Kept", .reason = "kept on purpose"});
         ExAllocatePoolWithTag(NonPagedPool, 8, 'tpeK');
-        ExAllocatePoolWithTag(NonPagedPool, 8, kTag);
+        Allocate();
         VfAuditUnload("broken");
         ASSERT_EQ(kernel.GetVerifier().Excused().size(), 1u);
         EXPECT_EQ(kernel.GetVerifier().Excused()[0].reason, "kept on purpose");
-    };
-    const std::vector<Finding> findings = Record(leak);
+    });
     ASSERT_EQ(RuleNames(findings), "PoolLeak");
     EXPECT_EQ(findings[0].detail, "Test");
 }
@@ -637,10 +529,11 @@ TEST(Verifier, AnExcuseCoversItsRuleAndDetailOnly)
 TEST(Verifier, OffItChecksNothing)
 {
     const std::vector<Finding> findings = Record({.verifier = false}, [](Kernel&) {
-        ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 8, kTag), 'rehO');
-        const AtIrql raised(5);
+        ExFreePoolWithTag(Allocate(PagedPool), 'rehO');
         KSPIN_LOCK lock = 0;
-        KeReleaseSpinLock(&lock, KeAcquireSpinLockRaiseToDpc(&lock));
+        KfRaiseIrql(kTooHigh);
+        AcquireAndRelease(&lock);
+        KeLowerIrql(PASSIVE_LEVEL);
     });
     EXPECT_EQ(RuleNames(findings), "");
 }
