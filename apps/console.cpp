@@ -92,7 +92,7 @@ std::string TakeWord(std::string_view& text)
 {
     constexpr std::string_view kBlanks = " \t\r";
     text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    const std::string word(text.substr(0, text.find_first_of(kBlanks)));
+    std::string word(text.substr(0, text.find_first_of(kBlanks)));
     text.remove_prefix(word.size());
     return word;
 }
@@ -102,9 +102,9 @@ std::string Count(std::size_t count, const char* noun)
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
-[[noreturn]] void Refuse(std::string why)
+[[noreturn]] void Refuse(const std::string& why)
 {
-    throw std::runtime_error(std::move(why));
+    throw std::runtime_error(why);
 }
 
 void Require(NTSTATUS status, const char* what)
