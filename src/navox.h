@@ -211,6 +211,12 @@ inline DEVICE_EXTENSION* GetExtension(PDEVICE_OBJECT device)
     return static_cast<DEVICE_EXTENSION*>(device->DeviceExtension);
 }
 
+// The client of the handle that the request came through.
+inline CLIENT* ClientOf(PIRP irp)
+{
+    return static_cast<CLIENT*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
+}
+
 inline CLIENT* ClientFromEntry(PLIST_ENTRY entry)
 {
     return CONTAINING_RECORD(entry, CLIENT, ListEntry);

@@ -15,11 +15,6 @@ constexpr char kEmptyFix[] = "$GPGGA,,,,,,0,00,0.5,,M,,,,*00\r\n";
 constexpr ULONG kEmptyFixLength = sizeof(kEmptyFix) - 1;
 static_assert(kEmptyFixLength == 32);
 
-CLIENT* ClientOf(PIRP irp)
-{
-    return static_cast<CLIENT*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
-}
-
 void NTAPI SignalTimersDrained(PKDPC, PVOID context, PVOID, PVOID)
 {
     KeSetEvent(&static_cast<CLIENT*>(context)->TimersDrainedEvent, IO_NO_INCREMENT, FALSE);

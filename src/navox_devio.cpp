@@ -95,27 +95,18 @@ NTSTATUS TransferCounted(DEVICE_EXTENSION* extension)
 NTSTATUS TransferOnce(DEVICE_EXTENSION* extension)
 {
     // Counted before the buffer is touched: removal frees the buffer only when the count has gone.
-    if (!IncrementIoCountIfStarted(extension))
-        return STATUS_DELETE_PENDING;
-
-    const NTSTATUS status = TransferCounted(extension);
-    DecrementIoCount(extension);
-    return status;
+    const PendingIoIfStarted pending(extension);
+    return pending ? TransferCounted(extension) : STATUS_DELETE_PENDING;
 }
 
-// One step of what comes before the transfers. Counted as a whole: a stop between two of its requests would be followed
-// by a start that gives the pipes new handles.
-void SetUpModule(DEVICE_EXTENSION* extension)
+// Counted as a whole: it resets a pipe, which a stop between two of its requests would close.
+void SetUpLineCounted(DEVICE_EXTENSION* extension)
 {
-    if (!IncrementIoCountIfStarted(extension))
+    const PendingIoIfStarted pending(extension);
+    if (!pending)
         return;
-    if (extension->CdcSetupPending) {
-        extension->CdcSetupPending = FALSE;
-        (void)SetupLine(extension);
-    } else {
-        (void)SendAtCommand(extension);
-    }
-    DecrementIoCount(extension);
+    extension->CdcSetupPending = FALSE;
+    (void)SetupLine(extension);
 }
 
 // One round of the cycle. False ends it.
@@ -126,7 +117,10 @@ bool RunCycle(DEVICE_EXTENSION* extension)
     if (extension->DevicePnPState != STATE_STARTED)
         return false;
     if (extension->AtCommandPending) {
-        SetUpModule(extension);
+        if (extension->CdcSetupPending)
+            SetUpLineCounted(extension);
+        else
+            (void)SendAtCommand(extension);
     } else {
         const NTSTATUS status = TransferOnce(extension);
         if (status != STATUS_SUCCESS) {

@@ -367,13 +367,6 @@ const SERIAL_CONTROL* FindControl(ULONG code)
     return nullptr;
 }
 
-NTSTATUS Finish(DEVICE_EXTENSION* extension, PIRP irp, NTSTATUS status, ULONG_PTR information = 0)
-{
-    CompleteRequest(irp, status, information);
-    DecrementIoCount(extension);
-    return status;
-}
-
 NTSTATUS SerialDeviceControl(PDEVICE_OBJECT device, PIRP irp)
 {
     DEVICE_EXTENSION* extension = GetExtension(device);
@@ -381,25 +374,23 @@ NTSTATUS SerialDeviceControl(PDEVICE_OBJECT device, PIRP irp)
     const auto& parameters = stack->Parameters.DeviceIoControl;
 
     NTSTATUS status = AdmitRequest(irp, extension);
-    if (status == STATUS_PENDING)
-        return status;
     if (status != STATUS_SUCCESS)
-        return Finish(extension, irp, status);
+        return CompleteAndUncount(extension, irp, status);
     if (IsErrorAborted(extension, irp))
-        return Finish(extension, irp, STATUS_CANCELLED);
+        return CompleteAndUncount(extension, irp, STATUS_CANCELLED);
     const SERIAL_CONTROL* entry = FindControl(parameters.IoControlCode);
     if (entry == nullptr)
-        return Finish(extension, irp, STATUS_INVALID_DEVICE_REQUEST);
+        return CompleteAndUncount(extension, irp, STATUS_INVALID_DEVICE_REQUEST);
     if (parameters.InputBufferLength < entry->LeastInput ||
         parameters.OutputBufferLength < entry->LeastOutput)
-        return Finish(extension, irp, STATUS_BUFFER_TOO_SMALL);
+        return CompleteAndUncount(extension, irp, STATUS_BUFFER_TOO_SMALL);
 
-    Control control = {extension, static_cast<CLIENT*>(stack->FileObject->FsContext),
-                       irp->AssociatedIrp.SystemBuffer, parameters.OutputBufferLength, 0};
+    Control control = {extension, ClientOf(irp), irp->AssociatedIrp.SystemBuffer,
+                       parameters.OutputBufferLength, 0};
     status = entry->Handler(control);
     if (entry->ForMaskQueue && NT_SUCCESS(status))
         return StartOrQueue(control.Client, irp, MaskSlot);
-    return Finish(extension, irp, status, NT_SUCCESS(status) ? control.Information : 0);
+    return CompleteAndUncount(extension, irp, status, NT_SUCCESS(status) ? control.Information : 0);
 }
 
 } // namespace

@@ -11,14 +11,6 @@
 
 namespace {
 
-// Completes a request that was handled here.
-NTSTATUS Finish(DEVICE_EXTENSION* extension, PIRP irp, NTSTATUS status)
-{
-    CompleteRequest(irp, status);
-    DecrementIoCount(extension);
-    return status;
-}
-
 NTSTATUS PassDown(DEVICE_EXTENSION* extension, PIRP irp)
 {
     const NTSTATUS status = SkipAndForward(extension, irp);
@@ -53,7 +45,7 @@ NAVOX_PAGED NTSTATUS Start(DEVICE_EXTENSION* extension, PIRP irp)
     NTSTATUS status = ForwardAndWait(extension, irp);
     if (NT_SUCCESS(status))
         status = BringUp(extension, firstStart);
-    return Finish(extension, irp, status);
+    return CompleteAndUncount(extension, irp, status);
 }
 
 // Never refused, whoever has the port open. Waits until nothing is inside the driver any more.
@@ -90,7 +82,7 @@ NAVOX_PAGED NTSTATUS CancelQuery(DEVICE_EXTENSION* extension, PIRP irp)
     const NTSTATUS status = ForwardAndWait(extension, irp);
     if (NT_SUCCESS(status))
         SetPnpState(extension, STATE_STARTED);
-    return Finish(extension, irp, status);
+    return CompleteAndUncount(extension, irp, status);
 }
 
 NAVOX_PAGED NTSTATUS Stop(DEVICE_EXTENSION* extension, PIRP irp)
@@ -246,7 +238,7 @@ NAVOX_PAGED NTSTATUS QueryCapabilities(DEVICE_EXTENSION* extension, PIRP irp)
         capabilities->SurpriseRemovalOK = TRUE; // in the request only
         extension->CapabilitiesReceived = TRUE;
     }
-    return Finish(extension, irp, status);
+    return CompleteAndUncount(extension, irp, status);
 }
 
 using PnpHandler = NTSTATUS(DEVICE_EXTENSION* extension, PIRP irp);

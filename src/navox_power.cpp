@@ -36,9 +36,10 @@ NTSTATUS SendDownPending(DEVICE_EXTENSION* extension, PIRP irp, PIO_COMPLETION_R
 
 // Wait-wake -----------------------------------------------------------------------------------------------
 
-// Whoever takes the request out of its field owns it: this routine, or somebody who cancels it. The request
-// is not counted: the bus may keep it until the removal. A reference to the device keeps the extension
+// The request is not counted: the bus may keep it until the removal. A reference to the device keeps the extension
 // meanwhile.
+// why: nobody puts a request into WaitWakeIrp, so that the first one that completes is left to a canceller which does
+// not exist, and every later one ends as if it had been cancelled.
 NTSTATUS NTAPI WaitWakeCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
     auto* extension = static_cast<DEVICE_EXTENSION*>(context);
@@ -65,6 +66,13 @@ NTSTATUS WaitWake(DEVICE_EXTENSION* extension, PIRP irp)
     return STATUS_PENDING;
 }
 
+// The reader that was queued while the device was still on its way up found no power.
+void ResumeDeferredReader(DEVICE_EXTENSION* extension)
+{
+    if (InterlockedExchange(&extension->ReaderDeferred, FALSE) != FALSE)
+        QueueReader(extension);
+}
+
 // System power --------------------------------------------------------------------------------------------
 
 // The device has followed the system, or could not.
@@ -80,8 +88,10 @@ void NTAPI DeviceFollowed(PDEVICE_OBJECT, UCHAR minor, POWER_STATE power, PVOID 
     const PIRP irp = TakeIrp(&extension->SystemPowerIrp);
     PoStartNextPowerIrp(irp);
     irp->IoStatus.Status = ioStatus->Status;
-    if (power.DeviceState == PowerDeviceD0)
+    if (power.DeviceState == PowerDeviceD0) {
         extension->CdcSetupPending = TRUE;
+        ResumeDeferredReader(extension);
+    }
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     DecrementIoCount(extension);
 }
@@ -181,9 +191,10 @@ void NoteDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state)
     if (poweringDown)
         return;
     SetStartedUnlessLeaving(extension);
-    // The reader that was queued while the device was still on its way up found no power.
-    if (InterlockedExchange(&extension->ReaderDeferred, FALSE) != FALSE)
-        QueueReader(extension);
+    // Where the device follows the system, the line must be set up first: DeviceFollowed sees to the reader.
+    if (InterlockedCompareExchangePointer(reinterpret_cast<PVOID*>(&extension->SystemPowerIrp), nullptr,
+                                          nullptr) == nullptr)
+        ResumeDeferredReader(extension);
 }
 
 NTSTATUS NTAPI DevicePowerCompleted(PDEVICE_OBJECT, PIRP irp, PVOID context)

@@ -46,7 +46,7 @@ void LeaveCancelled(CLIENT* client, PIRP irp)
 
 NAVOX_HANDS_LOCK_OVER void NTAPI CancelCurrentRead(PDEVICE_OBJECT, PIRP irp)
 {
-    auto* client = static_cast<CLIENT*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
+    auto* client = ClientOf(irp);
     CompleteCurrent(client, LeaveCancelled, irp->CancelIrql, STATUS_CANCELLED, ReadSlot, kReferenceCancel);
 }
 
@@ -157,29 +157,18 @@ bool IsErrorAborted(const DEVICE_EXTENSION* extension, PIRP irp)
 NTSTATUS NTAPI ReadDispatch(PDEVICE_OBJECT device, PIRP irp)
 {
     DEVICE_EXTENSION* extension = GetExtension(device);
-    auto* client = static_cast<CLIENT*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
+    auto* client = ClientOf(irp);
     TRACE(TRACE_READ, LEVEL_VERBOSE, "process %p reads %u bytes", PsGetCurrentProcessId(),
           RequestedLength(irp));
 
-    NTSTATUS status = AdmitRequest(irp, extension);
-    if (status != STATUS_SUCCESS) {
-        if (status != STATUS_PENDING) {
-            CompleteRequest(irp, status);
-            DecrementIoCount(extension);
-        }
-        return status;
-    }
-    if (IsErrorAborted(extension, irp)) {
-        status = CompleteRequest(irp, STATUS_CANCELLED);
-        DecrementIoCount(extension);
-        return status;
-    }
+    const NTSTATUS status = AdmitRequest(irp, extension);
+    if (status != STATUS_SUCCESS)
+        return CompleteAndUncount(extension, irp, status);
+    if (IsErrorAborted(extension, irp))
+        return CompleteAndUncount(extension, irp, STATUS_CANCELLED);
+    if (RequestedLength(irp) == 0)
+        return CompleteAndUncount(extension, irp, STATUS_SUCCESS);
     irp->IoStatus.Information = 0;
-    if (RequestedLength(irp) == 0) {
-        status = CompleteRequest(irp, STATUS_SUCCESS);
-        DecrementIoCount(extension);
-        return status;
-    }
     return StartOrQueue(client, irp, ReadSlot);
 }
 

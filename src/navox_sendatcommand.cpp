@@ -1,6 +1,7 @@
 #include "navox_sendatcommand.h"
 
 #include "navox_usb.h"
+#include "navox_utils.h"
 
 namespace {
 
@@ -18,10 +19,22 @@ bool BeginsWith(const UCHAR* packet, ULONG size, const char (&text)[N])
     return size >= length && RtlCompareMemory(packet, text, length) == length;
 }
 
+// Every step is counted before it reads a pipe's handle: a stop closes the pipes when nothing is counted any more, and
+// the next start gives them new handles.
+void ResetIfStarted(DEVICE_EXTENSION* extension, const USBD_PIPE_INFORMATION& pipe)
+{
+    const PendingIoIfStarted pending(extension);
+    if (pending)
+        (void)ResetPipe(extension->Self, pipe);
+}
+
 } // namespace
 
 NTSTATUS WriteAtCommand(DEVICE_EXTENSION* extension, const char* /*command*/)
 {
+    const PendingIoIfStarted pending(extension);
+    if (!pending)
+        return STATUS_DELETE_PENDING;
     PoolPointer<URB, kTagAtUrb> urb;
     if (!urb.Allocate(NonPagedPool, kUrbAllocation))
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -32,6 +45,9 @@ NTSTATUS WriteAtCommand(DEVICE_EXTENSION* extension, const char* /*command*/)
 
 NTSTATUS ReadAtResponse(DEVICE_EXTENSION* extension, UCHAR* buffer, ULONG size)
 {
+    const PendingIoIfStarted pending(extension);
+    if (!pending)
+        return STATUS_DELETE_PENDING;
     const ULONG packetSize = extension->BulkInPipe.MaximumPacketSize;
     PoolPointer<URB, kTagAtUrb> urb;
     PoolPointer<UCHAR, kTagAtPacket> packet;
@@ -58,8 +74,8 @@ NTSTATUS ReadAtResponse(DEVICE_EXTENSION* extension, UCHAR* buffer, ULONG size)
 
 NTSTATUS SendAtCommand(DEVICE_EXTENSION* extension)
 {
-    (void)ResetPipe(extension->Self, extension->BulkOutPipe);
-    (void)ResetPipe(extension->Self, extension->BulkInPipe);
+    ResetIfStarted(extension, extension->BulkOutPipe);
+    ResetIfStarted(extension, extension->BulkInPipe);
     (void)WriteAtCommand(extension, kStreamCommand);
 
     const ULONG size = extension->BulkInPipe.MaximumPacketSize + 1UL;

@@ -252,13 +252,6 @@ bool BuildPipeUrb(PoolPointer<URB, kTagPipeUrb>* urb, USHORT function, USBD_PIPE
     return true;
 }
 
-NTSTATUS SendPipeRequest(DEVICE_EXTENSION* extension, USHORT function, USBD_PIPE_HANDLE pipe)
-{
-    PoolPointer<URB, kTagPipeUrb> urb;
-    return BuildPipeUrb(&urb, function, pipe) ? SubmitUrb(extension, urb.get())
-                                              : STATUS_INSUFFICIENT_RESOURCES;
-}
-
 NTSTATUS ExchangeCounted(DEVICE_EXTENSION* extension, PURB urb, PLARGE_INTEGER abortAfter)
 {
     KEVENT done;
@@ -336,8 +329,10 @@ NAVOX_PAGED NTSTATUS ConfigureDevice(DEVICE_EXTENSION* extension)
 
 NTSTATUS ResetPipe(PDEVICE_OBJECT device, const USBD_PIPE_INFORMATION& pipe)
 {
-    const NTSTATUS status =
-        SendPipeRequest(GetExtension(device), URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, pipe.PipeHandle);
+    PoolPointer<URB, kTagPipeUrb> urb;
+    if (!BuildPipeUrb(&urb, URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, pipe.PipeHandle))
+        return STATUS_INSUFFICIENT_RESOURCES;
+    const NTSTATUS status = SubmitUrb(GetExtension(device), urb.get());
     return NT_SUCCESS(status) ? STATUS_SUCCESS : status;
 }
 

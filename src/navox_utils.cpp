@@ -164,6 +164,13 @@ void CompleteCounted(DEVICE_EXTENSION* extension, PIRP irp)
     DecrementIoCount(extension);
 }
 
+NTSTATUS CompleteAndUncount(DEVICE_EXTENSION* extension, PIRP irp, NTSTATUS status, ULONG_PTR information)
+{
+    CompleteRequest(irp, status, information);
+    DecrementIoCount(extension);
+    return status;
+}
+
 NTSTATUS SkipAndForward(DEVICE_EXTENSION* extension, PIRP irp)
 {
     IoSkipCurrentIrpStackLocation(irp);

@@ -56,6 +56,30 @@ class PendingIo {
     ULONG line_;
 };
 
+// The same, in STATE_STARTED only; false: not counted.
+class PendingIoIfStarted {
+  public:
+    explicit PendingIoIfStarted(DEVICE_EXTENSION* extension, const char* caller = __builtin_FUNCTION(),
+                                ULONG line = __builtin_LINE())
+        : extension_(IncrementIoCountIfStarted(extension, caller, line) ? extension : nullptr),
+          caller_(caller), line_(line)
+    {}
+    ~PendingIoIfStarted()
+    {
+        if (extension_ != nullptr)
+            DecrementIoCount(extension_, caller_, line_);
+    }
+    PendingIoIfStarted(const PendingIoIfStarted&) = delete;
+    PendingIoIfStarted& operator=(const PendingIoIfStarted&) = delete;
+
+    explicit operator bool() const { return extension_ != nullptr; }
+
+  private:
+    DEVICE_EXTENSION* extension_; // null: not counted
+    const char* caller_;
+    ULONG line_;
+};
+
 void SetPnpState(DEVICE_EXTENSION* extension, ULONG state);
 [[nodiscard]] ULONG GetPnpState(DEVICE_EXTENSION* extension);
 
@@ -84,6 +108,10 @@ void ReportDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state);
 
 // Completes the request and returns `status`.
 NTSTATUS CompleteRequest(PIRP irp, NTSTATUS status, ULONG_PTR information = 0, CCHAR boost = IO_NO_INCREMENT);
+
+// Completes the request, lowers the count and returns `status`.
+NTSTATUS CompleteAndUncount(DEVICE_EXTENSION* extension, PIRP irp, NTSTATUS status,
+                            ULONG_PTR information = 0);
 
 // Completes a request whose status is set and lowers the pending-I/O count. No spin lock held.
 void CompleteCounted(DEVICE_EXTENSION* extension, PIRP irp);

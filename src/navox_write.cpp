@@ -30,7 +30,7 @@ void LeaveWait(CLIENT* client, PIRP irp)
 
 NAVOX_HANDS_LOCK_OVER void NTAPI CancelWait(PDEVICE_OBJECT, PIRP irp)
 {
-    auto* client = static_cast<CLIENT*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext);
+    auto* client = ClientOf(irp);
     CompleteCurrent(client, LeaveWait, irp->CancelIrql, STATUS_CANCELLED, WaitSlot, kReferenceCancel);
 }
 
@@ -166,6 +166,7 @@ PIRP DeliverEvents(CLIENT* client)
         client->HistoryMask = 0;
     }
     if (client->CurrentWaitIrp == nullptr) {
+        // why: the text is as it has always been.
         DbgPrint("\nWhat tha HELLLL 0x%p\n", client);
         return nullptr;
     }

@@ -6,9 +6,8 @@
 //          +------+ <------------------------------------------ +-------------+
 //                    buffer full, time-out or cancel (ring is empty again)
 //
-// No kernel calls here. Append, EnterDirectFill, LeaveDirectFill and Account run under the client lock; Take
-// runs under the client's time-outs lock alone, because it moves only ReadPosition, which Append never
-// touches.
+// No kernel calls here. Append, EnterDirectFill, ResetToRing and Account run under the client lock. Take needs only the
+// client's time-outs lock, because it moves only ReadPosition, which Append never touches.
 #pragma once
 
 #include "navox_ddk.h"

@@ -14,6 +14,9 @@
  * opened for reading, settings one opened for writing (ERROR_ACCESS_DENIED otherwise). The codes work while the device
  * is stopped, too.
  *
+ * Give IOCTL_GPS_GET_APPLICATION_COUNT, IOCTL_GPS_GET_NMEA_MODE and IOCTL_GPS_SET_NMEA_MODE the right buffers: an error
+ * of theirs may look like success that returned nothing.
+ *
  * Include <windows.h> and <winioctl.h> first.
  */
 #ifndef NAVOX_GPS_IOCTL_H

@@ -42,6 +42,11 @@ def main():
     sys.exit(SKIPPED if result.testsRun == len(result.skipped) else 0)
 
 
+def use_host(program):
+    """For those who run no tests."""
+    _arguments.host = program
+
+
 def recording(name):
     """A recording of that name if there is one, else one made here: its path, and what is replayed of it."""
     path = pathlib.Path(_arguments.recordings or "no-recordings") / name
@@ -62,7 +67,10 @@ def made_up_journey(seconds=300):
         place = f"47{30 + second / 1000:08.5f},N,00930.00000,E"
         for text in (f"GPRMC,{time},A,{place},3.600,0.0,110720,,,A",
                      f"GPGGA,{time},{place},1,08,0.9,400.0,M,48.0,M,,",
-                     f"GPGSA,A,3,01,02,03,04,05,06,07,08,,,,,1.5,0.9,{second / 10:.1f}"):
+                     f"GPGLL,{place},{time},A,A", f"GPVTG,0.0,T,,M,3.600,N,{second}.0,K,A",
+                     f"GPGSA,A,3,01,02,03,04,05,06,07,08,,,,,1.5,0.9,{second / 10:.1f}",
+                     *(f"GPGSV,4,{part},16,{second % 90:02},040,083,46,02,17,308,41,12,07,344,39,14,22,228,45"
+                       for part in range(1, 5))):
             lines.append(f"${text}*{functools.reduce(operator.xor, text.encode()):02X}")
     return "\r\n".join(lines + [""]).encode()
 

@@ -19,6 +19,22 @@ def switches(pid):
     return counts
 
 
+def settle(host):
+    """Waits until the module is set up and all is quiet."""
+    def told():
+        answer = navox.run_host("--status", runtime=host.runtime)
+        return b" in 2 transfers" in answer.stdout
+    navox.wait_until(told, "the module is set up")
+    quiet_since = time.monotonic()
+    last = switches(host.pid)
+    end = quiet_since + navox.PATIENCE
+    while time.monotonic() - quiet_since < 0.3 and time.monotonic() < end:
+        time.sleep(0.05)
+        now = switches(host.pid)
+        if now != last:
+            last, quiet_since = now, time.monotonic()
+
+
 class Silence(unittest.TestCase):
     def test_nothing_wakes_up(self):
         with navox.Host("--rate", "0") as host:
@@ -26,26 +42,12 @@ class Silence(unittest.TestCase):
             for program in programs:
                 navox.receive(program, len(navox.EMPTY_FIX))
             # The reader has set the module up once its transfers have shown the echo and the answer.
-            self.settle(host)
+            settle(host)
             before = switches(host.pid)
             time.sleep(SILENCE)
             self.assertEqual(switches(host.pid), before)
             for program in programs:
                 program.close()
-
-    def settle(self, host):
-        def told():
-            answer = navox.run_host("--status", runtime=host.runtime)
-            return b" in 2 transfers" in answer.stdout
-        navox.wait_until(told, "the module is set up")
-        quiet_since = time.monotonic()
-        last = switches(host.pid)
-        end = quiet_since + navox.PATIENCE
-        while time.monotonic() - quiet_since < 0.3 and time.monotonic() < end:
-            time.sleep(0.05)
-            now = switches(host.pid)
-            if now != last:
-                last, quiet_since = now, time.monotonic()
 
 
 if __name__ == "__main__":
