@@ -19,7 +19,7 @@ RigOptions Live()
     options.source = [] {
         ScriptedSource::Script script;
         for (int i = 0; i < kLines; ++i)
-            script.bursts.emplace_back(2 * i * kMillisecond, Line(i));
+            script.bursts.emplace_back(i * 2 * kMillisecond, Line(i));
         return std::make_unique<ScriptedSource>(std::move(script));
     };
     return options;

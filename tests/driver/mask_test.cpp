@@ -1,4 +1,5 @@
 // Serial events: the mask, the history of what it lets through, the wait for it, and what ends a wait.
+// And what happens at once: events, reads, cancels, closes.
 #include "scripted_module.h"
 
 #include "ke/explorer.h"
@@ -25,6 +26,7 @@ struct Bench {
     Port port;
     Request wait; // the last one
     Request read;
+    bool cancelled = false; // there was something to cancel
 };
 
 // Whether the wait succeeded with these events.
@@ -55,7 +57,7 @@ Step Mask(ULONG mask)
     };
 }
 
-Step Say(std::string packet)
+Step Say(const std::string& packet)
 {
     return [=](Bench& bench) {
         bench.module.Send(packet);
@@ -204,8 +206,8 @@ TEST(Wait, EndsWhenTheModuleIsPulledAndNoneFollows)
 
 // Races ------------------------------------------------------------------------------------------------------
 
-// Things that are done at once, in every order of their steps with up to two preemptions; NAVOX_SCHEDULES sets how
-// many of them are tried. `good` judges what came out.
+// Things that are done at once, in the orders of their steps that two preemptions give, one after the other, and in
+// orders from all over by chance; NAVOX_SCHEDULES sets how many of each. `good` judges what came out.
 struct Race {
     const char* name;
     std::vector<Step> before, at_once;
@@ -220,6 +222,7 @@ const Step kSend = [](Bench& bench) { bench.module.Send("$GPTXT,1\r\n"); };
 const Step kTryCancel = [](Bench& bench) { (void)bench.wait.Cancel(); };
 const Step kClose = [](Bench& bench) { bench.port.Close(); };
 const Step kSetMask = [](Bench& bench) { (void)bench.port.SetWaitMask(kChar); };
+const Step kCancelAll = [](Bench& bench) { bench.cancelled = bench.port.CancelIoEx(); };
 const Step kReadOn = [](Bench& bench) { bench.read = bench.port.StartRead(42); };
 
 // After whatever became of the last one, a wait begins and ends with the next transfer.
@@ -282,6 +285,22 @@ const Race kRaces[] = {
      {Mask(kChar)},
      {kSetMask, kSetMask, kWait},
      [](Bench& b) { return b.wait.Done() ? Gave(b.wait, 0) && IsFreeForTheNext(b) : b.wait.Cancel(); }},
+    // Cancelled while it is on its way in.
+    {"WaitAndCancel",
+     {Mask(kChar)},
+     {kWait, kCancelAll},
+     [](Bench& b) { return b.cancelled ? WasCancelled(b.wait) && IsFreeForTheNext(b) : b.wait.Cancel(); }},
+    {"ReadAndCancel",
+     {},
+     {kReadOn, kCancelAll},
+     [](Bench& b) { return b.cancelled ? WasCancelled(b.read) : b.read.Cancel(); }},
+    // Bytes that come while a read looks for them.
+    {"ReadAndTransfer",
+     {},
+     {kReadOn, kSend},
+     [](Bench& b) {
+         return b.read.Wait().Text() == std::string(kEmptyFix) + "$GPTXT,1\r\n" && b.port.InQueue() == 0;
+     }},
 };
 
 class Races : public ::testing::TestWithParam<Race> {};
@@ -309,12 +328,11 @@ TEST_P(Races, LoseNothing)
         bench.port.Close();
         return good;
     };
-    const char* runs = std::getenv("NAVOX_SCHEDULES");
-    const host::Exploration exploration =
-        host::ExploreSchedules({}, 2, runs != nullptr ? std::strtoull(runs, nullptr, 10) : 150, play);
-    EXPECT_FALSE(exploration.failure) << exploration.failure->Describe();
-    RecordProperty("runs", static_cast<int>(exploration.runs));
-    RecordProperty("exhausted", exploration.exhausted);
+    const char* setting = std::getenv("NAVOX_SCHEDULES");
+    const std::uint64_t runs = setting != nullptr ? std::strtoull(setting, nullptr, 10) : 60;
+    for (const host::Exploration& exploration :
+         {host::ExploreSchedules({}, 2, runs, play), host::ExploreSeeds({.pct_length = 100}, runs, play)})
+        EXPECT_FALSE(exploration.failure) << exploration.failure->Describe();
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Races, ::testing::ValuesIn(kRaces),
