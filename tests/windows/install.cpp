@@ -52,7 +52,7 @@ bool StartAgain()
     CHECK(manager != nullptr);
     const SC_HANDLE service = OpenServiceA(manager, "navox_bus", SERVICE_ALL_ACCESS);
     if (service != nullptr) {
-        CHECK(StartServiceA(service, 0, nullptr));
+        CHECK(StartServiceA(service, 0, nullptr) || GetLastError() == ERROR_SERVICE_ALREADY_RUNNING);
         CloseServiceHandle(service);
     }
     CloseServiceHandle(manager);

@@ -6,8 +6,8 @@
 //   READ, WRITE, DEVICE_CONTROL
 //                   end at once, with the status of the CREATE, on such a file; the driver knows nothing of it
 //   CLOSE           sends the CLEANUP that Wine never sends
-//   PNP             keeps REMOVE until the last file is closed; Wine sends it while files are open, and then neither
-//                   CLEANUP nor CLOSE for them
+//   PNP             keeps REMOVE, and with it Wine's thread for it, until the last file is closed; Wine sends it while
+//                   files are open, and then neither CLEANUP nor CLOSE for them. It does not take STATUS_PENDING for it
 #include "windows/rig/bus/bus.h"
 
 namespace {
@@ -17,7 +17,6 @@ struct Device {
     const Port* port;
     LONG open;
     bool started; // START has come to its end
-    PIRP held;    // REMOVE
 };
 
 // A file that the driver has refused to open.
@@ -30,6 +29,7 @@ struct InFront {
     PDRIVER_OBJECT driver;
     PDRIVER_DISPATCH original[IRP_MJ_MAXIMUM_FUNCTION + 1];
     KSPIN_LOCK lock;
+    KEVENT closed; // a device's last file; REMOVE may wait for it
     Device devices[kRigPorts * 2];
     Refused refused[16];
 };
@@ -134,28 +134,19 @@ void SendCleanup(PDEVICE_OBJECT device, PIRP close)
     SendAndWait(device, irp);
 }
 
-// REMOVE, and with it the end of the driver's device.
-NTSTATUS SendRemove(PDEVICE_OBJECT device, PIRP irp)
-{
-    const NTSTATUS status = Call(device, irp);
-    const Guard guard;
-    if (Device* entry = Find(device))
-        *entry = {};
-    return status;
-}
-
-void NTAPI SendHeldRemove(PVOID context)
-{
-    const auto irp = static_cast<PIRP>(context);
-    SendRemove(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp);
-}
-
-// The REMOVE that waited for the last file, which has just been closed; null if there is none.
-PIRP NoteClosed(PDEVICE_OBJECT device)
+void NoteClosed(PDEVICE_OBJECT device)
 {
     const Guard guard;
     Device* entry = Find(device);
-    return entry == nullptr || --entry->open != 0 ? nullptr : entry->held;
+    if (entry != nullptr && --entry->open == 0)
+        KeSetEvent(&g_front.closed, IO_NO_INCREMENT, FALSE);
+}
+
+bool HasOpenFiles(PDEVICE_OBJECT device)
+{
+    const Guard guard;
+    const Device* entry = Find(device);
+    return entry != nullptr && entry->open != 0;
 }
 
 bool ForgetRefused(PFILE_OBJECT file)
@@ -173,10 +164,7 @@ NTSTATUS NTAPI Close(PDEVICE_OBJECT device, PIRP irp)
         return Complete(irp, STATUS_SUCCESS);
     SendCleanup(device, irp);
     const NTSTATUS status = Call(device, irp);
-    // The system sends REMOVE from a thread of its own.
-    const PIRP held = NoteClosed(device);
-    if (held != nullptr && !NT_SUCCESS(StartThread(SendHeldRemove, held)))
-        RigReport("no thread for REMOVE");
+    NoteClosed(device);
     return status;
 }
 
@@ -189,23 +177,24 @@ NTSTATUS StartDevice(PDEVICE_OBJECT device, PIRP irp)
     return status;
 }
 
+NTSTATUS RemoveDevice(PDEVICE_OBJECT device, PIRP irp)
+{
+    while (HasOpenFiles(device))
+        KeWaitForSingleObject(&g_front.closed, Executive, KernelMode, FALSE, nullptr);
+    const NTSTATUS status = Call(device, irp);
+    const Guard guard;
+    if (Device* entry = Find(device))
+        *entry = {};
+    return status;
+}
+
 NTSTATUS NTAPI Pnp(PDEVICE_OBJECT device, PIRP irp)
 {
-    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
-    if (minor == IRP_MN_START_DEVICE)
-        return StartDevice(device, irp);
-    if (minor != IRP_MN_REMOVE_DEVICE)
-        return Call(device, irp);
-    {
-        const Guard guard;
-        Device* entry = Find(device);
-        if (entry != nullptr && entry->open != 0) {
-            IoMarkIrpPending(irp);
-            entry->held = irp;
-            return STATUS_PENDING;
-        }
+    switch (IoGetCurrentIrpStackLocation(irp)->MinorFunction) {
+    case IRP_MN_START_DEVICE: return StartDevice(device, irp);
+    case IRP_MN_REMOVE_DEVICE: return RemoveDevice(device, irp);
+    default: return Call(device, irp);
     }
-    return SendRemove(device, irp);
 }
 
 void StepInFront(PDRIVER_OBJECT driver, UCHAR major, PDRIVER_DISPATCH routine)
@@ -224,6 +213,7 @@ void StepInFront(PDRIVER_OBJECT driver)
         return;
     }
     g_front.driver = driver;
+    KeInitializeEvent(&g_front.closed, SynchronizationEvent, FALSE);
     StepInFront(driver, IRP_MJ_CREATE, Create);
     StepInFront(driver, IRP_MJ_CLOSE, Close);
     StepInFront(driver, IRP_MJ_READ, FileRequest);
@@ -237,7 +227,7 @@ void Attached(PDEVICE_OBJECT top, const Port& port)
     const Guard guard;
     Device* entry = Find(top) != nullptr ? nullptr : Find(nullptr);
     if (entry != nullptr)
-        *entry = {top, &port, 0, false, nullptr};
+        *entry = {top, &port, 0, false};
 }
 
 bool HasDriver(const Port& port, bool* started)
