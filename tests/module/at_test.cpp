@@ -7,10 +7,7 @@ using Transfers = std::vector<std::string>;
 
 TEST(At, CommandsAndTheirAnswers)
 {
-    struct Case {
-        const char* sent;
-        Transfers answers; // echo first
-    };
+    using Case = std::tuple<const char*, Transfers>;
     const Case cases[] = {
         {"AT\r", {"AT\r", "\r\nOK\r\n"}},
         {"at\r\n", {"at\r", "\r\nOK\r\n"}},
@@ -32,9 +29,8 @@ TEST(At, CommandsAndTheirAnswers)
     TestHost host;
     host.Configure();
     host.SetLines(3);
-    for (const Case& c : cases) {
-        EXPECT_EQ(host.Exchange(c.sent), c.answers) << c.sent;
-    }
+    for (const auto& [sent, answers] : cases)
+        EXPECT_EQ(host.Exchange(sent), answers) << sent;
     EXPECT_EQ(host.gps.Look().at_commands.size(), 15U);
 }
 
@@ -42,9 +38,8 @@ TEST(At, ALineMayComeInPieces)
 {
     TestHost host({.echo = false});
     host.Configure();
-    for (const char* piece : {"A", "T*Q7G", "PSNPD"}) {
+    for (const char* piece : {"A", "T*Q7G", "PSNPD"})
         EXPECT_EQ(host.Exchange(piece), Transfers{});
-    }
     EXPECT_EQ(host.Exchange("\r"), Transfers{"\r\nOK\r\n"});
 }
 
@@ -52,9 +47,8 @@ TEST(At, ALineThatIsTooLongIsAnError)
 {
     TestHost host({.echo = false});
     host.Configure();
-    for (const std::size_t padding : {AtLineReader::kMaxLine - 2, AtLineReader::kMaxLine + 1000}) {
+    for (const std::size_t padding : {AtLineReader::kMaxLine - 2, AtLineReader::kMaxLine + 1000})
         EXPECT_EQ(host.Exchange("AT" + std::string(padding, 'x') + "\r"), Transfers{"\r\nERROR\r\n"});
-    }
     EXPECT_LE(host.gps.Look().at_commands.back().size(), AtLineReader::kMaxLine);
     EXPECT_EQ(host.Exchange("AT\r"), Transfers{"\r\nOK\r\n"}) << "and nothing of it stays behind";
 }

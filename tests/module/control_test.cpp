@@ -90,29 +90,24 @@ TEST(Control, ClassRequests)
 
 TEST(Control, AHaltedEndpointStallsUntilItIsCleared)
 {
-    struct Clearing {
-        const char* name;
-        SetupPacket setup;
-        bool clears_data, clears_interrupt;
-    };
+    using Clearing = std::tuple<const char*, SetupPacket, bool, bool>;
     const Clearing clearings[] = {
         {"CLEAR_FEATURE of another endpoint", {0x02, 1, 0, 0x03, 0}, false, false},
         {"SET_INTERFACE of the data interface", {0x01, 11, 0, 1, 0}, true, false},
         {"SET_INTERFACE of the communication interface", {0x01, 11, 0, 0, 0}, false, true},
         {"SET_CONFIGURATION", {0x00, 9, 1, 0, 0}, true, true},
     };
-    for (const Clearing& clearing : clearings) {
+    for (const auto& [name, setup, clears_data, clears_interrupt] : clearings) {
         TestHost host;
         host.Configure();
         for (const std::uint8_t endpoint : {0x81, 0x82, 0x02}) {
             EXPECT_EQ(host.Request(0x02, 3, 0, endpoint, 0).handshake, kAck);
             EXPECT_EQ(host.Request(0x82, 0, 0, endpoint, 2).data, (Bytes{1, 0}));
         }
-        host.gps.Control(clearing.setup, {});
-        EXPECT_EQ(host.Send("AT\r"), clearing.clears_data ? kAck : kStall) << clearing.name;
-        EXPECT_EQ(host.gps.In(0x82).handshake, clearing.clears_data ? kAck : kStall) << clearing.name;
-        EXPECT_EQ(host.gps.In(0x81).handshake, clearing.clears_interrupt ? Handshake::Nak : kStall)
-            << clearing.name;
+        host.gps.Control(setup, {});
+        EXPECT_EQ(host.Send("AT\r"), clears_data ? kAck : kStall) << name;
+        EXPECT_EQ(host.gps.In(0x82).handshake, clears_data ? kAck : kStall) << name;
+        EXPECT_EQ(host.gps.In(0x81).handshake, clears_interrupt ? Handshake::Nak : kStall) << name;
     }
     TestHost host;
     host.Configure();

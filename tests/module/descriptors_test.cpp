@@ -17,9 +17,8 @@ class Inspector {
 
     void Check(bool good, const std::string& problem)
     {
-        if (!good) {
+        if (!good)
             problems.push_back(problem);
-        }
     }
 
     void Device(const Bytes& d)
@@ -152,9 +151,8 @@ TEST(Descriptors, AreThoseOfAnAcmFunction)
         {.comm_interface = 6, .data_interface = 5},
         {.interrupt_in = 0x85, .bulk_in = 0x81, .bulk_out = 0x01},
     };
-    for (const FunctionOptions& options : variants) {
+    for (const FunctionOptions& options : variants)
         EXPECT_EQ(ProblemsOf(options), std::vector<std::string>{});
-    }
 }
 
 TEST(Descriptors, EveryLieIsSeenByACarefulHost)
@@ -178,9 +176,8 @@ TEST(Descriptors, TheOtherSpeedIsDescribedByAHighSpeedModuleOnly)
     inspector.Configuration(high.Descriptor(kOtherSpeedConfigurationDescriptor));
     EXPECT_EQ(inspector.problems, std::vector<std::string>{});
     EXPECT_EQ(high.Descriptor(kDeviceQualifierDescriptor), (Bytes{10, 6, 0, 2, 0xEF, 2, 1, 64, 1, 0}));
-    for (const std::uint16_t type : {0x0600, 0x0700}) {
+    for (const std::uint16_t type : {0x0600, 0x0700})
         EXPECT_EQ(full.Request(0x80, 6, type, 0, 255).handshake, Handshake::Stall);
-    }
 }
 
 TEST(Descriptors, AttributesAndIdsAreThoseAskedFor)

@@ -55,9 +55,8 @@ TEST(Faults, TheNthControlRequest)
 TEST(Faults, ASilentRequestIsLoggedOnceAndAnsweredWhenTheFaultIsGone)
 {
     TestHost host(With(PacketFault{.kind = Kind::Silence}));
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 5; ++i)
         EXPECT_EQ(host.Configure(), kNak);
-    }
     EXPECT_EQ(host.gps.Look().control_count, 1U);
     host.gps.SetFaults({});
     EXPECT_TRUE(host.gps.NextEvent()) << "the bus is to ask again";
@@ -151,9 +150,8 @@ TEST(Faults, AnswersOfAtCommands)
         host->Configure();
         const Transfers answers = host->Exchange("AT*Q7GPSNPD\r\n");
         std::vector<std::size_t> sizes;
-        for (const std::string& answer : answers) {
+        for (const std::string& answer : answers)
             sizes.push_back(answer.size());
-        }
         ASSERT_FALSE(sizes.empty()) << c.name;
         sizes.erase(sizes.begin());
         EXPECT_EQ(sizes, c.sizes) << c.name;
@@ -203,9 +201,8 @@ TEST(Faults, WhatCannotHappenIsRefused)
         {.answers = {{.nth = 0}}},
         {.answers = {{.kind = AnswerKind::Split, .size = 0}}},
     };
-    for (const Faults& faults : impossible) {
+    for (const Faults& faults : impossible)
         EXPECT_THROW(GpsModule({.faults = faults}), std::invalid_argument);
-    }
 }
 
 } // namespace

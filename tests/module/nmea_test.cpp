@@ -25,9 +25,8 @@ std::vector<Sentence> Split(const std::string& burst)
         EXPECT_EQ(star, line.size() - 3) << line;
         Sentence sentence{line, {}};
         std::istringstream fields(line.substr(1, star - 1) + ",");
-        for (std::string field; std::getline(fields, field, ',');) {
+        for (std::string field; std::getline(fields, field, ',');)
             sentence.fields.push_back(field);
-        }
         sentences.push_back(sentence);
     }
     return sentences;
@@ -74,10 +73,7 @@ TEST(Nmea, NumbersAnglesAndTimes)
 
 TEST(Nmea, TheTimeOfDayIsFoundWhereASentenceHasOne)
 {
-    struct Case {
-        const char* sentence;
-        std::optional<double> seconds;
-    };
+    using Case = std::tuple<const char*, std::optional<double>>;
     const Case cases[] = {
         {"$GPGGA,000001.250,2712.6404,S*00\r\n", 1.25},
         {"$GNRMC,235959,A*00", 86399},
@@ -93,10 +89,10 @@ TEST(Nmea, TheTimeOfDayIsFoundWhereASentenceHasOne)
         {"$GPGLL,1,N", {}},
         {"", {}},
     };
-    for (const Case& c : cases) {
-        const auto time = NmeaTimeOfDay(c.sentence);
-        EXPECT_EQ(time ? std::optional(static_cast<double>(*time) / kSecond) : std::nullopt, c.seconds)
-            << c.sentence;
+    for (const auto& [sentence, seconds] : cases) {
+        const auto time = NmeaTimeOfDay(sentence);
+        EXPECT_EQ(time ? std::optional(static_cast<double>(*time) / kSecond) : std::nullopt, seconds)
+            << sentence;
     }
 }
 
@@ -163,9 +159,8 @@ TEST(Generator, StartsWithTheNextFixAndDependsOnTheTimeAlone)
     NmeaGenerator one(4);
     NmeaGenerator other(4);
     one.Start(kTestStart);
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < 6; ++i)
         one.Take();
-    }
     other.Start(kTestStart + 3 * kSecond / 2);
     EXPECT_EQ(one.Due(), other.Due());
     EXPECT_EQ(one.Take(), other.Take());

@@ -10,17 +10,14 @@ using Kind = OutputFifo::Kind;
 std::vector<std::size_t> PacketSizes(OutputFifo& fifo)
 {
     std::vector<std::size_t> sizes;
-    while (const auto packet = fifo.NextPacket()) {
+    while (const auto packet = fifo.NextPacket())
         sizes.push_back(packet->size());
-    }
     return sizes;
 }
 
 TEST(Output, TransfersAreCutIntoPacketsAndEndWithAShortOne)
 {
-    struct Case {
-        std::vector<std::size_t> transfers, packets;
-    };
+    using Case = std::tuple<std::vector<std::size_t>, std::vector<std::size_t>>;
     const Case cases[] = {
         {{0}, {}},
         {{1}, {1}},
@@ -30,12 +27,11 @@ TEST(Output, TransfersAreCutIntoPacketsAndEndWithAShortOne)
         {{128, 5}, {64, 64, 0, 5}},
         {{12, 6, 200}, {12, 6, 64, 64, 64, 8}},
     };
-    for (const Case& c : cases) {
+    for (const auto& [transfers, packets] : cases) {
         OutputFifo fifo(1000, 64);
-        for (const std::size_t size : c.transfers) {
+        for (const std::size_t size : transfers)
             fifo.Push(Bytes(size), Kind::Sentences);
-        }
-        EXPECT_EQ(PacketSizes(fifo), c.packets);
+        EXPECT_EQ(PacketSizes(fifo), packets);
         EXPECT_EQ(fifo.size(), 0U);
     }
 }
@@ -62,9 +58,8 @@ TEST(Output, AHostThatDoesNotReadFindsTheFreshest)
 {
     auto host = TestHost::WithReceiver({.fifo_capacity = 2000});
     host->Open();
-    for (int second = 0; second < 3600; ++second) {
+    for (int second = 0; second < 3600; ++second)
         host->gps.Advance(host->now += kSecond);
-    }
     const std::vector<std::string> kept = host->ReadAll();
     ASSERT_GE(kept.size(), 2U);
     std::size_t size = 0;

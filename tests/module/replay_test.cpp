@@ -79,9 +79,8 @@ TEST(Replay, GoesOnWhereItWasStopped)
 TEST(Replay, ALogWithoutTimesComesInBoundedBursts)
 {
     std::string log;
-    while (log.size() < 10'000) {
+    while (log.size() < 10'000)
         log += NmeaSentence("GPVTG,,T,,M,,N,,K");
-    }
     NmeaReplay replay(log);
     std::string all;
     for (const auto& [time, text] : PlayAll(replay)) {
@@ -106,14 +105,12 @@ TEST(Replay, RefusesWhatItCannotPlay)
 TEST(Replay, RecordingsOfRealReceiversArriveByteForByte)
 {
     const char* folder = std::getenv("NAVOX_NMEA_DATA");
-    if (folder == nullptr || !std::filesystem::is_directory(folder)) {
+    if (folder == nullptr || !std::filesystem::is_directory(folder))
         GTEST_SKIP() << "NAVOX_NMEA_DATA names no folder of recordings";
-    }
     int recordings = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        if (entry.path().extension() != ".log") {
+        if (entry.path().extension() != ".log")
             continue;
-        }
         ++recordings;
         std::ifstream file(entry.path(), std::ios::binary);
         std::string expected;
@@ -121,9 +118,8 @@ TEST(Replay, RecordingsOfRealReceiversArriveByteForByte)
         for (std::string line; std::getline(file, line);) {
             if (line.front() != '#') {
                 expected += line + (file.eof() ? "" : "\n");
-                if (const auto time = NmeaTimeOfDay(line)) {
+                if (const auto time = NmeaTimeOfDay(line))
                     times.insert(*time);
-                }
             }
         }
         TestHost host({}, std::make_unique<NmeaReplay>(NmeaReplay::FromFile(entry.path())));

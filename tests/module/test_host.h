@@ -55,13 +55,11 @@ class TestHost {
         std::string text;
         for (;;) {
             const Packet packet = gps.In(endpoint);
-            if (packet.handshake != Handshake::Ack) {
+            if (packet.handshake != Handshake::Ack)
                 return text;
-            }
             text.append(packet.data.begin(), packet.data.end());
-            if (packet.data.size() < most) {
+            if (packet.data.size() < most)
                 return text;
-            }
         }
     }
 
@@ -69,9 +67,8 @@ class TestHost {
     std::vector<std::string> ReadAll()
     {
         std::vector<std::string> transfers;
-        for (std::string text = Read(); !text.empty(); text = Read()) {
+        for (std::string text = Read(); !text.empty(); text = Read())
             transfers.push_back(text);
-        }
         return transfers;
     }
 
@@ -103,9 +100,8 @@ class TestHost {
         for (auto next = gps.NextEvent(); next && *next <= end; next = gps.NextEvent()) {
             now = std::max(now, *next);
             gps.Advance(now);
-            for (const std::string& text : ReadAll()) {
+            for (const std::string& text : ReadAll())
                 arrivals.push_back({now, text});
-            }
         }
         now = end;
         gps.Advance(now);
