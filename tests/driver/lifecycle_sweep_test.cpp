@@ -211,7 +211,7 @@ TEST_P(CanonicalSequence, SurvivesOneFailureOfEachKindAtEachCall)
             ASSERT_FALSE(HasFailure());
         }
     }
-    EXPECT_GT(failures, most) << "hardly anything was made to fail";
+    EXPECT_GE(failures, 10U) << "hardly anything was made to fail";
     RecordProperty("failures", static_cast<int>(failures));
 }
 
