@@ -19,8 +19,11 @@ class DotNet : public Library {
     ~DotNet() override
     {
         end_event_loop_ = true;
-        if (event_thread_.Joinable())
-            event_thread_.Join();
+        // Ends the wait where SetCommMask was refused, as the end of the handle does.
+        while (event_thread_.Joinable() && !event_thread_.Done()) {
+            (void)CancelIoEx(port_);
+            host::Kernel::Current().RunFor(10 * host::kMillisecond);
+        }
     }
 
     void Open() override
