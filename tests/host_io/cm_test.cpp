@@ -37,12 +37,7 @@ std::optional<CmValue> Loaded(std::string_view lines, std::u16string_view name)
     return key ? registry.Value(key, name) : std::nullopt;
 }
 
-struct ValueCase {
-    const char* line;
-    const char16_t* name;
-    std::uint32_t type;
-    std::vector<std::byte> data;
-};
+using ValueCase = std::tuple<const char*, const char16_t*, std::uint32_t, std::vector<std::byte>>;
 
 TEST(RegText, ReadsEveryKindOfValue)
 {
@@ -59,19 +54,15 @@ TEST(RegText, ReadsEveryKindOfValue)
         {"; a comment\r\n\r\n  \"n\" = \"x\" ; another", u"n", REG_SZ, host::CmStringData(u"x")},
         {"\"a=b\"=dword:1", u"a=b", REG_DWORD, Raw({1, 0, 0, 0})},
     };
-    for (const ValueCase& item : cases) {
-        const std::optional<CmValue> value = Loaded(item.line, item.name);
-        ASSERT_TRUE(value) << item.line;
-        EXPECT_EQ(value->type, item.type) << item.line;
-        EXPECT_EQ(value->data, item.data) << item.line;
+    for (const auto& [line, name, type, data] : cases) {
+        const std::optional<CmValue> value = Loaded(line, name);
+        ASSERT_TRUE(value) << line;
+        EXPECT_EQ(value->type, type) << line;
+        EXPECT_EQ(value->data, data) << line;
     }
 }
 
-struct ErrorCase {
-    std::string text;
-    std::size_t line;
-    const char* says;
-};
+using ErrorCase = std::tuple<std::string, std::size_t, const char*>;
 
 TEST(RegText, NamesTheLineOfAnErrorAndChangesNothing)
 {
@@ -98,12 +89,12 @@ TEST(RegText, NamesTheLineOfAnErrorAndChangesNothing)
         {head + "[HKLM\\B]\r\n\"\xFF\"=dword:1\r\n", 4, "UTF-8"},
         {"\xFF\xFE\x41", 0, "cut off"},
     };
-    for (const ErrorCase& item : cases) {
+    for (const auto& [text, line, says] : cases) {
         CmRegistry registry;
-        const auto error = CmLoadRegText(registry, item.text);
-        ASSERT_TRUE(error) << item.text;
-        EXPECT_EQ(error->line, item.line) << item.text << error->Text();
-        EXPECT_NE(error->message.find(item.says), std::string::npos) << error->Text();
+        const auto error = CmLoadRegText(registry, text);
+        ASSERT_TRUE(error) << text;
+        EXPECT_EQ(error->line, line) << text << error->Text();
+        EXPECT_NE(error->message.find(says), std::string::npos) << error->Text();
         EXPECT_FALSE(registry.Open(u"\\Registry\\Machine\\B"));
         EXPECT_TRUE(registry.Writes().empty());
     }
@@ -323,11 +314,9 @@ TEST_F(KeyTest, DeviceMapIsWrittenByName)
 
 TEST_F(KeyTest, ACallCanBeMadeToFail)
 {
-    host::FaultPlan plan;
-    plan.detail = "RtlWriteRegistryValue";
-    plan.nth = 2;
-    plan.fault.status = STATUS_ACCESS_DENIED;
-    kernel.Faults().Arm(host::FaultPoint::RegistryCall, plan);
+    kernel.Faults().Arm(
+        host::FaultPoint::RegistryCall,
+        {.detail = "RtlWriteRegistryValue", .nth = 2, .fault = {.status = STATUS_ACCESS_DENIED}});
     WCHAR path[] = L"SERIALCOMM";
     WCHAR name[] = L"n";
     ULONG value = 0;

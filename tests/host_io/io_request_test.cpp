@@ -10,6 +10,8 @@ using host::nt::BytesOf;
 using host_test::Below;
 using host_test::Bench;
 using host_test::Complete;
+using host_test::Keep;
+using host_test::Kept;
 
 // Three devices of the scripted driver, one above the other, and what each does with a read.
 class Stack {
@@ -90,7 +92,6 @@ TEST(Request, CompletionRoutinesRunFromTheBottomUp)
     EXPECT_EQ(middle.location, 2);
     EXPECT_EQ(top.device, stack.top);
     EXPECT_EQ(top.location, 3);
-    EXPECT_TRUE(stack.bench.Broken().empty());
 }
 
 struct InvokeCase {
@@ -132,31 +133,12 @@ NTSTATUS NTAPI KeepIt(PDEVICE_OBJECT, PIRP, PVOID context)
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// A request that waits in the driver until the test lets it go.
-struct Pended {
-    PIRP irp = nullptr;
-
-    host_test::Dispatch Dispatch()
-    {
-        return [this](PDEVICE_OBJECT, PIRP request) {
-            IoMarkIrpPending(request);
-            irp = request;
-            return STATUS_PENDING;
-        };
-    }
-    void Finish(NTSTATUS status = STATUS_SUCCESS, ULONG_PTR information = 0)
-    {
-        Complete(irp, status, information);
-    }
-};
-
 TEST(Request, ADriverThatKeepsItCompletesItLater)
 {
     Stack stack;
-    Pended pended;
     KEVENT back;
     KeInitializeEvent(&back, NotificationEvent, FALSE);
-    stack.on_bottom = pended.Dispatch();
+    stack.on_bottom = Keep;
     stack.on_middle = [&](PDEVICE_OBJECT device, PIRP irp) {
         const NTSTATUS status = Stack::Forward(device, irp, KeepIt, &back);
         EXPECT_EQ(status, STATUS_PENDING);
@@ -166,31 +148,28 @@ TEST(Request, ADriverThatKeepsItCompletesItLater)
     };
     const host::nt::File file = stack.bench.Open();
     host::ThreadHandle helper = stack.bench.kernel.Spawn("helper", [&] {
-        EXPECT_TRUE(stack.bench.kernel.RunUntil([&] { return pended.irp != nullptr; }, host::kSecond));
-        pended.Finish(STATUS_DEVICE_NOT_READY);
+        EXPECT_TRUE(stack.bench.kernel.RunUntil([&] { return Kept() != nullptr; }, host::kSecond));
+        Complete(Kept(), STATUS_DEVICE_NOT_READY);
     });
     EXPECT_EQ(file.Read(4).status, STATUS_END_OF_FILE);
     helper.Join();
-    EXPECT_TRUE(stack.bench.Broken().empty());
 }
 
 TEST(Request, PendingTravelsUpTheStack)
 {
     for (const bool with_routine : {false, true}) {
         Stack stack;
-        Pended pended;
         Visit visit;
-        stack.on_bottom = pended.Dispatch();
+        stack.on_bottom = Keep;
         stack.on_middle = [&](PDEVICE_OBJECT device, PIRP irp) {
             return Stack::Forward(device, irp, with_routine ? NoteVisit : nullptr, &visit);
         };
         const host::nt::File file = stack.bench.Open();
         const host::nt::Request read = file.StartRead(4);
         EXPECT_EQ(read.Status(), STATUS_PENDING);
-        pended.Finish();
+        Complete(Kept(), STATUS_SUCCESS);
         EXPECT_EQ(read.Status(), STATUS_SUCCESS);
         EXPECT_EQ(visit.pending, with_routine);
-        EXPECT_TRUE(stack.bench.Broken().empty());
     }
 }
 
@@ -221,7 +200,6 @@ TEST(Request, BufferedDataAreCopiedOutOnSuccessAndWarning)
         EXPECT_EQ(result.status, item.status);
         EXPECT_EQ(result.information, item.information);
         EXPECT_EQ(result.Text(), item.seen);
-        EXPECT_TRUE(bench.Broken().empty());
     }
 }
 
@@ -247,7 +225,6 @@ TEST(Request, ABuiltRequestReportsToItsEventAndStatusBlock)
 {
     for (const bool pends : {false, true}) {
         Bench bench;
-        Pended pended;
         PDEVICE_OBJECT device = bench.script.device;
         bench.OnRequest(IRP_MJ_INTERNAL_DEVICE_CONTROL, [&](PDEVICE_OBJECT, PIRP irp) {
             const auto& control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
@@ -255,7 +232,7 @@ TEST(Request, ABuiltRequestReportsToItsEventAndStatusBlock)
             EXPECT_EQ(control.InputBufferLength, 3U);
             std::memcpy(irp->AssociatedIrp.SystemBuffer, "ab", 2);
             if (pends)
-                return pended.Dispatch()(device, irp);
+                return Keep(device, irp);
             return Complete(irp, STATUS_SUCCESS, 2);
         });
         KEVENT event;
@@ -269,13 +246,12 @@ TEST(Request, ABuiltRequestReportsToItsEventAndStatusBlock)
         EXPECT_EQ(IoCallDriver(device, irp), pends ? STATUS_PENDING : STATUS_SUCCESS);
         if (pends) {
             EXPECT_EQ(KeReadStateEvent(&event), 0);
-            pended.Finish(STATUS_SUCCESS, 2);
+            Complete(Kept(), STATUS_SUCCESS, 2);
         }
         EXPECT_NE(KeReadStateEvent(&event), 0);
         EXPECT_EQ(block.Status, STATUS_SUCCESS);
         EXPECT_EQ(block.Information, 2U);
         EXPECT_EQ(std::string(output), "ab");
-        EXPECT_TRUE(bench.Broken().empty());
     }
 }
 
@@ -297,59 +273,31 @@ TEST(Request, AnAllocatedOneIsItsDriversToFree)
         EXPECT_EQ(irp->IoStatus.Status, STATUS_NOT_SUPPORTED);
     }
     IoFreeIrp(irp);
-    EXPECT_TRUE(bench.Broken().empty());
 }
-
-// A queue of one request that can be cancelled, as drivers keep them.
-struct Cancellable {
-    static inline PIRP waiting = nullptr;
-    static inline KIRQL seen_irql = HIGH_LEVEL;
-
-    static VOID NTAPI Cancel(PDEVICE_OBJECT, PIRP irp)
-    {
-        seen_irql = KeGetCurrentIrql();
-        waiting = nullptr;
-        IoReleaseCancelSpinLock(irp->CancelIrql);
-        Complete(irp, STATUS_CANCELLED);
-    }
-    static NTSTATUS Dispatch(PDEVICE_OBJECT, PIRP irp)
-    {
-        KIRQL irql = PASSIVE_LEVEL;
-        IoAcquireCancelSpinLock(&irql);
-        IoMarkIrpPending(irp);
-        IoSetCancelRoutine(irp, Cancel);
-        waiting = irp;
-        IoReleaseCancelSpinLock(irql);
-        return STATUS_PENDING;
-    }
-};
 
 TEST(Request, CancelCallsTheRoutineOnce)
 {
     Bench bench;
-    bench.OnRequest(IRP_MJ_READ, Cancellable::Dispatch);
+    bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
     const host::nt::File file = bench.Open();
     const host::nt::Request read = file.StartRead(4);
     EXPECT_TRUE(read.Cancel());
-    EXPECT_EQ(Cancellable::seen_irql, DISPATCH_LEVEL);
+    EXPECT_EQ(bench.script.cancelled_at, DISPATCH_LEVEL);
     EXPECT_EQ(read.Status(), STATUS_CANCELLED);
     EXPECT_FALSE(read.Cancel()) << "it is over";
-    EXPECT_TRUE(bench.Broken().empty());
 }
 
 TEST(Request, CancelOfOneWithoutARoutineOnlyMarksIt)
 {
     Bench bench;
-    Pended pended;
-    bench.OnRequest(IRP_MJ_READ, pended.Dispatch());
+    bench.OnRequest(IRP_MJ_READ, Keep);
     const host::nt::File file = bench.Open();
     const host::nt::Request read = file.StartRead(4);
     EXPECT_TRUE(read.Cancel());
     EXPECT_EQ(read.Status(), STATUS_PENDING);
-    EXPECT_TRUE(pended.irp->Cancel);
-    pended.Finish(STATUS_CANCELLED);
+    EXPECT_TRUE(Kept()->Cancel);
+    Complete(Kept(), STATUS_CANCELLED);
     EXPECT_EQ(read.Status(), STATUS_CANCELLED);
-    EXPECT_TRUE(bench.Broken().empty());
 }
 
 // Cancel and completion race: whoever comes first, the request ends once.
@@ -361,17 +309,12 @@ TEST(Request, CancelRacingCompletionEndsItOnce)
         options.pct_length = 60;
         options.seed = seed;
         Bench bench(options);
-        bench.OnRequest(IRP_MJ_READ, Cancellable::Dispatch);
+        bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
         const host::nt::File file = bench.Open();
         const host::nt::Request read = file.StartRead(4);
         host::ThreadHandle canceller = bench.kernel.Spawn("canceller", [&] { read.Cancel(); });
         host::ThreadHandle finisher = bench.kernel.Spawn("finisher", [&] {
-            KIRQL irql = PASSIVE_LEVEL;
-            IoAcquireCancelSpinLock(&irql);
-            PIRP irp = std::exchange(Cancellable::waiting, nullptr);
-            const bool mine = irp != nullptr && IoSetCancelRoutine(irp, nullptr) != nullptr;
-            IoReleaseCancelSpinLock(irql);
-            if (mine)
+            if (PIRP irp = host_test::TakeKept())
                 Complete(irp, STATUS_SUCCESS);
         });
         canceller.Join();
@@ -382,11 +325,7 @@ TEST(Request, CancelRacingCompletionEndsItOnce)
     }
 }
 
-struct LowerCase {
-    host::FaultAction action;
-    NTSTATUS immediate;
-    NTSTATUS final;
-};
+using LowerCase = std::tuple<host::FaultAction, NTSTATUS, NTSTATUS>;
 
 TEST(Request, TheDriverBelowCanBeMadeToMisbehave)
 {
@@ -396,25 +335,23 @@ TEST(Request, TheDriverBelowCanBeMadeToMisbehave)
         {host::FaultAction::Delay, STATUS_PENDING, STATUS_SUCCESS},
         {host::FaultAction::Hang, STATUS_PENDING, STATUS_CANCELLED},
     };
-    for (const LowerCase& item : cases) {
+    for (const auto& [action, immediate, final] : cases) {
         Stack stack;
-        host::FaultPlan plan;
-        plan.detail = "IRP_MJ_READ";
-        plan.fault = {item.action, STATUS_DEVICE_NOT_READY, 5 * host::kSecond};
-        stack.bench.kernel.Faults().Arm(host::FaultPoint::LowerDriver, plan);
+        stack.bench.kernel.Faults().Arm(
+            host::FaultPoint::LowerDriver,
+            {.detail = "IRP_MJ_READ", .fault = {action, STATUS_DEVICE_NOT_READY, 5 * host::kSecond}});
         const host::nt::File file = stack.bench.Open();
         const host::Time before = stack.bench.kernel.InterruptTime();
         const host::nt::Request read = file.StartRead(4);
-        EXPECT_EQ(read.Status(), item.immediate);
+        EXPECT_EQ(read.Status(), immediate);
         stack.bench.kernel.RunFor(host::kSecond);
-        if (item.action == host::FaultAction::Hang) {
+        if (action == host::FaultAction::Hang) {
             EXPECT_EQ(read.Status(), STATUS_PENDING);
             EXPECT_TRUE(read.Cancel());
         }
-        EXPECT_EQ(read.Wait().status, item.final);
-        if (item.action == host::FaultAction::Delay)
+        EXPECT_EQ(read.Wait().status, final);
+        if (action == host::FaultAction::Delay)
             EXPECT_GE(stack.bench.kernel.InterruptTime() - before, 5 * host::kSecond);
-        EXPECT_TRUE(stack.bench.Broken().empty());
     }
 }
 

@@ -65,14 +65,12 @@ TEST(Power, TheBusSuspendsAndResumesTheDevice)
     EXPECT_FALSE(bench.device->suspended);
     EXPECT_EQ(bench.calls, (std::vector<PowerCall>{{IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD2},
                                                    {IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0}}));
-    EXPECT_TRUE(bench.Broken().empty());
 }
 
 TEST(Power, ARequestFromADpcIsSentAtPassiveLevel)
 {
     Sleeper bench;
-    POWER_STATE state{};
-    state.DeviceState = PowerDeviceD0;
+    const POWER_STATE state{.DeviceState = PowerDeviceD0};
     KIRQL irql = PASSIVE_LEVEL;
     KeRaiseIrql(DISPATCH_LEVEL, &irql);
     EXPECT_EQ(PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_SET_POWER, state, nullptr, nullptr, nullptr),
@@ -99,8 +97,7 @@ TEST(Power, ASecondRequestWaitsUntilTheNextIsStarted)
         IoCopyCurrentIrpStackLocationToNext(kept[index]);
         PoCallDriver(bench.Lower(), kept[index]);
     };
-    POWER_STATE state{};
-    state.DeviceState = PowerDeviceD0;
+    const POWER_STATE state{.DeviceState = PowerDeviceD0};
     const auto request = [&](UCHAR minor) {
         PoRequestPowerIrp(bench.Node()->pdo, minor, state, nullptr, nullptr, nullptr);
         bench.kernel.RunUntilIdle();
@@ -125,15 +122,11 @@ TEST(Power, ASecondRequestWaitsUntilTheNextIsStarted)
     sleeper.Join();
     host::UsbBus::Current().Unplug(bench.port); // ends the wait for a wake-up
     host::PnpManager::Current().Settle();
-    EXPECT_TRUE(bench.Broken().empty());
     bench.OnRequest(IRP_MJ_POWER, nullptr);
 }
 
 struct SleepCase {
-    const char* name;
-    NTSTATUS device;
-    NTSTATUS neighbour;
-    NTSTATUS result;
+    NTSTATUS device, neighbour; // what they say
     std::vector<PowerCall> calls;
     SYSTEM_POWER_STATE state;
 };
@@ -144,36 +137,32 @@ TEST(Power, TheSystemAsksBeforeItSleeps)
     const PowerCall sleep{IRP_MN_SET_POWER, SystemPowerState, PowerSystemSleeping3};
     const PowerCall work{IRP_MN_SET_POWER, SystemPowerState, PowerSystemWorking};
     const SleepCase cases[] = {
-        {"all agree", STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS, {query, sleep}, PowerSystemSleeping3},
-        {"the device refuses",
-         STATUS_DEVICE_BUSY,
-         STATUS_SUCCESS,
-         STATUS_DEVICE_BUSY,
-         {query, work},
-         PowerSystemWorking},
-        {"a neighbour refuses",
-         STATUS_SUCCESS,
-         STATUS_UNSUCCESSFUL,
-         STATUS_UNSUCCESSFUL,
-         {query, work},
-         PowerSystemWorking},
+        {STATUS_SUCCESS, STATUS_SUCCESS, {query, sleep}, PowerSystemSleeping3},
+        {STATUS_DEVICE_BUSY, STATUS_SUCCESS, {query, work}, PowerSystemWorking},
+        {STATUS_SUCCESS, STATUS_UNSUCCESSFUL, {query, work}, PowerSystemWorking},
     };
     for (const SleepCase& item : cases) {
-        SCOPED_TRACE(item.name);
         Sleeper bench;
         bench.refusal = item.device;
         PowerManager::Current().SetNeighbour([&](SYSTEM_POWER_STATE) { return item.neighbour; });
-        EXPECT_EQ(PowerManager::Current().Sleep(PowerSystemSleeping3), item.result);
+        EXPECT_EQ(PowerManager::Current().Sleep(PowerSystemSleeping3),
+                  item.device == STATUS_SUCCESS ? item.neighbour : item.device);
         EXPECT_EQ(bench.calls, item.calls);
         EXPECT_EQ(PowerManager::Current().SystemState(), item.state);
         EXPECT_EQ(PowerManager::Current().Wake(), STATUS_SUCCESS);
         EXPECT_EQ(bench.calls.back(), work);
-        EXPECT_TRUE(bench.Broken().empty());
     }
 }
 
 struct Waited {
     NTSTATUS status = STATUS_PENDING;
+    PIRP irp = nullptr;
+    explicit Waited(UsbBench& bench)
+    {
+        const POWER_STATE state{.SystemState = PowerSystemWorking};
+        EXPECT_EQ(PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_WAIT_WAKE, state, Done, this, &irp),
+                  STATUS_PENDING);
+    }
     static VOID NTAPI Done(PDEVICE_OBJECT, UCHAR minor, POWER_STATE, PVOID context, PIO_STATUS_BLOCK block)
     {
         EXPECT_EQ(minor, IRP_MN_WAIT_WAKE);
@@ -184,36 +173,24 @@ struct Waited {
 TEST(Power, ADeviceWakesTheDriverThatWaits)
 {
     Sleeper bench;
-    Waited waited;
-    POWER_STATE state{};
-    state.SystemState = PowerSystemWorking;
-    EXPECT_EQ(PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_WAIT_WAKE, state, Waited::Done, &waited, nullptr),
-              STATUS_PENDING);
-    Waited second;
-    PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_WAIT_WAKE, state, Waited::Done, &second, nullptr);
+    const Waited waited(bench);
+    const Waited second(bench);
     EXPECT_EQ(second.status, STATUS_DEVICE_BUSY);
     bench.RequestPower(PowerDeviceD2);
     bench.kernel.RunFor(host::kSecond);
     EXPECT_EQ(waited.status, STATUS_PENDING);
-    bench.port->WithDevice(
-        [](module::Device& device) { static_cast<FakeDevice&>(device).wants_resume = true; });
+    bench.Tell([](FakeDevice& device) { device.wants_resume = true; });
     bench.kernel.RunUntilIdle();
     EXPECT_EQ(waited.status, STATUS_SUCCESS);
     bench.RequestPower(PowerDeviceD0);
-    EXPECT_TRUE(bench.Broken().empty());
 }
 
 TEST(Power, AWaitForWakeUpCanBeCancelled)
 {
     Sleeper bench;
-    Waited waited;
-    POWER_STATE state{};
-    state.SystemState = PowerSystemWorking;
-    PIRP irp = nullptr;
-    PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_WAIT_WAKE, state, Waited::Done, &waited, &irp);
-    EXPECT_TRUE(IoCancelIrp(irp));
+    const Waited waited(bench);
+    EXPECT_TRUE(IoCancelIrp(waited.irp));
     EXPECT_EQ(waited.status, STATUS_CANCELLED);
-    EXPECT_TRUE(bench.Broken().empty());
 }
 
 // The idle notification, as a driver with selective suspend sends it.
@@ -271,20 +248,15 @@ TEST(Idle, TheHubCallsBackAndTheDeviceSuspendsUntilItWantsSomething)
     EXPECT_EQ(bench.callback_irql, PASSIVE_LEVEL);
     EXPECT_TRUE(bench.device->suspended);
     EXPECT_EQ(bench.ended, STATUS_PENDING);
-    bench.port->WithDevice(
-        [](module::Device& device) { static_cast<FakeDevice&>(device).wants_resume = true; });
+    bench.Tell([](FakeDevice& device) { device.wants_resume = true; });
     bench.kernel.RunUntilIdle();
     EXPECT_EQ(bench.ended, STATUS_SUCCESS);
     IoFreeIrp(irp);
     bench.RequestPower(PowerDeviceD0);
-    EXPECT_TRUE(bench.Broken().empty());
 }
 
 enum class IdleEnd { Cancelled, PoweredUp, Unplugged };
-struct IdleCase {
-    IdleEnd end;
-    NTSTATUS status;
-};
+using IdleCase = std::tuple<IdleEnd, NTSTATUS>;
 
 TEST(Idle, TheRequestEndsByWhateverComesFirst)
 {
@@ -293,23 +265,22 @@ TEST(Idle, TheRequestEndsByWhateverComesFirst)
         {IdleEnd::PoweredUp, STATUS_SUCCESS},
         {IdleEnd::Unplugged, STATUS_DEVICE_NOT_CONNECTED},
     };
-    for (const IdleCase& item : cases) {
+    for (const auto& [end, status] : cases) {
         Idler bench;
         PIRP irp = bench.Send();
         bench.kernel.RunUntilIdle();
         EXPECT_TRUE(bench.port->IdleRequested());
-        if (item.end == IdleEnd::Cancelled)
+        if (end == IdleEnd::Cancelled)
             EXPECT_TRUE(IoCancelIrp(irp));
-        if (item.end == IdleEnd::PoweredUp)
+        if (end == IdleEnd::PoweredUp)
             bench.RequestPower(PowerDeviceD0);
-        if (item.end == IdleEnd::Unplugged) {
+        if (end == IdleEnd::Unplugged) {
             host::UsbBus::Current().Unplug(bench.port);
             host::PnpManager::Current().Settle();
         }
-        EXPECT_EQ(bench.ended, item.status);
+        EXPECT_EQ(bench.ended, status);
         EXPECT_FALSE(bench.port->IdleRequested());
         IoFreeIrp(irp);
-        EXPECT_TRUE(bench.Broken().empty());
     }
 }
 
@@ -320,7 +291,6 @@ TEST(Idle, BadRequestsAreRefused)
     Idler without(Idler::Recording(), plain);
     IoFreeIrp(without.Send());
     EXPECT_EQ(without.answer, STATUS_NOT_SUPPORTED);
-    EXPECT_TRUE(without.Broken().empty());
 }
 
 TEST(Idle, TheVerifierWatchesTheHandShake)

@@ -31,6 +31,14 @@ NTSTATUS NTAPI AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
     return g_script->add_device ? g_script->add_device(driver, pdo) : AttachTo(driver, pdo);
 }
 
+VOID NTAPI Cancel(PDEVICE_OBJECT, PIRP irp)
+{
+    g_script->cancelled_at = KeGetCurrentIrql();
+    g_script->kept = nullptr;
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    Complete(irp, STATUS_CANCELLED);
+}
+
 VOID NTAPI Unload(PDRIVER_OBJECT)
 {
     if (g_script->unload)
@@ -79,6 +87,38 @@ NTSTATUS PassDown(PDEVICE_OBJECT device, PIRP irp)
         PoStartNextPowerIrp(irp);
     IoSkipCurrentIrpStackLocation(irp);
     return power ? PoCallDriver(Below(device), irp) : IoCallDriver(Below(device), irp);
+}
+
+PIRP& Kept()
+{
+    return g_script->kept;
+}
+
+NTSTATUS Keep(PDEVICE_OBJECT, PIRP irp)
+{
+    IoMarkIrpPending(irp);
+    Kept() = irp;
+    return STATUS_PENDING;
+}
+
+NTSTATUS KeepCancellable(PDEVICE_OBJECT device, PIRP irp)
+{
+    KIRQL irql = PASSIVE_LEVEL;
+    IoAcquireCancelSpinLock(&irql);
+    IoSetCancelRoutine(irp, Cancel);
+    const NTSTATUS status = Keep(device, irp);
+    IoReleaseCancelSpinLock(irql);
+    return status;
+}
+
+PIRP TakeKept()
+{
+    KIRQL irql = PASSIVE_LEVEL;
+    IoAcquireCancelSpinLock(&irql);
+    PIRP irp = std::exchange(Kept(), nullptr);
+    const bool mine = irp != nullptr && IoSetCancelRoutine(irp, nullptr) != nullptr;
+    IoReleaseCancelSpinLock(irql);
+    return mine ? irp : nullptr;
 }
 
 UNICODE_STRING Counted(std::u16string& text)
@@ -139,6 +179,7 @@ Bench::Bench(host::KernelOptions options, bool with_device) : kernel(std::move(o
 
 Bench::~Bench()
 {
+    EXPECT_EQ(Broken(), std::vector<host::Rule>{}) << "broken and not expected";
     if (driver->DeviceObject != nullptr &&
         driver->DeviceObject->DeviceObjectExtension->attached_to == nullptr)
         IoDeleteDevice(driver->DeviceObject);

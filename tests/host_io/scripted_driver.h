@@ -37,6 +37,8 @@ struct Script {
     std::function<NTSTATUS(PDRIVER_OBJECT)> entry;                      // run at the end of DriverEntry
     std::function<void()> unload;
     bool has_power = true;
+    PIRP kept = nullptr;
+    KIRQL cancelled_at = HIGH_LEVEL; // the IRQL of the cancel routine
     std::vector<std::string> seen;   // requests as they came: "IRP_MJ_READ"
     PDEVICE_OBJECT device = nullptr; // the last one made by MakeDevice or AttachTo
     PDEVICE_OBJECT lower = nullptr;  // what AttachTo attached to
@@ -51,6 +53,12 @@ NTSTATUS NTAPI ScriptedEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registry_pat
 NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
 NTSTATUS PassDown(PDEVICE_OBJECT device, PIRP irp); // skip and call
 PDEVICE_OBJECT Below(PDEVICE_OBJECT device);
+// Leaves the request pending; it is Kept() from then on. A cancellable one completes when it is cancelled.
+NTSTATUS Keep(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS KeepCancellable(PDEVICE_OBJECT device, PIRP irp);
+PIRP& Kept();
+// Takes it back from its cancel routine: null when that has run already.
+PIRP TakeKept();
 // A named, buffered device without a stack. Empty name: none.
 PDEVICE_OBJECT MakeDevice(PDRIVER_OBJECT driver, std::u16string name, ULONG extension = 64);
 // A device above `pdo`, as AddDevice makes it.
@@ -61,7 +69,8 @@ NTSTATUS RemoveNow(PDEVICE_OBJECT device, PIRP irp);
 UNICODE_STRING Counted(std::u16string& text);
 std::vector<std::byte> Bytes(std::string_view text);
 
-// A kernel with a scripted driver loaded and one device \Device\t with the link \??\T.
+// A kernel with a scripted driver loaded and one device \Device\t with the link \??\T. Rules that are broken when it
+// goes fail the test.
 class Bench {
   public:
     explicit Bench(host::KernelOptions options = Recording(), bool with_device = true);

@@ -19,6 +19,13 @@ VOID NTAPI PowerDone(PDEVICE_OBJECT, UCHAR, POWER_STATE, PVOID context, PIO_STAT
     KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
 }
 
+std::unique_ptr<URB> EmptyUrb()
+{
+    auto urb = std::make_unique<URB>();
+    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    return urb;
+}
+
 } // namespace
 
 UsbBench::UsbBench(host::KernelOptions options, host::UsbPortOptions port_options)
@@ -73,8 +80,7 @@ UsbBench::Sent UsbBench::Land(const FlightPtr& flight)
 
 std::unique_ptr<URB> UsbBench::TransferUrb(USBD_PIPE_HANDLE pipe, std::vector<UCHAR>& buffer, ULONG flags)
 {
-    auto urb = std::make_unique<URB>();
-    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    auto urb = EmptyUrb();
     UsbBuildInterruptOrBulkTransferRequest(urb.get(), sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER), pipe,
                                            buffer.data(), nullptr, static_cast<ULONG>(buffer.size()), flags,
                                            nullptr);
@@ -95,20 +101,18 @@ UsbBench::FlightPtr UsbBench::StartOut(std::string_view data)
     return Submit(std::move(urb), std::move(buffer));
 }
 
-UsbBench::Sent UsbBench::PipeRequest(USHORT function, USBD_PIPE_HANDLE pipe)
+std::unique_ptr<URB> UsbBench::PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe)
 {
-    auto urb = std::make_unique<URB>();
-    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    auto urb = EmptyUrb();
     urb->UrbPipeRequest.Hdr.Length = sizeof(_URB_PIPE_REQUEST);
     urb->UrbPipeRequest.Hdr.Function = function;
     urb->UrbPipeRequest.PipeHandle = pipe;
-    return Land(Submit(std::move(urb)));
+    return urb;
 }
 
 UsbBench::Sent UsbBench::ClassRequest(UCHAR request, bool in, USHORT value, std::vector<UCHAR> data)
 {
-    auto urb = std::make_unique<URB>();
-    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    auto urb = EmptyUrb();
     auto& control = urb->UrbControlVendorClassRequest;
     control.Hdr.Length = sizeof control;
     control.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
@@ -123,8 +127,7 @@ UsbBench::Sent UsbBench::ClassRequest(UCHAR request, bool in, USHORT value, std:
 UsbBench::Sent UsbBench::Descriptor(UCHAR type, std::size_t length)
 {
     std::vector<UCHAR> buffer(length);
-    auto urb = std::make_unique<URB>();
-    std::memset(static_cast<void*>(urb.get()), 0, sizeof(URB));
+    auto urb = EmptyUrb();
     UsbBuildGetDescriptorRequest(urb.get(), sizeof(_URB_CONTROL_DESCRIPTOR_REQUEST), type, 0, 0,
                                  buffer.data(), nullptr, static_cast<ULONG>(length), nullptr);
     return Land(Submit(std::move(urb), std::move(buffer)));

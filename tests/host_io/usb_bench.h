@@ -50,12 +50,18 @@ class UsbBench : public Bench {
     static std::unique_ptr<URB> TransferUrb(USBD_PIPE_HANDLE pipe, std::vector<UCHAR>& buffer, ULONG flags);
     FlightPtr StartIn(std::size_t length, ULONG flags = USBD_SHORT_TRANSFER_OK);
     FlightPtr StartOut(std::string_view data);
-    Sent PipeRequest(USHORT function, USBD_PIPE_HANDLE pipe);
+    static std::unique_ptr<URB> PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe);
+    Sent PipeRequest(USHORT function, USBD_PIPE_HANDLE pipe) { return Land(Submit(PipeUrb(function, pipe))); }
     Sent ClassRequest(UCHAR request, bool in, USHORT value, std::vector<UCHAR> data);
     Sent Descriptor(UCHAR type, std::size_t length);
     Sent Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCHAR interface_number,
                 std::vector<USBD_PIPE_INFORMATION>* pipes);
 
+    // Something happens to the device, and the bus looks after it.
+    void Tell(void (*what)(FakeDevice&))
+    {
+        port->WithDevice([=](module::Device& it) { what(static_cast<FakeDevice&>(it)); });
+    }
     NTSTATUS RequestPower(DEVICE_POWER_STATE state);
     PDEVICE_OBJECT Lower() const { return script.lower; }
 

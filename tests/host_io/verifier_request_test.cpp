@@ -1,8 +1,7 @@
-// For each rule about requests a driver that breaks it, and nothing else.
+// For each rule about requests a driver that breaks it, and nothing else; and what it leaves behind.
 #include "scripted_driver.h"
 
 #include "ke/isolated_run.h"
-#include "ke/kernel.h"
 
 namespace {
 
@@ -10,38 +9,65 @@ using host::Rule;
 using host_test::Below;
 using host_test::Bench;
 using host_test::Complete;
+using host_test::Dispatch;
+using host_test::Keep;
+using host_test::Kept;
 using host_test::MakeDevice;
 using host_test::PassDown;
+
+using Story = std::function<void(Bench&)>;
 
 struct BrokenDriver {
     Rule rule;
     const char* name;
-    std::function<void(Bench&)> run;
+    Story run;
 };
 
-// Reads once from a device whose read routine is `routine`.
-void ReadWith(Bench& bench, host_test::Dispatch routine)
+// A device above the bench's own one.
+struct Upper {
+    explicit Upper(Bench& of, PDRIVER_OBJECT driver) : bench(of), device(MakeDevice(driver, u""))
+    {
+        IoAttachDeviceToDeviceStack(device, bottom);
+        bench.script.device = bottom;
+    }
+    ~Upper()
+    {
+        IoDetachDevice(bottom);
+        IoDeleteDevice(device);
+    }
+
+    Bench& bench;
+    PDEVICE_OBJECT bottom = bench.script.device;
+    PDEVICE_OBJECT device;
+};
+
+// One read of a device whose read routine is `routine`.
+void ReadOnce(Bench& bench, Dispatch routine)
 {
     bench.OnRequest(IRP_MJ_READ, std::move(routine));
-    const host::nt::File file = bench.Open();
-    file.StartRead(4);
+    bench.Open().StartRead(4);
     bench.OnRequest(IRP_MJ_READ, nullptr);
 }
 
-// The same with a device above it, whose read routine is `upper`.
-void ReadAbove(Bench& bench, host_test::Dispatch upper, host_test::Dispatch lower = nullptr)
+Story Reads(const std::function<NTSTATUS(PIRP)>& routine)
 {
-    PDEVICE_OBJECT bottom = bench.script.device;
-    PDEVICE_OBJECT top = MakeDevice(bench.driver, u"");
-    IoAttachDeviceToDeviceStack(top, bottom);
-    ReadWith(bench, [=](PDEVICE_OBJECT device, PIRP irp) {
-        if (device == top)
-            return upper(device, irp);
-        return lower ? lower(device, irp) : Complete(irp, STATUS_SUCCESS);
-    });
-    IoDetachDevice(bottom);
-    IoDeleteDevice(top);
-    bench.script.device = bottom;
+    return [=](Bench& bench) { ReadOnce(bench, [=](PDEVICE_OBJECT, PIRP irp) { return routine(irp); }); };
+}
+
+NTSTATUS Succeed(PDEVICE_OBJECT, PIRP irp)
+{
+    return Complete(irp, STATUS_SUCCESS);
+}
+
+// The same with a device above it, whose read routine is `upper`.
+Story ReadsAbove(const Dispatch& upper, const Dispatch& lower = Succeed)
+{
+    return [=](Bench& bench) {
+        const Upper top(bench, bench.driver);
+        ReadOnce(bench, [&](PDEVICE_OBJECT device, PIRP irp) {
+            return (device == top.device ? upper : lower)(device, irp);
+        });
+    };
 }
 
 NTSTATUS NTAPI Stop(PDEVICE_OBJECT, PIRP, PVOID)
@@ -60,36 +86,76 @@ NTSTATUS NTAPI FreeAndContinue(PDEVICE_OBJECT, PIRP irp, PVOID)
     return STATUS_SUCCESS;
 }
 
-VOID NTAPI CancelNothing(PDEVICE_OBJECT, PIRP irp)
-{
-    IoReleaseCancelSpinLock(irp->CancelIrql);
-}
-
 VOID NTAPI CancelAndKeepLock(PDEVICE_OBJECT, PIRP) {}
 
-PIRP AllocatedRead(Bench& bench, PIO_COMPLETION_ROUTINE routine)
+PIRP NewRequest(UCHAR major = IRP_MJ_READ, UCHAR minor = 0, PIO_COMPLETION_ROUTINE routine = Stop)
 {
-    PIRP irp = IoAllocateIrp(bench.script.device->StackSize, FALSE);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+    PIRP irp = IoAllocateIrp(2, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = major;
+    IoGetNextIrpStackLocation(irp)->MinorFunction = minor;
     if (routine != nullptr)
         IoSetCompletionRoutine(irp, routine, nullptr, TRUE, TRUE, TRUE);
+    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
     return irp;
 }
 
-PIRP g_kept = nullptr;
-
-NTSTATUS Keep(PDEVICE_OBJECT, PIRP irp)
+// Forgets all findings but the first, where one fault leads to others.
+void KeepFirst(Bench& bench)
 {
-    IoMarkIrpPending(irp);
-    g_kept = irp;
-    return STATUS_PENDING;
+    const auto findings = bench.kernel.GetVerifier().TakeFindings();
+    ASSERT_FALSE(findings.empty());
+    bench.kernel.GetVerifier().Report(findings[0].rule, findings[0].detail, findings[0].text);
 }
 
-NTSTATUS ForwardCopy(PDEVICE_OBJECT device, PIRP irp, PIO_COMPLETION_ROUTINE routine)
+Story Sends(UCHAR major, UCHAR minor, KIRQL at = PASSIVE_LEVEL)
+{
+    return [=](Bench& bench) {
+        PIRP irp = NewRequest(major, minor);
+        KIRQL irql = PASSIVE_LEVEL;
+        KeRaiseIrql(at, &irql);
+        IoCallDriver(bench.script.device, irp);
+        KeLowerIrql(irql);
+        IoFreeIrp(irp);
+        KeepFirst(bench);
+    };
+}
+
+// A driver below has the request while `act` is done with it.
+Story WhileBelow(void (*act)(PIRP))
+{
+    return [=](Bench& bench) {
+        bench.OnRequest(IRP_MJ_READ, Keep);
+        PIRP irp = NewRequest();
+        IoCallDriver(bench.script.device, irp);
+        act(irp);
+        Complete(Kept(), STATUS_SUCCESS);
+        IoFreeIrp(irp);
+    };
+}
+
+Story WithNewRequest(void (*act)(PIRP))
+{
+    return [=](Bench&) { act(IoAllocateIrp(1, FALSE)); };
+}
+
+NTSTATUS ForwardCopy(PDEVICE_OBJECT device, PIRP irp)
 {
     IoCopyCurrentIrpStackLocationToNext(irp);
-    IoSetCompletionRoutine(irp, routine, nullptr, TRUE, TRUE, TRUE);
+    IoSetCompletionRoutine(irp, Continue, nullptr, TRUE, TRUE, TRUE);
     return IoCallDriver(Below(device), irp);
+}
+
+// `routine` runs with a spin lock held.
+Dispatch WithSpinLock(const Dispatch& routine)
+{
+    return [=](PDEVICE_OBJECT device, PIRP irp) _Analysis_suppress_lock_checking_ {
+        KSPIN_LOCK lock = 0;
+        KeInitializeSpinLock(&lock);
+        const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
+        const NTSTATUS status = routine(device, irp);
+        KeReleaseSpinLock(&lock, irql);
+        return status;
+    };
 }
 
 // A driver of its own, which passes a read down and completes it all the same.
@@ -101,194 +167,110 @@ NTSTATUS NTAPI PassAndComplete(PDEVICE_OBJECT device, PIRP irp)
     return status;
 }
 
-VOID NTAPI FilterUnload(PDRIVER_OBJECT) {}
-
 NTSTATUS NTAPI FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
     driver->MajorFunction[IRP_MJ_READ] = PassAndComplete;
-    driver->DriverUnload = FilterUnload;
+    driver->DriverUnload = [](PDRIVER_OBJECT) NTAPI {};
     return STATUS_SUCCESS;
 }
 
-// Forgets all findings but the first, where one fault leads to others.
-void KeepFirst(Bench& bench)
-{
-    const auto findings = bench.kernel.GetVerifier().TakeFindings();
-    ASSERT_FALSE(findings.empty());
-    bench.kernel.GetVerifier().Report(findings[0].rule, findings[0].detail, findings[0].text);
-}
-
-const BrokenDriver kLifeRules[] = {
-    {Rule::IrpInvalid, "frees twice",
-     [](Bench&) {
-         PIRP irp = IoAllocateIrp(1, FALSE);
+const BrokenDriver kDrivers[] = {
+    // What a life may not be.
+    {Rule::IrpInvalid, "frees twice", WithNewRequest([](PIRP irp) {
          IoFreeIrp(irp);
          IoFreeIrp(irp);
-     }},
-    {Rule::IrpInvalid, "cancels what was freed",
-     [](Bench&) {
-         PIRP irp = IoAllocateIrp(1, FALSE);
+     })},
+    {Rule::IrpInvalid, "cancels what was freed", WithNewRequest([](PIRP irp) {
          IoFreeIrp(irp);
          IoCancelIrp(irp);
-     }},
-    {Rule::IrpDoubleCompletion, "completes twice",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             Complete(irp, STATUS_SUCCESS);
-             IoCompleteRequest(irp, IO_NO_INCREMENT);
-             return STATUS_SUCCESS;
-         });
-     }},
+     })},
+    {Rule::IrpDoubleCompletion, "completes twice", Reads([](PIRP irp) {
+         Complete(irp, STATUS_SUCCESS);
+         IoCompleteRequest(irp, IO_NO_INCREMENT);
+         return STATUS_SUCCESS;
+     })},
     {Rule::IrpDoubleCompletion, "completes what came back",
      [](Bench& bench) {
-         PIRP irp = AllocatedRead(bench, Stop);
+         PIRP irp = NewRequest();
          IoCallDriver(bench.script.device, irp);
          IoCompleteRequest(irp, IO_NO_INCREMENT);
          IoFreeIrp(irp);
      }},
-    {Rule::IrpFreedInUse, "frees what a driver below has",
-     [](Bench& bench) {
-         bench.OnRequest(IRP_MJ_READ, Keep);
-         PIRP irp = AllocatedRead(bench, Stop);
-         IoCallDriver(bench.script.device, irp);
+    {Rule::IrpFreedInUse, "frees what a driver below has", WhileBelow([](PIRP irp) { IoFreeIrp(irp); })},
+    {Rule::IrpFreeNotOwned, "frees a client's request", Reads([](PIRP irp) {
          IoFreeIrp(irp);
-         Complete(g_kept, STATUS_SUCCESS);
-         IoFreeIrp(irp);
-     }},
-    {Rule::IrpFreeNotOwned, "frees a client's request",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             IoFreeIrp(irp);
-             return Complete(irp, STATUS_SUCCESS);
-         });
-     }},
-    {Rule::IrpInitializeAllocated, "initialises what was allocated",
-     [](Bench&) {
-         PIRP irp = IoAllocateIrp(1, FALSE);
+         return Complete(irp, STATUS_SUCCESS);
+     })},
+    {Rule::IrpInitializeAllocated, "initialises what was allocated", WithNewRequest([](PIRP irp) {
          IoInitializeIrp(irp, IoSizeOfIrp(1), 1);
          IoFreeIrp(irp);
-     }},
+     })},
     {Rule::IrpReuseInUse, "reuses what a driver below has",
-     [](Bench& bench) {
-         bench.OnRequest(IRP_MJ_READ, Keep);
-         PIRP irp = AllocatedRead(bench, Stop);
-         IoCallDriver(bench.script.device, irp);
-         IoReuseIrp(irp, STATUS_SUCCESS);
-         Complete(g_kept, STATUS_SUCCESS);
-         IoFreeIrp(irp);
-     }},
-    {Rule::IrpNeverSent, "completes what was never sent",
-     [](Bench&) {
-         PIRP irp = IoAllocateIrp(1, FALSE);
+     WhileBelow([](PIRP irp) { IoReuseIrp(irp, STATUS_SUCCESS); })},
+    {Rule::IrpNeverSent, "completes what was never sent", WithNewRequest([](PIRP irp) {
          Complete(irp, STATUS_SUCCESS);
          IoFreeIrp(irp);
-     }},
+     })},
     {Rule::IrpCompletionNotStopped, "lets its own request be completed to the end",
      [](Bench& bench) {
-         PIRP irp = AllocatedRead(bench, nullptr);
+         PIRP irp = NewRequest(IRP_MJ_READ, 0, nullptr);
          IoCallDriver(bench.script.device, irp);
          IoFreeIrp(irp);
      }},
     {Rule::IrpFreedThenContinued, "frees in the completion routine and goes on",
-     [](Bench& bench) { IoCallDriver(bench.script.device, AllocatedRead(bench, FreeAndContinue)); }},
-};
-
-const BrokenDriver kCompletionRules[] = {
-    {Rule::IrpCompletedPending, "completes with STATUS_PENDING",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             IoMarkIrpPending(irp);
-             return Complete(irp, STATUS_PENDING);
-         });
-     }},
-    {Rule::IrpCompletedCancellable, "leaves the cancel routine set",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             IoSetCancelRoutine(irp, CancelNothing);
-             return Complete(irp, STATUS_SUCCESS);
-         });
-     }},
+     [](Bench& bench) { IoCallDriver(bench.script.device, NewRequest(IRP_MJ_READ, 0, FreeAndContinue)); }},
+    // Completions.
+    {Rule::IrpCompletedPending, "completes with STATUS_PENDING", Reads([](PIRP irp) {
+         IoMarkIrpPending(irp);
+         return Complete(irp, STATUS_PENDING);
+     })},
+    {Rule::IrpCompletedCancellable, "leaves the cancel routine set", Reads([](PIRP irp) {
+         IoSetCancelRoutine(irp, CancelAndKeepLock);
+         return Complete(irp, STATUS_SUCCESS);
+     })},
     {Rule::IrpGarbageStatus, "completes with no status at all",
-     [](Bench& bench) { ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, -1); }); }},
+     Reads([](PIRP irp) { return Complete(irp, -1); })},
     {Rule::IrpInformationTooLarge, "claims more than the buffer holds",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_SUCCESS, 5); });
-     }},
+     Reads([](PIRP irp) { return Complete(irp, STATUS_SUCCESS, 5); })},
     {Rule::SpinLockSafe, "completes with a spin lock held",
-     [](Bench& bench) {
-         KSPIN_LOCK lock = 0;
-         KeInitializeSpinLock(&lock);
-         ReadWith(bench, [&](PDEVICE_OBJECT, PIRP irp) _Analysis_suppress_lock_checking_ {
-             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
-             const NTSTATUS status = Complete(irp, STATUS_SUCCESS);
-             KeReleaseSpinLock(&lock, irql);
-             return status;
-         });
-     }},
+     [](Bench& bench) { ReadOnce(bench, WithSpinLock(Succeed)); }},
     {Rule::IrpCompletedWhilePassed, "completes what it passed down",
      [](Bench& bench) {
          PDRIVER_OBJECT filter = nullptr;
          EXPECT_EQ(host::IoLoadDriver("filter", FilterEntry, &filter), STATUS_SUCCESS);
-         PDEVICE_OBJECT bottom = bench.script.device;
-         PDEVICE_OBJECT top = MakeDevice(filter, u"");
-         IoAttachDeviceToDeviceStack(top, bottom);
+         const Upper top(bench, filter);
          bench.OnRequest(IRP_MJ_READ, Keep);
-         PIRP irp = IoAllocateIrp(2, FALSE);
-         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
-         IoSetCompletionRoutine(irp, Stop, nullptr, TRUE, TRUE, TRUE);
-         IoCallDriver(top, irp);
+         PIRP irp = NewRequest();
+         IoCallDriver(top.device, irp);
          IoFreeIrp(irp);
-         IoDetachDevice(bottom);
-         IoDeleteDevice(top);
-         bench.script.device = bottom;
      }},
-};
-
-const BrokenDriver kForwardRules[] = {
+    // Forwarding.
     {Rule::ForwardedAtBadIrql, "sends a create from a spin lock's IRQL",
-     [](Bench& bench) {
-         PIRP irp = AllocatedRead(bench, Stop);
-         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_CREATE;
-         KIRQL irql = PASSIVE_LEVEL;
-         KeRaiseIrql(DISPATCH_LEVEL, &irql);
-         IoCallDriver(bench.script.device, irp);
-         KeLowerIrql(irql);
-         IoFreeIrp(irp);
-     }},
+     Sends(IRP_MJ_CREATE, 0, DISPATCH_LEVEL)},
     {Rule::IrpForwardedCancellable, "passes down with the cancel routine set",
-     [](Bench& bench) {
-         ReadAbove(
-             bench,
-             [](PDEVICE_OBJECT device, PIRP irp) {
-                 IoSetCancelRoutine(irp, CancelNothing);
-                 return PassDown(device, irp);
-             },
-             [](PDEVICE_OBJECT, PIRP irp) {
-                 IoSetCancelRoutine(irp, nullptr);
-                 return Complete(irp, STATUS_SUCCESS);
-             });
-     }},
+     ReadsAbove(
+         [](PDEVICE_OBJECT device, PIRP irp) {
+             IoSetCancelRoutine(irp, CancelAndKeepLock);
+             return PassDown(device, irp);
+         },
+         [](PDEVICE_OBJECT device, PIRP irp) {
+             IoSetCancelRoutine(irp, nullptr);
+             return Succeed(device, irp);
+         })},
     {Rule::IrpBadStackCopy, "copies the stack location whole",
      [](Bench& bench) {
-         PDEVICE_OBJECT bottom = bench.script.device;
-         PDEVICE_OBJECT top = MakeDevice(bench.driver, u"");
-         IoAttachDeviceToDeviceStack(top, bottom);
-         bench.OnRequest(IRP_MJ_READ, [=](PDEVICE_OBJECT device, PIRP irp) {
-             if (device == bottom)
-                 return Complete(irp, STATUS_SUCCESS);
+         const Upper top(bench, bench.driver);
+         bench.OnRequest(IRP_MJ_READ, [&](PDEVICE_OBJECT device, PIRP irp) {
+             if (device == top.bottom)
+                 return Succeed(device, irp);
              *IoGetNextIrpStackLocation(irp) = *IoGetCurrentIrpStackLocation(irp);
              return IoCallDriver(Below(device), irp);
          });
-         PIRP irp = IoAllocateIrp(2, FALSE);
-         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
-         IoSetCompletionRoutine(irp, Stop, nullptr, TRUE, TRUE, TRUE);
-         IoCallDriver(top, irp);
+         PIRP irp = NewRequest();
+         IoCallDriver(top.device, irp);
          IoCompleteRequest(irp, IO_NO_INCREMENT); // the copy of the routine had stopped it too early
          IoFreeIrp(irp);
          KeepFirst(bench);
-         IoDetachDevice(bottom);
-         IoDeleteDevice(top);
-         bench.script.device = bottom;
      }},
     {Rule::IrpDeviceInvalid, "sends to a device that is gone",
      [](Bench& bench) {
@@ -298,134 +280,92 @@ const BrokenDriver kForwardRules[] = {
          IoCallDriver(gone, irp);
          IoFreeIrp(irp);
      }},
-    {Rule::SpinLockSafe, "passes down with a spin lock held",
-     [](Bench& bench) {
-         KSPIN_LOCK lock = 0;
-         KeInitializeSpinLock(&lock);
-         ReadAbove(bench, [&](PDEVICE_OBJECT device, PIRP irp) _Analysis_suppress_lock_checking_ {
-             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
-             const NTSTATUS status = PassDown(device, irp);
-             KeReleaseSpinLock(&lock, irql);
-             return status;
-         });
-     }},
+    {Rule::SpinLockSafe, "passes down with a spin lock held", ReadsAbove(WithSpinLock(PassDown))},
     {Rule::PowerWrongCall, "passes a power request down with IoCallDriver",
-     [](Bench& bench) {
-         PIRP irp = AllocatedRead(bench, Stop);
-         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_POWER;
-         IoGetNextIrpStackLocation(irp)->MinorFunction = IRP_MN_POWER_SEQUENCE;
-         IoCallDriver(bench.script.device, irp);
-         IoFreeIrp(irp);
-         KeepFirst(bench);
-     }},
-    {Rule::PnpSystemOnly, "sends a request of the system's",
-     [](Bench& bench) {
-         PIRP irp = AllocatedRead(bench, Stop);
-         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_PNP;
-         IoGetNextIrpStackLocation(irp)->MinorFunction = IRP_MN_STOP_DEVICE;
-         irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
-         IoCallDriver(bench.script.device, irp);
-         IoFreeIrp(irp);
-     }},
-};
-
-const BrokenDriver kDispatchRules[] = {
+     Sends(IRP_MJ_POWER, IRP_MN_POWER_SEQUENCE)},
+    {Rule::PnpSystemOnly, "sends a request of the system's", Sends(IRP_MJ_PNP, IRP_MN_STOP_DEVICE)},
+    // Answers of a dispatch routine.
     {Rule::PendingNotMarked, "keeps it pending without the mark",
      [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             g_kept = irp;
+         Reads([](PIRP irp) {
+             Kept() = irp;
              return STATUS_PENDING;
-         });
+         })(bench);
          bench.kernel.GetVerifier().TakeFindings();
-         Complete(g_kept, STATUS_SUCCESS);
+         Complete(Kept(), STATUS_SUCCESS);
      }},
-    {Rule::PendingNotMarked, "completes it and answers STATUS_PENDING",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             Complete(irp, STATUS_SUCCESS);
-             return STATUS_PENDING;
-         });
-     }},
-    {Rule::MarkedNotPending, "marks it and answers another status",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             IoMarkIrpPending(irp);
-             return Complete(irp, STATUS_SUCCESS);
-         });
-     }},
+    {Rule::PendingNotMarked, "completes it and answers STATUS_PENDING", Reads([](PIRP irp) {
+         Complete(irp, STATUS_SUCCESS);
+         return STATUS_PENDING;
+     })},
+    {Rule::MarkedNotPending, "marks it and answers another status", Reads([](PIRP irp) {
+         IoMarkIrpPending(irp);
+         return Complete(irp, STATUS_SUCCESS);
+     })},
     {Rule::MarkedNotPending, "keeps it, marked, and answers success",
      [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT device, PIRP irp) {
+         ReadOnce(bench, [](PDEVICE_OBJECT device, PIRP irp) {
              Keep(device, irp);
              return STATUS_SUCCESS;
          });
-         Complete(g_kept, STATUS_SUCCESS);
+         Complete(Kept(), STATUS_SUCCESS);
      }},
     {Rule::PendingLost, "loses the mark in its completion routine",
-     [](Bench& bench) {
-         ReadAbove(
-             bench, [](PDEVICE_OBJECT device, PIRP irp) { return ForwardCopy(device, irp, Continue); },
-             [](PDEVICE_OBJECT device, PIRP irp) {
-                 Keep(device, irp);
-                 Complete(irp, STATUS_SUCCESS);
-                 return STATUS_PENDING;
-             });
-     }},
-    {Rule::StatusMismatch, "answers another status than it completed with",
-     [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             Complete(irp, STATUS_UNSUCCESSFUL);
-             return STATUS_SUCCESS;
-         });
-     }},
+     ReadsAbove(ForwardCopy,
+                [](PDEVICE_OBJECT device, PIRP irp) {
+                    Keep(device, irp);
+                    Complete(irp, STATUS_SUCCESS);
+                    return STATUS_PENDING;
+                })},
+    {Rule::StatusMismatch, "answers another status than it completed with", Reads([](PIRP irp) {
+         Complete(irp, STATUS_UNSUCCESSFUL);
+         return STATUS_SUCCESS;
+     })},
     {Rule::IrpForgotten, "answers and never completes",
      [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
-             g_kept = irp;
+         Reads([](PIRP irp) {
+             Kept() = irp;
              return STATUS_SUCCESS;
-         });
-         Complete(g_kept, STATUS_SUCCESS);
+         })(bench);
+         Complete(Kept(), STATUS_SUCCESS);
      }},
     {Rule::IrpForgotten, "answers while the driver below keeps it",
      [](Bench& bench) {
-         ReadAbove(
-             bench,
+         ReadsAbove(
              [](PDEVICE_OBJECT device, PIRP irp) {
-                 ForwardCopy(device, irp, Continue);
+                 ForwardCopy(device, irp);
                  return STATUS_SUCCESS;
              },
-             Keep);
+             Keep)(bench);
          KeepFirst(bench);
-         IoMarkIrpPending(g_kept);
+         IoMarkIrpPending(Kept());
      }},
     {Rule::CancelLockHeldAtReturn, "keeps the cancel spin lock",
      [](Bench& bench) {
-         bench.OnRequest(IRP_MJ_READ, [](PDEVICE_OBJECT, PIRP irp) {
-             IoMarkIrpPending(irp);
+         bench.OnRequest(IRP_MJ_READ, [](PDEVICE_OBJECT device, PIRP irp) {
              IoSetCancelRoutine(irp, CancelAndKeepLock);
-             g_kept = irp;
-             return STATUS_PENDING;
+             return Keep(device, irp);
          });
          const host::nt::File file = bench.Open();
          const host::nt::Request read = file.StartRead(1);
          read.Cancel();
-         IoReleaseCancelSpinLock(g_kept->CancelIrql);
-         Complete(g_kept, STATUS_CANCELLED);
+         IoReleaseCancelSpinLock(Kept()->CancelIrql);
+         Complete(Kept(), STATUS_CANCELLED);
      }},
     {Rule::IrqlReturn, "returns from dispatch at another IRQL",
      [](Bench& bench) {
-         ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
+         Reads([](PIRP irp) {
              KIRQL irql = PASSIVE_LEVEL;
              KeRaiseIrql(DISPATCH_LEVEL, &irql);
              return Complete(irp, STATUS_SUCCESS);
-         });
+         })(bench);
          KeLowerIrql(PASSIVE_LEVEL);
      }},
 };
 
-void Judge(std::span<const BrokenDriver> drivers)
+TEST(VerifierOfRequests, CatchesEachRuleAndNothingElse)
 {
-    for (const BrokenDriver& driver : drivers) {
+    for (const BrokenDriver& driver : kDrivers) {
         SCOPED_TRACE(std::string(NameOf(driver.rule)) + ": a driver that " + driver.name);
         Bench bench;
         driver.run(bench);
@@ -433,61 +373,50 @@ void Judge(std::span<const BrokenDriver> drivers)
     }
 }
 
-TEST(VerifierOfRequests, CatchesWhatALifeMayNotBe)
-{
-    Judge(kLifeRules);
-}
-
-TEST(VerifierOfRequests, CatchesBadCompletions)
-{
-    Judge(kCompletionRules);
-}
-
-TEST(VerifierOfRequests, CatchesBadForwarding)
-{
-    Judge(kForwardRules);
-}
-
-TEST(VerifierOfRequests, CatchesBadAnswers)
-{
-    Judge(kDispatchRules);
-}
-
 TEST(VerifierOfRequests, CatchesAUseAfterCompletion)
 {
     Bench bench;
-    ReadWith(bench, [](PDEVICE_OBJECT, PIRP irp) {
+    Reads([](PIRP irp) {
         Complete(irp, STATUS_SUCCESS);
         return irp->IoStatus.Status;
-    });
+    })(bench);
     const std::vector<Rule> broken = bench.Broken();
     ASSERT_FALSE(broken.empty());
     EXPECT_EQ(broken.front(), Rule::PoolUseAfterFree);
 }
 
-TEST(VerifierOfRequests, EndsTheRunWhenNoLocationIsLeft)
+// To the very end of a run, and sorted.
+std::vector<Rule> BrokenBy(const Story& story, bool* ended)
 {
     std::vector<Rule> broken;
     host::KernelOptions options = Bench::Recording();
     options.on_finding = [&](const host::Finding& finding) { broken.push_back(finding.rule); };
-    EXPECT_FALSE(host::RunIsolated([&options] {
+    *ended = host::RunIsolated([&] {
         Bench bench(options);
+        story(bench);
+    });
+    std::sort(broken.begin(), broken.end());
+    return broken;
+}
+
+TEST(VerifierOfRequests, EndsTheRunWhenNoLocationIsLeft)
+{
+    bool ended = true;
+    const auto too_deep = [](Bench& bench) {
         PDEVICE_OBJECT other = MakeDevice(bench.driver, u"");
-        ReadWith(bench, [=](PDEVICE_OBJECT, PIRP irp) {
+        ReadOnce(bench, [=](PDEVICE_OBJECT, PIRP irp) {
             IoCopyCurrentIrpStackLocationToNext(irp);
             return IoCallDriver(other, irp);
         });
-    }));
-    EXPECT_EQ(broken, std::vector{Rule::IrpOutOfStack});
+    };
+    EXPECT_EQ(BrokenBy(too_deep, &ended), std::vector{Rule::IrpOutOfStack});
+    EXPECT_FALSE(ended);
 }
 
-TEST(VerifierOfRequests, FindsWhatIsLeftAtTheEnd)
+TEST(Verifier, FindsWhatIsLeftAtTheEnd)
 {
-    std::vector<Rule> left;
-    host::KernelOptions options = Bench::Recording();
-    options.on_finding = [&](const host::Finding& finding) { left.push_back(finding.rule); };
-    {
-        Bench bench(options);
+    bool ended = false;
+    const auto forgetful = [](Bench& bench) {
         IoAllocateIrp(1, FALSE);
         HANDLE key = nullptr;
         UNICODE_STRING name{};
@@ -500,12 +429,17 @@ TEST(VerifierOfRequests, FindsWhatIsLeftAtTheEnd)
         UNICODE_STRING link_name = host_test::Counted(link);
         UNICODE_STRING target_name = host_test::Counted(target);
         EXPECT_EQ(IoCreateSymbolicLink(&link_name, &target_name), STATUS_SUCCESS);
-        EXPECT_TRUE(bench.Broken().empty());
-    }
-    std::sort(left.begin(), left.end());
+        EXPECT_EQ(bench.Broken(), std::vector<Rule>{});
+    };
     std::vector expected = {Rule::IrpLeak, Rule::HandleLeak, Rule::SymbolicLinkLeak};
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(left, expected);
+    EXPECT_EQ(BrokenBy(forgetful, &ended), expected);
+    EXPECT_TRUE(ended);
+    const auto makes_two = [](Bench& bench) {
+        MakeDevice(bench.driver, u"");
+        MakeDevice(bench.driver, u"");
+    };
+    EXPECT_EQ(BrokenBy(makes_two, &ended), (std::vector{Rule::DeviceLeak, Rule::DeviceLeak}));
 }
 
 } // namespace
