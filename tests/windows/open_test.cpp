@@ -11,8 +11,8 @@ constexpr GUID kPorts = {0x86e0d1e0, 0x8089, 0x11d0, {0x9c, 0xe4, 0x08, 0x00, 0x
 std::vector<std::string> InterfacePaths()
 {
     std::vector<std::string> paths;
-    const HDEVINFO set = SetupDiGetClassDevsA(&kPorts, nullptr, nullptr,
-                                              DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    const HDEVINFO set =
+        SetupDiGetClassDevsA(&kPorts, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     CHECK(set != INVALID_HANDLE_VALUE);
     SP_DEVICE_INTERFACE_DATA found{};
     found.cbSize = sizeof found;

@@ -108,7 +108,8 @@ long Rig::SendPnp(unsigned char minor, unsigned port)
 long Rig::SendPower(unsigned char minor, bool system, unsigned state, unsigned port)
 {
     RigIrpAnswer answer{};
-    CHECK(Call(RIG_SEND_POWER, RigIrpRequest{port, minor, static_cast<unsigned char>(system), state}, &answer));
+    CHECK(
+        Call(RIG_SEND_POWER, RigIrpRequest{port, minor, static_cast<unsigned char>(system), state}, &answer));
     return answer.status;
 }
 
@@ -148,8 +149,7 @@ void Rig::Reset()
     TakeFindings();
 }
 
-Port::Port(const std::string& name, DWORD flags)
-    : handle_(OpenPort(name, flags))
+Port::Port(const std::string& name, DWORD flags) : handle_(OpenPort(name, flags))
 {
     CHECK(handle_ != INVALID_HANDLE_VALUE);
 }

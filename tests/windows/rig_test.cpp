@@ -23,7 +23,8 @@ Handle Start(const std::string& name, const Arguments& arguments)
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
-    CHECK(CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process));
+    CHECK(CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                         &process));
     CloseHandle(process.hThread);
     return Handle(process.hProcess);
 }
@@ -97,8 +98,8 @@ std::map<std::string, Piece::Entry>& Piece::All()
 void Fail(const char* file, int line, const std::string& text)
 {
     const char* name = std::strrchr(file, '/');
-    throw std::runtime_error(std::string(name == nullptr ? file : name + 1) + ":" + std::to_string(line) + ": " +
-                             text);
+    throw std::runtime_error(std::string(name == nullptr ? file : name + 1) + ":" + std::to_string(line) +
+                             ": " + text);
 }
 
 void WaitUntil(const char* what, const std::function<bool()>& condition)
@@ -125,8 +126,7 @@ Child::Child(const std::string& role, const Arguments& arguments)
                                 DUPLICATE_SAME_ACCESS));
           return copy;
       }())
-{
-}
+{}
 
 Child::~Child()
 {

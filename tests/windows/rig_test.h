@@ -112,8 +112,8 @@ class Rig {
     void Release(unsigned port = 0);
     void Feed(const std::string& text, unsigned port = 0);
     RigCounters Counters(unsigned port = 0);
-    long SendPnp(unsigned char minor, unsigned port = 0);                                   // NTSTATUS
-    long SendPower(unsigned char minor, bool system, unsigned state, unsigned port = 0);    // NTSTATUS
+    long SendPnp(unsigned char minor, unsigned port = 0);                                // NTSTATUS
+    long SendPower(unsigned char minor, bool system, unsigned state, unsigned port = 0); // NTSTATUS
     RigWmiAnswer SendWmi(const RigWmiRequest& request);
     void SuspendIdle(unsigned port = 0);
     // What the bus has found wrong so far; forgets it.

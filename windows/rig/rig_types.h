@@ -6,10 +6,10 @@ inline constexpr unsigned kRigPorts = 2;
 
 struct RigPlug {
     unsigned port;
-    int held;              // no sentences until RigModuleRelease
-    char recording[260];   // path of a log that is played; empty: see `generated`
-    int recording_rate;    // bursts a second
-    int generated;         // fixes a second; 0 and no recording: only what RigModuleFeed gives
+    int held;            // no sentences until RigModuleRelease
+    char recording[260]; // path of a log that is played; empty: see `generated`
+    int recording_rate;  // bursts a second
+    int generated;       // fixes a second; 0 and no recording: only what RigModuleFeed gives
 };
 
 struct RigPortRequest {
@@ -55,14 +55,14 @@ struct RigFindingText {
 
 struct RigCounters {
     // The port.
-    unsigned plugged;          // a module is in it
-    unsigned device;           // its device object exists: after unplugging, until the driver is through with it
-    unsigned started;          // the driver has started it; until REMOVE
-    unsigned power;            // DEVICE_POWER_STATE
-    unsigned urbs;             // submitted
-    unsigned urbs_pending;     // of those, not completed
-    unsigned idle_requested;   // the driver has asked to be idle
-    unsigned wmi_registered;   // IoWMIRegistrationControl: registrations less deregistrations
+    unsigned plugged;      // a module is in it
+    unsigned device;       // its device object exists: after unplugging, until the driver is through with it
+    unsigned started;      // the driver has started it; until REMOVE
+    unsigned power;        // DEVICE_POWER_STATE
+    unsigned urbs;         // submitted
+    unsigned urbs_pending; // of those, not completed
+    unsigned idle_requested; // the driver has asked to be idle
+    unsigned wmi_registered; // IoWMIRegistrationControl: registrations less deregistrations
     // Of all devices of the driver.
     unsigned open_files;
     unsigned findings;

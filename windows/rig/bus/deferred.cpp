@@ -42,8 +42,8 @@ class Guard {
 struct Deferred {
     KSPIN_LOCK cancel_lock; // the system's
     KSPIN_LOCK lock;        // of this file; the rest is under it
-    LIST_ENTRY dpcs;   // by DpcListEntry; DpcData is set while a DPC is in it
-    LIST_ENTRY timers; // by TimerListEntry; Header.Inserted is set while a timer is in it
+    LIST_ENTRY dpcs;        // by DpcListEntry; DpcData is set while a DPC is in it
+    LIST_ENTRY timers;      // by TimerListEntry; Header.Inserted is set while a timer is in it
     KEVENT dpc_event;
     KEVENT timer_event;
     KEVENT idle; // signalled while no DPC is queued or runs

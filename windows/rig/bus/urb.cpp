@@ -246,8 +246,8 @@ Outcome TransferOut(Port& port, PIRP irp, const Pipe& pipe, USBD_STATUS& status)
     auto& transfer = UrbOf(irp)->UrbBulkOrInterruptTransfer;
     status = USBD_STATUS_SUCCESS;
     do {
-        const ULONG packet = std::min(transfer.TransferBufferLength - static_cast<ULONG>(Moved(irp)),
-                                 ULONG{pipe.max_packet});
+        const ULONG packet =
+            std::min(transfer.TransferBufferLength - static_cast<ULONG>(Moved(irp)), ULONG{pipe.max_packet});
         const RigHandshake answer =
             RigModuleOut(port.module, pipe.endpoint,
                          static_cast<const UCHAR*>(transfer.TransferBuffer) + Moved(irp), packet);
@@ -269,7 +269,8 @@ PIRP TakeUrb(Port& port, ULONG_PTR round, UCHAR endpoint = 0)
     PIRP found = nullptr;
     KIRQL irql;
     KeAcquireSpinLock(&port.lock, &irql);
-    for (PLIST_ENTRY entry = port.queue.Flink; entry != &port.queue && found == nullptr; entry = entry->Flink) {
+    for (PLIST_ENTRY entry = port.queue.Flink; entry != &port.queue && found == nullptr;
+         entry = entry->Flink) {
         const PIRP irp = IrpOf(entry);
         const Pipe* pipe = PipeOf(port, UrbOf(irp));
         const bool wanted =
@@ -320,9 +321,9 @@ Outcome PipeRequest(Port& port, PIRP irp, ULONG_PTR round, USBD_STATUS& status)
         status = USBD_STATUS_SUCCESS;
         return Outcome::Done;
     case URB_FUNCTION_RESET_PIPE:
-        return Control(port,
-                       {kToEndpoint, USB_REQUEST_CLEAR_FEATURE, USB_FEATURE_ENDPOINT_STALL, pipe->endpoint, 0},
-                       nullptr, moved, status);
+        return Control(
+            port, {kToEndpoint, USB_REQUEST_CLEAR_FEATURE, USB_FEATURE_ENDPOINT_STALL, pipe->endpoint, 0},
+            nullptr, moved, status);
     default:
         return USB_ENDPOINT_DIRECTION_IN(pipe->endpoint) ? TransferIn(port, irp, *pipe, status)
                                                          : TransferOut(port, irp, *pipe, status);

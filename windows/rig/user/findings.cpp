@@ -25,7 +25,8 @@ void RigReport(const char* format, ...)
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     const std::lock_guard lock(g_mutex);
-    if (g_findings.size() < kKept && std::find(g_findings.begin(), g_findings.end(), text) == g_findings.end())
+    if (g_findings.size() < kKept &&
+        std::find(g_findings.begin(), g_findings.end(), text) == g_findings.end())
         g_findings.emplace_back(text);
 }
 

@@ -137,8 +137,8 @@ void WriteCode(Passage& passage)
     // mov r11, &import; mov rax, RigPassImport; jmp rax
     const void* import = &passage.import;
     void (*const pass)() = RigPassImport;
-    unsigned char code[22] = {0x49, 0xBB, 0, 0, 0, 0, 0, 0, 0, 0, 0x48, 0xB8,
-                              0,    0,    0, 0, 0, 0, 0, 0, 0xFF, 0xE0};
+    unsigned char code[22] = {0x49, 0xBB, 0, 0, 0, 0, 0, 0, 0, 0,    0x48,
+                              0xB8, 0,    0, 0, 0, 0, 0, 0, 0, 0xFF, 0xE0};
     std::memcpy(code + 2, &import, 8);
     std::memcpy(code + 12, &pass, 8);
     std::memcpy(passage.code, code, sizeof code);
@@ -176,7 +176,8 @@ int RigWatchImports(void* image, const RigRedirection* redirections)
     if (passages == nullptr || directory.VirtualAddress == 0)
         return 0;
     std::size_t used = 0;
-    const auto* descriptor = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
+    const auto* descriptor =
+        reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
     for (; descriptor->Name != 0; ++descriptor) {
         const auto* names = reinterpret_cast<const std::uint64_t*>(base + descriptor->OriginalFirstThunk);
         auto* entries = reinterpret_cast<std::uint64_t*>(base + descriptor->FirstThunk);

@@ -104,8 +104,7 @@ static_assert(static_cast<int>(module::Handshake::Ack) == RigAck &&
 struct RigModule {
     RigModule(const module::GpsModuleOptions& options, std::unique_ptr<RigSource> made)
         : source(*made), device(options, std::move(made))
-    {
-    }
+    {}
     RigSource& source; // the device's
     module::GpsModule device;
     std::atomic<module::Time> now{0};

@@ -24,8 +24,8 @@ RIG_API void RigModuleDestroy(RigModule* module);
 RIG_API RigHandshake RigModuleControl(RigModule* module, const unsigned char setup[8], unsigned char* data,
                                       unsigned* moved);
 // One packet. At most `room` bytes are stored; `*moved` may be more.
-RIG_API RigHandshake RigModuleIn(RigModule* module, unsigned char endpoint, unsigned char* data, unsigned room,
-                                 unsigned* moved);
+RIG_API RigHandshake RigModuleIn(RigModule* module, unsigned char endpoint, unsigned char* data,
+                                 unsigned room, unsigned* moved);
 RIG_API RigHandshake RigModuleOut(RigModule* module, unsigned char endpoint, const unsigned char* data,
                                   unsigned length);
 RIG_API void RigModuleSuspend(RigModule* module, int suspended);

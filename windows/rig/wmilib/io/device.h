@@ -16,9 +16,7 @@ namespace host {
 enum class Rule { IrqlPassive };
 
 // The driver's imports are watched by the bus.
-inline void VfRequireIrqlAtMost(KIRQL, Rule, const char*, const void*)
-{
-}
+inline void VfRequireIrqlAtMost(KIRQL, Rule, const char*, const void*) {}
 
 inline void IopReferenceDevice(PDEVICE_OBJECT device)
 {
