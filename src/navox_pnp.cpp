@@ -57,6 +57,7 @@ NAVOX_PAGED NTSTATUS QuiesceAndPassDown(DEVICE_EXTENSION* extension, PIRP irp, U
         WakeFromIdle(extension);
     SetPnpState(extension, state);
     DecrementIoCount(extension);
+    KeRemoveQueueDpc(&extension->ReaderDpc);
     CancelReader(extension);
     KeWaitForSingleObject(&extension->StopEvent, Executive, KernelMode, FALSE, nullptr);
     irp->IoStatus.Status = STATUS_SUCCESS;
@@ -208,10 +209,12 @@ void TraceCapabilities(const DEVICE_CAPABILITIES& capabilities)
           capabilities.Version, capabilities.Address, capabilities.UINumber);
     TRACE(TRACE_PNP, LEVEL_INFORMATION,
           "D1 %u, D2 %u, lock %u, eject %u, removable %u, dock %u, unique id %u, silent %u, raw %u, surprise "
-          "%u",
+          "%u, hardware disabled %u, non-dynamic %u, warm eject %u, not displayed %u",
           capabilities.DeviceD1, capabilities.DeviceD2, capabilities.LockSupported,
           capabilities.EjectSupported, capabilities.Removable, capabilities.DockDevice, capabilities.UniqueID,
-          capabilities.SilentInstall, capabilities.RawDeviceOK, capabilities.SurpriseRemovalOK);
+          capabilities.SilentInstall, capabilities.RawDeviceOK, capabilities.SurpriseRemovalOK,
+          capabilities.HardwareDisabled, capabilities.NonDynamic, capabilities.WarmEjectSupported,
+          capabilities.NoDisplayInUI);
     TRACE(TRACE_PNP, LEVEL_INFORMATION, "wake from D0 %u, D1 %u, D2 %u, D3 %u", capabilities.WakeFromD0,
           capabilities.WakeFromD1, capabilities.WakeFromD2, capabilities.WakeFromD3);
     for (int state = PowerSystemUnspecified; state < PowerSystemMaximum; ++state)
@@ -288,9 +291,9 @@ NTSTATUS NTAPI PnpDispatch(PDEVICE_OBJECT device, PIRP irp)
     DEVICE_EXTENSION* extension = GetExtension(device);
     const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
     IncrementIoCount(extension);
-    const ULONG state = extension->DevicePnPState; // one look, so that trace, table and handler agree
-    TRACE(TRACE_PNP, LEVEL_INFORMATION, "%s in %s", PnpMinorName(minor), PnpStateName(state));
     if (minor != IRP_MN_START_DEVICE && extension->IdleMonitorActive)
         CancelIdleRequest(extension);
+    const ULONG state = extension->DevicePnPState; // one look, so that trace, table and handler agree
+    TRACE(TRACE_PNP, LEVEL_INFORMATION, "%s in %s", PnpMinorName(minor), PnpStateName(state));
     return FindHandler(state, minor)(extension, irp);
 }

@@ -149,8 +149,10 @@ void UsbPort::Cycle()
 
 void UsbPort::SetPower(DEVICE_POWER_STATE state)
 {
+    bool woken = false;
     {
         const PortLock lock(lock_);
+        woken = state == PowerDeviceD0 && idle_called_;
         const DEVICE_POWER_STATE before = power_;
         power_ = state;
         const bool alive = !gone_ && device_->Present();
@@ -159,7 +161,7 @@ void UsbPort::SetPower(DEVICE_POWER_STATE state)
         if (alive && before != PowerDeviceD0 && state == PowerDeviceD0)
             device_->Resume();
     }
-    if (state == PowerDeviceD0 && idle_called_)
+    if (woken)
         CompleteWaiter(idle_irp_, STATUS_SUCCESS, false);
     Poke();
 }

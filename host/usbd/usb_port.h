@@ -86,7 +86,8 @@ class UsbPort : public std::enable_shared_from_this<UsbPort> {
     NTSTATUS SubmitIdle(PIRP irp);
     NTSTATUS WaitWake(PIRP irp);
     void CancelUrb(PIRP irp);
-    void ForgetWaiter(PIRP irp);
+    // Its canceller ends the request with `status`; false: it ends later, with the idle routine.
+    bool ForgetWaiter(PIRP irp, NTSTATUS status);
     void SetPower(DEVICE_POWER_STATE state);
     void FillCapabilities(DEVICE_CAPABILITIES* capabilities) const;
     void Started();
@@ -133,6 +134,8 @@ class UsbPort : public std::enable_shared_from_this<UsbPort> {
     void CompleteWaiter(PIRP& slot, NTSTATUS status, bool power);
     void StartIdle();
     void CallIdleRoutine();
+    void LeaveIdleRoutine();
+    bool TakeWaiter(PIRP& slot, NTSTATUS status);
     bool KeepWaiter(PIRP irp, PIRP& slot);
     NTSTATUS CheckIdle();
     void Note(const UsbTransfer& transfer);
@@ -165,6 +168,8 @@ class UsbPort : public std::enable_shared_from_this<UsbPort> {
     PIRP idle_irp_ = nullptr;
     USB_IDLE_CALLBACK_INFO idle_callback_{};
     bool idle_called_ = false; // its callback was called
+    bool idle_in_callback_ = false;
+    std::optional<NTSTATUS> idle_end_; // came while the callback ran
     bool idle_allowed_ = true;
     PIRP wake_irp_ = nullptr;
 };

@@ -16,21 +16,7 @@ void NoteEnd(bool power, NTSTATUS status)
                                     IopStatusText(status));
 }
 
-VOID NTAPI CancelWaiterRoutine(PDEVICE_OBJECT device, PIRP irp)
-{
-    IoReleaseCancelSpinLock(irp->CancelIrql);
-    UsbPort* port = UsbPortOf(device);
-    const bool power = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
-    port->ForgetWaiter(irp);
-    NoteEnd(power, STATUS_CANCELLED);
-    irp->IoStatus.Status = STATUS_CANCELLED;
-    irp->IoStatus.Information = 0;
-    if (power)
-        PoStartNextPowerIrp(irp);
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-}
-
-NTSTATUS Refuse(PIRP irp, NTSTATUS status, bool power)
+NTSTATUS EndWaiter(PIRP irp, NTSTATUS status, bool power)
 {
     NoteEnd(power, status);
     irp->IoStatus.Status = status;
@@ -39,6 +25,14 @@ NTSTATUS Refuse(PIRP irp, NTSTATUS status, bool power)
         PoStartNextPowerIrp(irp);
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return status;
+}
+
+VOID NTAPI CancelWaiterRoutine(PDEVICE_OBJECT device, PIRP irp)
+{
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    const bool power = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
+    if (UsbPortOf(device)->ForgetWaiter(irp, STATUS_CANCELLED))
+        EndWaiter(irp, STATUS_CANCELLED, power);
 }
 
 } // namespace
@@ -57,13 +51,22 @@ bool UsbPort::KeepWaiter(PIRP irp, PIRP& slot)
     return true;
 }
 
-void UsbPort::ForgetWaiter(PIRP irp)
+// Takes the request out of its slot. While the driver's idle routine runs, its request stays: a driver that has seen the
+// request end may go away, routine and all. Then the end is noted, and false returned.
+bool UsbPort::TakeWaiter(PIRP& slot, NTSTATUS status)
+{
+    if (&slot == &idle_irp_ && idle_in_callback_) {
+        idle_end_ = status;
+        return false;
+    }
+    slot = nullptr;
+    return true;
+}
+
+bool UsbPort::ForgetWaiter(PIRP irp, NTSTATUS status)
 {
     const PortLock lock(lock_);
-    if (idle_irp_ == irp)
-        idle_irp_ = nullptr;
-    if (wake_irp_ == irp)
-        wake_irp_ = nullptr;
+    return TakeWaiter(irp == idle_irp_ ? idle_irp_ : wake_irp_, status);
 }
 
 void UsbPort::CompleteWaiter(PIRP& slot, NTSTATUS status, bool power)
@@ -73,16 +76,10 @@ void UsbPort::CompleteWaiter(PIRP& slot, NTSTATUS status, bool power)
         const PortLock lock(lock_);
         irp = slot;
         // Without a cancel routine to take, the canceller has it and will forget it.
-        if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr)
+        if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr || !TakeWaiter(slot, status))
             return;
-        slot = nullptr;
     }
-    NoteEnd(power, status);
-    irp->IoStatus.Status = status;
-    irp->IoStatus.Information = 0;
-    if (power)
-        PoStartNextPowerIrp(irp);
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    EndWaiter(irp, status, power);
 }
 
 NTSTATUS UsbPort::WaitWake(PIRP irp)
@@ -98,10 +95,10 @@ NTSTATUS UsbPort::WaitWake(PIRP irp)
             status = STATUS_DEVICE_BUSY;
     }
     if (!NT_SUCCESS(status))
-        return Refuse(irp, status, true);
+        return EndWaiter(irp, status, true);
     IoMarkIrpPending(irp);
     if (!KeepWaiter(irp, wake_irp_))
-        Refuse(irp, STATUS_CANCELLED, true);
+        EndWaiter(irp, STATUS_CANCELLED, true);
     return STATUS_PENDING;
 }
 
@@ -133,7 +130,7 @@ NTSTATUS UsbPort::SubmitIdle(PIRP irp)
                         location->Parameters.DeviceIoControl.InputBufferLength >= sizeof *callback;
     const NTSTATUS status = usable ? CheckIdle() : STATUS_INVALID_PARAMETER;
     if (!NT_SUCCESS(status))
-        return Refuse(irp, status, false);
+        return EndWaiter(irp, status, false);
     IoMarkIrpPending(irp);
     {
         const PortLock lock(lock_);
@@ -141,7 +138,7 @@ NTSTATUS UsbPort::SubmitIdle(PIRP irp)
         idle_called_ = false;
     }
     if (!KeepWaiter(irp, idle_irp_))
-        Refuse(irp, STATUS_CANCELLED, false);
+        EndWaiter(irp, STATUS_CANCELLED, false);
     else
         StartIdle();
     return STATUS_PENDING;
@@ -179,6 +176,7 @@ void UsbPort::CallIdleRoutine()
         if (!idle_allowed_ || idle_irp_ == nullptr || idle_called_ || gone_)
             return;
         idle_called_ = true;
+        idle_in_callback_ = true;
         callback = idle_callback_;
     }
     Kernel::Current().Log().Begin("usb", "idle callback");
@@ -186,11 +184,25 @@ void UsbPort::CallIdleRoutine()
     callback.IdleCallback(callback.IdleContext);
     VfLeaveCallback(before, "idle callback", reinterpret_cast<const void*>(callback.IdleCallback));
     Kernel::Current().Log().End("usb", "idle callback");
+    LeaveIdleRoutine();
+}
+
+void UsbPort::LeaveIdleRoutine()
+{
     bool still_up = false;
+    PIRP ended = nullptr;
+    NTSTATUS status = STATUS_SUCCESS;
     {
         const PortLock lock(lock_);
+        idle_in_callback_ = false;
+        if (idle_end_) {
+            ended = std::exchange(idle_irp_, nullptr);
+            status = *std::exchange(idle_end_, std::nullopt);
+        }
         still_up = power_ == PowerDeviceD0 && idle_irp_ != nullptr && !gone_;
     }
+    if (ended != nullptr)
+        EndWaiter(ended, status, false);
     if (still_up)
         VfReport(Rule::IdleNotPoweredDown, "idle callback", "the device is still in D0");
 }
