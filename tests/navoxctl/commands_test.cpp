@@ -128,19 +128,16 @@ TEST_F(Commands, MonitorEndsWhenNobodyTakesItsLines)
 
 TEST_F(Commands, FailWithOneClearLine)
 {
-    struct Case {
-        std::vector<std::string_view> arguments;
-        int exit;
-        const char* error;
-    } const cases[] = {
+    using Case = std::tuple<std::vector<std::string_view>, int, const char*>;
+    const Case cases[] = {
         {{"info", "COM9"}, 1, "navoxctl: COM9: opening the port: ERROR_FILE_NOT_FOUND (2)\n"},
         {{"info"}, 2, "navoxctl: the port is missing; see navoxctl help\n"},
         {{}, 2, "navoxctl: the command is missing; see navoxctl help\n"},
     };
-    for (const Case& c : cases) {
-        const Said said = Navoxctl(c.arguments);
-        EXPECT_EQ(said.exit, c.exit);
-        EXPECT_EQ(said.error, c.error);
+    for (const auto& [arguments, exit, error] : cases) {
+        const Said said = Navoxctl(arguments);
+        EXPECT_EQ(said.exit, exit);
+        EXPECT_EQ(said.error, error);
         EXPECT_EQ(said.out, "");
     }
     EXPECT_EQ(Navoxctl({"help"}).out, navoxctl::kUsage);

@@ -5,28 +5,21 @@
 namespace win32 {
 namespace {
 
-// Event handles that kernel32 makes for itself: its own controls are waited for on overlapped handles, too.
-bool Control(const Handle& handle, DWORD code, const void* input, DWORD input_length, void* output,
-             DWORD output_length)
-{
-    return DeviceIoControl(handle, code, input, input_length, output, output_length, nullptr, nullptr);
-}
-
 bool Send(const Handle& handle, DWORD code)
 {
-    return Control(handle, code, nullptr, 0, nullptr, 0);
+    return DeviceIoControl(handle, code, nullptr, 0, nullptr, 0, nullptr, nullptr);
 }
 
 template <class T>
 bool Set(const Handle& handle, DWORD code, const T& value)
 {
-    return Control(handle, code, &value, sizeof(value), nullptr, 0);
+    return Setter<T>{code}(handle, value);
 }
 
 template <class T>
 bool Get(const Handle& handle, DWORD code, T* value)
 {
-    return Control(handle, code, nullptr, 0, value, sizeof(*value));
+    return Getter<T>{code}(handle, value);
 }
 
 bool ReadState(const Handle& handle, SerialState* state)
@@ -125,26 +118,6 @@ bool SetCommConfig(const Handle& handle, const COMMCONFIG& config)
     return SetCommState(handle, config.dcb);
 }
 
-bool GetCommTimeouts(const Handle& handle, COMMTIMEOUTS* timeouts)
-{
-    return Get(handle, IOCTL_SERIAL_GET_TIMEOUTS, timeouts);
-}
-
-bool SetCommTimeouts(const Handle& handle, const COMMTIMEOUTS& timeouts)
-{
-    return Set(handle, IOCTL_SERIAL_SET_TIMEOUTS, timeouts);
-}
-
-bool GetCommMask(const Handle& handle, DWORD* mask)
-{
-    return Get(handle, IOCTL_SERIAL_GET_WAIT_MASK, mask);
-}
-
-bool SetCommMask(const Handle& handle, DWORD mask)
-{
-    return Set(handle, IOCTL_SERIAL_SET_WAIT_MASK, mask);
-}
-
 bool WaitCommEvent(const Handle& handle, DWORD* events, Overlapped* overlapped)
 {
     return DeviceIoControl(handle, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, events, sizeof(*events), nullptr,
@@ -166,25 +139,9 @@ bool ClearCommError(const Handle& handle, DWORD* errors, COMSTAT* stat)
     return true;
 }
 
-bool PurgeComm(const Handle& handle, DWORD flags)
-{
-    return Set(handle, IOCTL_SERIAL_PURGE, flags);
-}
-
 bool SetupComm(const Handle& handle, DWORD in_size, DWORD out_size)
 {
     return Set(handle, IOCTL_SERIAL_SET_QUEUE_SIZE, SERIAL_QUEUE_SIZE{in_size, out_size});
-}
-
-bool GetCommProperties(const Handle& handle, COMMPROP* properties)
-{
-    *properties = {};
-    return Get(handle, IOCTL_SERIAL_GET_PROPERTIES, properties);
-}
-
-bool GetCommModemStatus(const Handle& handle, DWORD* status)
-{
-    return Get(handle, IOCTL_SERIAL_GET_MODEMSTATUS, status);
 }
 
 bool EscapeCommFunction(const Handle& handle, Escape function)
@@ -195,11 +152,6 @@ bool EscapeCommFunction(const Handle& handle, Escape function)
         return false;
     }
     return Send(handle, kEscapeControls[index]);
-}
-
-bool TransmitCommChar(const Handle& handle, char c)
-{
-    return Set(handle, IOCTL_SERIAL_IMMEDIATE_CHAR, c);
 }
 
 } // namespace win32

@@ -103,27 +103,46 @@ enum class Escape : DWORD {
     CLRDTR,
     RESETDEV,
     SETBREAK,
-    CLRBREAK,
+    CLRBREAK
 };
+
+// Calls that are one control each, which carries or fills a `T`. kernel32 has an event of its own: the control is waited
+// for on an overlapped handle, too.
+template <class T>
+struct Setter {
+    DWORD code;
+    bool operator()(const Handle& handle, const T& value) const
+    {
+        return DeviceIoControl(handle, code, &value, sizeof(value), nullptr, 0, nullptr, nullptr);
+    }
+};
+template <class T>
+struct Getter {
+    DWORD code;
+    bool operator()(const Handle& handle, T* value) const
+    {
+        return DeviceIoControl(handle, code, nullptr, 0, value, sizeof(*value), nullptr, nullptr);
+    }
+};
+inline constexpr Getter<COMMTIMEOUTS> GetCommTimeouts{IOCTL_SERIAL_GET_TIMEOUTS};
+inline constexpr Setter<COMMTIMEOUTS> SetCommTimeouts{IOCTL_SERIAL_SET_TIMEOUTS};
+inline constexpr Getter<DWORD> GetCommMask{IOCTL_SERIAL_GET_WAIT_MASK};
+inline constexpr Setter<DWORD> SetCommMask{IOCTL_SERIAL_SET_WAIT_MASK};
+inline constexpr Setter<DWORD> PurgeComm{IOCTL_SERIAL_PURGE};
+inline constexpr Getter<COMMPROP> GetCommProperties{IOCTL_SERIAL_GET_PROPERTIES};
+inline constexpr Getter<DWORD> GetCommModemStatus{IOCTL_SERIAL_GET_MODEMSTATUS};
+inline constexpr Setter<char> TransmitCommChar{IOCTL_SERIAL_IMMEDIATE_CHAR};
 
 bool GetCommState(const Handle& handle, DCB* dcb);
 bool SetCommState(const Handle& handle, const DCB& dcb);
 bool GetCommConfig(const Handle& handle, COMMCONFIG* config, DWORD* size);
 bool SetCommConfig(const Handle& handle, const COMMCONFIG& config);
-bool GetCommTimeouts(const Handle& handle, COMMTIMEOUTS* timeouts);
-bool SetCommTimeouts(const Handle& handle, const COMMTIMEOUTS& timeouts);
-bool GetCommMask(const Handle& handle, DWORD* mask);
-bool SetCommMask(const Handle& handle, DWORD mask);
 // `events` is filled as an overlapped call's buffer is.
 bool WaitCommEvent(const Handle& handle, DWORD* events, Overlapped* overlapped);
 // `status` may be null.
 bool ClearCommError(const Handle& handle, DWORD* errors, COMSTAT* status);
-bool PurgeComm(const Handle& handle, DWORD flags);
 bool SetupComm(const Handle& handle, DWORD in_size, DWORD out_size);
-bool GetCommProperties(const Handle& handle, COMMPROP* properties);
-bool GetCommModemStatus(const Handle& handle, DWORD* status);
 bool EscapeCommFunction(const Handle& handle, Escape function);
-bool TransmitCommChar(const Handle& handle, char c);
 
 // What a DCB stands for among the serial controls.
 struct SerialState {

@@ -65,27 +65,17 @@ TEST(File, AStatusBecomesAnError)
 struct Keeper {
     Keeper()
     {
-        bench.OnRequest(IRP_MJ_READ, [this](PDEVICE_OBJECT, PIRP irp) {
-            IoMarkIrpPending(irp);
-            IoSetCancelRoutine(
-                irp, [](PDEVICE_OBJECT, PIRP cancelled) __attribute__((ms_abi)) {
-                    IoReleaseCancelSpinLock(cancelled->CancelIrql);
-                    Complete(cancelled, STATUS_CANCELLED);
-                });
-            kept = irp;
-            return STATUS_PENDING;
-        });
+        bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
         handle = CreateFile("\\\\.\\T", kBoth, 0, FILE_FLAG_OVERLAPPED);
     }
-    void LetGo()
+    static void LetGo()
     {
-        IoSetCancelRoutine(kept, nullptr);
+        PIRP kept = host_test::TakeKept();
         static_cast<char*>(kept->AssociatedIrp.SystemBuffer)[0] = 'y';
         Complete(kept, STATUS_SUCCESS, 1);
     }
 
     host_test::Bench bench;
-    PIRP kept = nullptr;
     Handle handle;
     Overlapped overlapped;
     char text[4] = {};
