@@ -17,9 +17,13 @@ using host_test::Kept;
 
 constexpr std::initializer_list<const char*> kLife = {"IRP_MJ_CREATE", "IRP_MJ_CLEANUP", "IRP_MJ_CLOSE"};
 
-TEST(File, OpensCleansUpAndCloses)
-{
+class NtFile : public testing::Test {
+  protected:
     Bench bench;
+};
+
+TEST_F(NtFile, OpensCleansUpAndCloses)
+{
     PFILE_OBJECT seen = nullptr;
     bench.OnRequest(IRP_MJ_CREATE, [&](PDEVICE_OBJECT, PIRP irp) {
         const PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
@@ -44,9 +48,8 @@ TEST(File, OpensCleansUpAndCloses)
     EXPECT_EQ(bench.script.device->ReferenceCount, 0);
 }
 
-TEST(File, ThatIsRefusedIsNeverClosed)
+TEST_F(NtFile, ThatIsRefusedIsNeverClosed)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_CREATE,
                     [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_INSUFFICIENT_RESOURCES); });
     File file;
@@ -56,9 +59,8 @@ TEST(File, ThatIsRefusedIsNeverClosed)
     EXPECT_EQ(bench.script.device->ReferenceCount, 0);
 }
 
-TEST(File, IsCleanedUpWithItsLastHandleAndClosedWithItsLastRequest)
+TEST_F(NtFile, IsCleanedUpWithItsLastHandleAndClosedWithItsLastRequest)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_READ, Keep);
     File file = bench.Open();
     File second = file.Duplicate();
@@ -89,7 +91,7 @@ struct PathCase {
     const char16_t* file_name;
 };
 
-TEST(File, IsFoundByEveryKindOfName)
+TEST(NtFileTables, IsFoundByEveryKindOfName)
 {
     const PathCase cases[] = {
         {"T", STATUS_SUCCESS, u""},
@@ -125,7 +127,7 @@ struct AccessCase {
     bool read, write, flush, any_control, read_control, write_control;
 };
 
-TEST(File, DoesWhatItWasOpenedFor)
+TEST(NtFileTables, DoesWhatItWasOpenedFor)
 {
     const AccessCase cases[] = {
         {Access::None, false, false, false, true, false, false},
@@ -155,7 +157,7 @@ struct MethodCase {
     bool system_buffer, type3, mdl;
 };
 
-TEST(File, ControlsCarryTheirBuffersByMethod)
+TEST(NtFileTables, ControlsCarryTheirBuffersByMethod)
 {
     const MethodCase cases[] = {
         {METHOD_BUFFERED, true, false, false},
@@ -179,9 +181,8 @@ TEST(File, ControlsCarryTheirBuffersByMethod)
     }
 }
 
-TEST(File, CancelIoTakesTheCallersRequestsAndCancelIoExAll)
+TEST_F(NtFile, CancelIoTakesTheCallersRequestsAndCancelIoExAll)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
     const File file = bench.Open();
     const File other = bench.Open();
@@ -199,9 +200,8 @@ TEST(File, CancelIoTakesTheCallersRequestsAndCancelIoExAll)
     EXPECT_TRUE(elsewhere.Cancel());
 }
 
-TEST(File, AThreadsEndCancelsItsRequests)
+TEST_F(NtFile, AThreadsEndCancelsItsRequests)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
     const File file = bench.Open();
     host::nt::Request read;
@@ -209,9 +209,8 @@ TEST(File, AThreadsEndCancelsItsRequests)
     EXPECT_EQ(read.Status(), STATUS_CANCELLED);
 }
 
-TEST(File, ARequestThatWillNotBeCancelledIsReported)
+TEST_F(NtFile, ARequestThatWillNotBeCancelledIsReported)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_READ, Keep);
     const File file = bench.Open();
     host::nt::SpawnClient("client", [&] { file.StartRead(1); }).Join();
@@ -220,9 +219,8 @@ TEST(File, ARequestThatWillNotBeCancelledIsReported)
     Complete(Kept(), STATUS_CANCELLED);
 }
 
-TEST(File, ASynchronousHandleDoesOneThingAtATime)
+TEST_F(NtFile, ASynchronousHandleDoesOneThingAtATime)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_READ, Keep);
     OpenOptions options;
     options.overlapped = false;
@@ -239,9 +237,8 @@ TEST(File, ASynchronousHandleDoesOneThingAtATime)
     EXPECT_TRUE(bench.script.Saw("IRP_MJ_DEVICE_CONTROL"));
 }
 
-TEST(File, TellsWhenARequestIsDone)
+TEST_F(NtFile, TellsWhenARequestIsDone)
 {
-    Bench bench;
     bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
     const File file = bench.Open();
     int told = 0;

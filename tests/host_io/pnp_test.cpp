@@ -28,9 +28,13 @@ std::vector<std::string> Minors(std::initializer_list<UCHAR> minors)
     return names;
 }
 
-TEST(Pnp, AStartedDeviceIsAskedInTheSystemsOrder)
-{
+class Pnp : public testing::Test {
+  protected:
     UsbBench bench;
+};
+
+TEST_F(Pnp, AStartedDeviceIsAskedInTheSystemsOrder)
+{
     EXPECT_EQ(bench.script.seen,
               Minors({IRP_MN_FILTER_RESOURCE_REQUIREMENTS, IRP_MN_START_DEVICE, IRP_MN_QUERY_CAPABILITIES,
                       IRP_MN_QUERY_PNP_DEVICE_STATE, IRP_MN_QUERY_DEVICE_RELATIONS}));
@@ -44,7 +48,7 @@ struct StepCase {
     PnpState state = PnpState::Started;
 };
 
-TEST(Pnp, RequestsMoveTheDeviceThroughItsStates)
+TEST(PnpTables, RequestsMoveTheDeviceThroughItsStates)
 {
     const auto stop_and_start =
         Minors({IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE, IRP_MN_QUERY_CAPABILITIES,
@@ -80,9 +84,8 @@ TEST(Pnp, RequestsMoveTheDeviceThroughItsStates)
     }
 }
 
-TEST(Pnp, RequestsComeOneAtATimeFromOneThreadAtPassiveLevel)
+TEST_F(Pnp, RequestsComeOneAtATimeFromOneThreadAtPassiveLevel)
 {
-    UsbBench bench;
     int inside = 0;
     bench.OnRequest(IRP_MJ_PNP, [&](PDEVICE_OBJECT device, PIRP irp) {
         EXPECT_EQ(host::ActorName(), "PnP");
@@ -104,9 +107,8 @@ TEST(Pnp, RequestsComeOneAtATimeFromOneThreadAtPassiveLevel)
     bench.OnRequest(IRP_MJ_PNP, nullptr);
 }
 
-TEST(Pnp, ARefusedQueryIsCalledOff)
+TEST_F(Pnp, ARefusedQueryIsCalledOff)
 {
-    UsbBench bench;
     bench.OnRequest(IRP_MJ_PNP, [&](PDEVICE_OBJECT device, PIRP irp) {
         const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
         if (minor == IRP_MN_QUERY_STOP_DEVICE || minor == IRP_MN_QUERY_REMOVE_DEVICE)
@@ -130,9 +132,8 @@ host::nt::File OpenStack(UsbBench& bench)
     return file;
 }
 
-TEST(Pnp, AnOpenHandleStopsADisable)
+TEST_F(Pnp, AnOpenHandleStopsADisable)
 {
-    UsbBench bench;
     host::nt::File file = OpenStack(bench);
     EXPECT_EQ(PnpManager::Current().Disable(bench.Node()), STATUS_DEVICE_BUSY);
     EXPECT_EQ(bench.Node()->state, PnpState::Started);
@@ -140,9 +141,8 @@ TEST(Pnp, AnOpenHandleStopsADisable)
     EXPECT_EQ(PnpManager::Current().Disable(bench.Node()), STATUS_SUCCESS);
 }
 
-TEST(Pnp, ASurpriseRemovedDeviceStaysUntilTheLastHandleCloses)
+TEST_F(Pnp, ASurpriseRemovedDeviceStaysUntilTheLastHandleCloses)
 {
-    UsbBench bench;
     host::nt::File first = OpenStack(bench);
     host::nt::File second = first.Duplicate();
     bench.script.seen.clear();
@@ -158,9 +158,8 @@ TEST(Pnp, ASurpriseRemovedDeviceStaysUntilTheLastHandleCloses)
     EXPECT_EQ(bench.Node(), nullptr);
 }
 
-TEST(Pnp, AFailedStartTakesTheStackDown)
+TEST_F(Pnp, AFailedStartTakesTheStackDown)
 {
-    UsbBench bench;
     EXPECT_EQ(PnpManager::Current().Disable(bench.Node()), STATUS_SUCCESS);
     bench.kernel.Faults().Arm(host::FaultPoint::LowerDriver,
                               {.detail = "IRP_MJ_PNP",
@@ -173,9 +172,8 @@ TEST(Pnp, AFailedStartTakesTheStackDown)
     EXPECT_EQ(bench.Node()->state, PnpState::Reported);
 }
 
-TEST(Pnp, AFailedRestartIsASurpriseRemoval)
+TEST_F(Pnp, AFailedRestartIsASurpriseRemoval)
 {
-    UsbBench bench;
     bench.kernel.Faults().Arm(host::FaultPoint::LowerDriver,
                               {.detail = "IRP_MJ_PNP", .nth = 3}); // query stop, stop, start
     bench.script.seen.clear();
@@ -184,9 +182,8 @@ TEST(Pnp, AFailedRestartIsASurpriseRemoval)
                                          IRP_MN_SURPRISE_REMOVAL, IRP_MN_REMOVE_DEVICE}));
 }
 
-TEST(Pnp, ADriverThatFailsAddDeviceHasNoStack)
+TEST_F(Pnp, ADriverThatFailsAddDeviceHasNoStack)
 {
-    UsbBench bench;
     EXPECT_EQ(PnpManager::Current().Disable(bench.Node()), STATUS_SUCCESS);
     bench.script.add_device = [](PDRIVER_OBJECT, PDEVICE_OBJECT) { return STATUS_OBJECT_NAME_NOT_FOUND; };
     bench.script.seen.clear();
@@ -195,9 +192,8 @@ TEST(Pnp, ADriverThatFailsAddDeviceHasNoStack)
     EXPECT_EQ(bench.Node()->state, PnpState::Reported);
 }
 
-TEST(Pnp, DevicesHaveKeys)
+TEST_F(Pnp, DevicesHaveKeys)
 {
-    UsbBench bench;
     const host::PnpNodePtr node = bench.Node();
     EXPECT_EQ(host::ToUtf8(node->HardwareKey()), "\\Registry\\Machine\\System\\CurrentControlSet\\Enum\\"
                                                  "USB\\VID_1234&PID_5678\\6&1\\Device Parameters");
@@ -232,9 +228,8 @@ TEST(Pnp, DevicesHaveKeys)
     UsbBus::Current().Unplug(other);
 }
 
-TEST(Pnp, TheInstallerComesBeforeAddDevice)
+TEST_F(Pnp, TheInstallerComesBeforeAddDevice)
 {
-    UsbBench bench;
     std::vector<std::string> order;
     PnpManager::Current().SetInstaller([&](host::PnpNode& node) { order.push_back(node.Path()); });
     bench.script.add_device = [&](PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
@@ -247,9 +242,8 @@ TEST(Pnp, TheInstallerComesBeforeAddDevice)
     EXPECT_EQ(order, (std::vector<std::string>{"USB\\VID_1234&PID_5678\\x", "AddDevice"}));
 }
 
-TEST(Pnp, InterfacesAppearAndDisappear)
+TEST_F(Pnp, InterfacesAppearAndDisappear)
 {
-    UsbBench bench;
     UNICODE_STRING name{};
     PDEVICE_OBJECT pdo = bench.Node()->pdo;
     EXPECT_EQ(IoRegisterDeviceInterface(bench.script.device, &kClass, nullptr, &name),

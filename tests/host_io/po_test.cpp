@@ -54,9 +54,13 @@ class Sleeper : public UsbBench {
     NTSTATUS refusal = STATUS_SUCCESS;
 };
 
-TEST(Power, TheBusSuspendsAndResumesTheDevice)
-{
+class Power : public testing::Test {
+  protected:
     Sleeper bench;
+};
+
+TEST_F(Power, TheBusSuspendsAndResumesTheDevice)
+{
     EXPECT_EQ(bench.RequestPower(PowerDeviceD2), STATUS_PENDING);
     EXPECT_EQ(bench.port->PowerState(), PowerDeviceD2);
     EXPECT_TRUE(bench.device->suspended);
@@ -67,9 +71,8 @@ TEST(Power, TheBusSuspendsAndResumesTheDevice)
                                                    {IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0}}));
 }
 
-TEST(Power, ARequestFromADpcIsSentAtPassiveLevel)
+TEST_F(Power, ARequestFromADpcIsSentAtPassiveLevel)
 {
-    Sleeper bench;
     const POWER_STATE state{.DeviceState = PowerDeviceD0};
     KIRQL irql = PASSIVE_LEVEL;
     KeRaiseIrql(DISPATCH_LEVEL, &irql);
@@ -84,7 +87,7 @@ TEST(Power, ARequestFromADpcIsSentAtPassiveLevel)
 }
 
 // Requests that the driver keeps until the test lets them go.
-TEST(Power, ASecondRequestWaitsUntilTheNextIsStarted)
+TEST(PowerTables, ASecondRequestWaitsUntilTheNextIsStarted)
 {
     UsbBench bench;
     std::vector<PIRP> kept;
@@ -131,7 +134,7 @@ struct SleepCase {
     SYSTEM_POWER_STATE state;
 };
 
-TEST(Power, TheSystemAsksBeforeItSleeps)
+TEST(PowerTables, TheSystemAsksBeforeItSleeps)
 {
     const PowerCall query{IRP_MN_QUERY_POWER, SystemPowerState, PowerSystemSleeping3};
     const PowerCall sleep{IRP_MN_SET_POWER, SystemPowerState, PowerSystemSleeping3};
@@ -170,9 +173,8 @@ struct Waited {
     }
 };
 
-TEST(Power, ADeviceWakesTheDriverThatWaits)
+TEST_F(Power, ADeviceWakesTheDriverThatWaits)
 {
-    Sleeper bench;
     const Waited waited(bench);
     const Waited second(bench);
     EXPECT_EQ(second.status, STATUS_DEVICE_BUSY);
@@ -185,9 +187,8 @@ TEST(Power, ADeviceWakesTheDriverThatWaits)
     bench.RequestPower(PowerDeviceD0);
 }
 
-TEST(Power, AWaitForWakeUpCanBeCancelled)
+TEST_F(Power, AWaitForWakeUpCanBeCancelled)
 {
-    Sleeper bench;
     const Waited waited(bench);
     EXPECT_TRUE(IoCancelIrp(waited.irp));
     EXPECT_EQ(waited.status, STATUS_CANCELLED);
@@ -234,9 +235,13 @@ class Idler : public Sleeper {
     NTSTATUS ended = 0;
 };
 
-TEST(Idle, TheHubCallsBackAndTheDeviceSuspendsUntilItWantsSomething)
-{
+class Idle : public testing::Test {
+  protected:
     Idler bench;
+};
+
+TEST_F(Idle, TheHubCallsBackAndTheDeviceSuspendsUntilItWantsSomething)
+{
     bench.port->AllowIdle(false);
     PIRP irp = bench.Send();
     EXPECT_EQ(bench.answer, STATUS_PENDING);
@@ -258,7 +263,7 @@ TEST(Idle, TheHubCallsBackAndTheDeviceSuspendsUntilItWantsSomething)
 enum class IdleEnd { Cancelled, PoweredUp, Unplugged };
 using IdleCase = std::tuple<IdleEnd, NTSTATUS>;
 
-TEST(Idle, TheRequestEndsByWhateverComesFirst)
+TEST(IdleTables, TheRequestEndsByWhateverComesFirst)
 {
     const IdleCase cases[] = {
         {IdleEnd::Cancelled, STATUS_CANCELLED},
@@ -284,7 +289,7 @@ TEST(Idle, TheRequestEndsByWhateverComesFirst)
     }
 }
 
-TEST(Idle, BadRequestsAreRefused)
+TEST(IdleTables, BadRequestsAreRefused)
 {
     host::UsbPortOptions plain;
     plain.supports_idle = false;
@@ -293,9 +298,8 @@ TEST(Idle, BadRequestsAreRefused)
     EXPECT_EQ(without.answer, STATUS_NOT_SUPPORTED);
 }
 
-TEST(Idle, TheVerifierWatchesTheHandShake)
+TEST_F(Idle, TheVerifierWatchesTheHandShake)
 {
-    Idler bench;
     bench.port->AllowIdle(false);
     PIRP first = bench.Send();
     PIRP second = bench.Send();

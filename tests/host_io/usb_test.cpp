@@ -9,7 +9,7 @@ using host::UsbBus;
 using host_test::FakeDevice;
 using host_test::UsbBench;
 
-TEST(Usb, ADeviceThatDoesNotAnswerIsNotTaken)
+TEST(UsbTables, ADeviceThatDoesNotAnswerIsNotTaken)
 {
     class Mute : public FakeDevice {
         module::Packet Control(const module::SetupPacket&, std::span<const std::uint8_t>) override
@@ -21,9 +21,13 @@ TEST(Usb, ADeviceThatDoesNotAnswerIsNotTaken)
     EXPECT_EQ(UsbBus::Current().Plug(std::make_shared<Mute>()), nullptr);
 }
 
-TEST(Usb, DescriptorsComeAsTheDeviceHasThem)
-{
+class Usb : public testing::Test {
+  protected:
     UsbBench bench;
+};
+
+TEST_F(Usb, DescriptorsComeAsTheDeviceHasThem)
+{
     const UsbBench::Sent device = bench.Descriptor(USB_DEVICE_DESCRIPTOR_TYPE, 18);
     EXPECT_EQ(device.status, STATUS_SUCCESS);
     EXPECT_EQ(device.data, FakeDevice::DeviceDescriptor());
@@ -41,7 +45,7 @@ struct ParseCase {
     int found; // bInterfaceNumber, -1: none
 };
 
-TEST(Usb, InterfacesAreFoundByWhatTheyAre)
+TEST(UsbTables, InterfacesAreFoundByWhatTheyAre)
 {
     const ParseCase cases[] = {
         {-1, 0, 10, 0, 0, 1},  {-1, 0, 2, 2, 1, 0},  {-1, -1, -1, -1, -1, 0}, {1, -1, -1, -1, -1, 1},
@@ -60,9 +64,8 @@ TEST(Usb, InterfacesAreFoundByWhatTheyAre)
     EXPECT_EQ(USBD_ParseConfigurationDescriptorEx(configuration, configuration, -1, -1, -1, -1, -1), nullptr);
 }
 
-TEST(Usb, TheConfigurationIsSetOnceAndItsInterfacesStayOpen)
+TEST_F(Usb, TheConfigurationIsSetOnceAndItsInterfacesStayOpen)
 {
-    UsbBench bench;
     std::vector<UCHAR> bytes = FakeDevice::ConfigurationDescriptor();
     auto* configuration = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data());
     std::vector<USBD_PIPE_INFORMATION> data;
@@ -94,7 +97,7 @@ struct InCase {
     std::string data;
 };
 
-TEST(Usb, PacketsMakeUpTransfers)
+TEST(UsbTables, PacketsMakeUpTransfers)
 {
     constexpr ULONG kShortOk = USBD_SHORT_TRANSFER_OK;
     const InCase cases[] = {
@@ -121,9 +124,8 @@ TEST(Usb, PacketsMakeUpTransfers)
     }
 }
 
-TEST(Usb, ATransferWaitsForTheDevice)
+TEST_F(Usb, ATransferWaitsForTheDevice)
 {
-    UsbBench bench;
     bench.Configure();
     bench.device->SendAt(bench.kernel.Now() + 3 * host::kSecond, 0x81, "late");
     const host::Time before = bench.kernel.InterruptTime();
@@ -137,9 +139,8 @@ TEST(Usb, ATransferWaitsForTheDevice)
     EXPECT_EQ(bench.Land(second).length, 4U);
 }
 
-TEST(Usb, OutTransfersGoInPackets)
+TEST_F(Usb, OutTransfersGoInPackets)
 {
-    UsbBench bench;
     bench.Configure();
     bench.device->nak_out = true;
     const auto flight = bench.StartOut("123456789");
@@ -155,9 +156,8 @@ TEST(Usb, OutTransfersGoInPackets)
     EXPECT_EQ(bench.device->out.size(), 3U) << "a packet of no bytes";
 }
 
-TEST(Usb, AStallHaltsThePipeUntilItIsReset)
+TEST_F(Usb, AStallHaltsThePipeUntilItIsReset)
 {
-    UsbBench bench;
     bench.Configure();
     bench.device->stalled[0x81] = true;
     const auto first = bench.StartIn(8);
@@ -183,9 +183,8 @@ TEST(Usb, AStallHaltsThePipeUntilItIsReset)
     EXPECT_EQ(aborted.status, STATUS_CANCELLED);
 }
 
-TEST(Usb, ClassRequestsReachTheDevice)
+TEST_F(Usb, ClassRequestsReachTheDevice)
 {
-    UsbBench bench;
     bench.Configure();
     EXPECT_EQ(bench.ClassRequest(0x02, false, 1, {3, 0}).status, STATUS_SUCCESS);
     const UsbBench::Sent read = bench.ClassRequest(0x03, true, 1, {0, 0});
@@ -208,7 +207,7 @@ TEST(Usb, ClassRequestsReachTheDevice)
     EXPECT_EQ(bench.ClassRequest(0x03, true, 1, {0, 0}).usbd, USBD_STATUS_DATA_OVERRUN);
 }
 
-TEST(Usb, CancelRacingDataEndsTheTransferOnce)
+TEST(UsbTables, CancelRacingDataEndsTheTransferOnce)
 {
     for (std::uint64_t seed = 1; seed <= 150; ++seed) {
         host::KernelOptions options = UsbBench::Recording();
@@ -230,7 +229,7 @@ TEST(Usb, CancelRacingDataEndsTheTransferOnce)
 
 using FaultCase = std::tuple<FaultAction, NTSTATUS>;
 
-TEST(Usb, TheNthRequestCanBeMadeToFail)
+TEST(UsbTables, TheNthRequestCanBeMadeToFail)
 {
     const FaultCase cases[] = {
         {FaultAction::Fail, STATUS_IO_DEVICE_ERROR},
@@ -258,9 +257,8 @@ TEST(Usb, TheNthRequestCanBeMadeToFail)
     }
 }
 
-TEST(Usb, PullingThePlugFailsWhatIsUnderWay)
+TEST_F(Usb, PullingThePlugFailsWhatIsUnderWay)
 {
-    UsbBench bench;
     bench.Configure();
     const auto flight = bench.StartIn(8);
     bench.script.seen.clear();

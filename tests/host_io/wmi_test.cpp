@@ -93,9 +93,13 @@ std::string TextOf(const std::vector<std::byte>& bytes)
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-TEST(Wmi, BlocksAreRegisteredUnderTheDevicesName)
-{
+class Wmi : public testing::Test {
+  protected:
     Provider bench;
+};
+
+TEST_F(Wmi, BlocksAreRegisteredUnderTheDevicesName)
+{
     const auto blocks = WmiManager::Current().Blocks();
     ASSERT_EQ(blocks.size(), 2U);
     EXPECT_EQ(blocks[0].guid, kNumber);
@@ -107,9 +111,8 @@ TEST(Wmi, BlocksAreRegisteredUnderTheDevicesName)
     EXPECT_EQ(IoWMIRegistrationControl(bench.Lower(), WMIREG_ACTION_DEREGISTER), STATUS_INVALID_PARAMETER);
 }
 
-TEST(Wmi, QueriesAnswerWholeOrSayHowMuchRoomTheyNeed)
+TEST_F(Wmi, QueriesAnswerWholeOrSayHowMuchRoomTheyNeed)
 {
-    Provider bench;
     WmiManager& wmi = WmiManager::Current();
     const WmiAnswer all = wmi.QueryAllData(kPair);
     EXPECT_EQ(all.status, STATUS_SUCCESS);
@@ -133,9 +136,8 @@ TEST(Wmi, QueriesAnswerWholeOrSayHowMuchRoomTheyNeed)
     }
 }
 
-TEST(Wmi, WhatCannotBeDoneIsRefused)
+TEST_F(Wmi, WhatCannotBeDoneIsRefused)
 {
-    Provider bench;
     WmiManager& wmi = WmiManager::Current();
     PDEVICE_OBJECT device = bench.script.device;
     const auto text = host_test::Bytes("x"); // no number
@@ -154,9 +156,8 @@ TEST(Wmi, WhatCannotBeDoneIsRefused)
     EXPECT_EQ(bench.dispositions.back(), IrpProcessed);
 }
 
-TEST(Wmi, RequestsOfOtherDevicesArePassedOn)
+TEST_F(Wmi, RequestsOfOtherDevicesArePassedOn)
 {
-    Provider bench;
     bench.kernel.RunUntilIdle();
     const IO_STATUS_BLOCK block =
         host::IopSendAndWait(bench.script.device, IRP_MJ_SYSTEM_CONTROL, IRP_MN_QUERY_ALL_DATA,
@@ -168,7 +169,7 @@ TEST(Wmi, RequestsOfOtherDevicesArePassedOn)
     EXPECT_EQ(bench.dispositions.back(), IrpForward);
 }
 
-TEST(Wmi, DeregisteringWaitsForRequestsUnderWay)
+TEST(WmiTables, DeregisteringWaitsForRequestsUnderWay)
 {
     UsbBench bench;
     PDEVICE_OBJECT device = bench.script.device;
