@@ -142,6 +142,7 @@ Service::Service(const Options& options)
 {
     std::signal(SIGPIPE, SIG_IGN);
     CheckWritable(options.trace);
+    CheckWritable(options.registry);
     folder_ = MakeRuntimeFolder();
     LogClock(*system_);
     system_->Plug();

@@ -78,8 +78,9 @@ TcpServer::TcpServer(asio::io_context& io, Clients& clients, const TcpEndpoint& 
 {
     asio::error_code error;
     const tcp::endpoint at(asio::ip::make_address(endpoint.address, error), endpoint.port);
-    if (!error)
-        acceptor_.open(at.protocol(), error);
+    if (error)
+        throw UsageError(fmt::format("--tcp: {} is no IP address", endpoint.address));
+    acceptor_.open(at.protocol(), error);
     if (!error)
         acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
     if (!error)

@@ -6,7 +6,6 @@
 #include <charconv>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 #include <utility>
 #include <variant>
@@ -500,8 +499,13 @@ std::optional<CmRegError> CmLoadRegText(CmRegistry& registry, std::string_view b
 std::optional<CmRegError> CmLoadRegFile(CmRegistry& registry, const std::filesystem::path& file)
 {
     std::ifstream in(file, std::ios::binary);
-    std::string bytes(std::istreambuf_iterator<char>(in), {});
-    if (!in) {
+    std::string bytes;
+    std::array<char, 4096> block{};
+    while (in) {
+        in.read(block.data(), block.size());
+        bytes.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    if (!in.is_open() || in.bad()) {
         return CmRegError{0, "cannot read " + file.string()};
     }
     return CmLoadRegText(registry, bytes);

@@ -63,6 +63,7 @@ class CommandLine(unittest.TestCase):
                 (["--replay", str(folder / "comments.log")], ["comments.log"]),
                 (["--replay", str(folder / "sentence.log"), "--rate", "1001"], ["1000"]),
                 (["--registry", str(folder / "missing.reg")], ["missing.reg"]),
+                (["--registry", name], [name]),
                 (["--registry", str(folder / "sentence.log")], ["sentence.log", "line 1"]),
                 (["--registry", str(folder / "bad.reg")], ["bad.reg", "line 4"]),
                 (["--trace", str(folder / "missing" / "trace.json")], ["trace.json"]),
