@@ -2,62 +2,72 @@
 
 #include "ke/isolated_run.h"
 
+#include <deque>
 #include <utility>
 
 namespace host {
 namespace {
 
-// Walks the tree of choices depth first, one leaf per run.
-class DepthFirstStrategy final : public Strategy {
+// Walks the tree of choices breadth first: schedules that leave the usual one once come first, and those that leave it
+// early before those that leave it late.
+class BreadthFirstStrategy final : public Strategy {
   public:
-    explicit DepthFirstStrategy(unsigned max_preemptions) : max_preemptions_(max_preemptions) {}
+    BreadthFirstStrategy(unsigned max_preemptions, std::uint64_t max_runs)
+        : max_preemptions_(max_preemptions), room_(max_runs - 1)
+    {}
 
     void StartRun() override
     {
-        depth_ = 0;
+        chosen_.clear();
         preemptions_ = 0;
     }
 
     std::size_t PickNext(const Choice& choice) override
     {
-        if (depth_ == path_.size())
-            path_.push_back({0, choice.ready.size(), choice.may_continue, preemptions_});
-        const Node& node = path_[depth_++];
-        // Another number of threads than last time here: the scenario is not deterministic. The scheduler reports
-        // an index that is too large.
-        if (node.count != choice.ready.size())
-            return choice.ready.size();
-        preemptions_ += node.may_continue && node.chosen > 0 ? 1 : 0;
-        return node.chosen;
+        const std::size_t depth = chosen_.size();
+        std::size_t next = 0;
+        if (depth < prefix_.size())
+            next =
+                prefix_[depth]; // too large: another number of threads than last time here, which is reported
+        else if (!choice.may_continue || preemptions_ < max_preemptions_)
+            Branch(choice.ready.size());
+        preemptions_ += choice.may_continue && next > 0 ? 1 : 0;
+        chosen_.push_back(static_cast<std::uint32_t>(next));
+        return next;
     }
 
-    // To the next leaf; false when there is none.
+    // To the next schedule; false when there is none.
     bool Advance()
     {
-        path_.resize(depth_);
-        while (!path_.empty()) {
-            Node& node = path_.back();
-            const bool free = !node.may_continue || node.preemptions_before < max_preemptions_;
-            if (free && node.chosen + 1 < node.count) {
-                ++node.chosen;
-                return true;
-            }
-            path_.pop_back();
-        }
-        return false;
+        if (frontier_.empty())
+            return false;
+        prefix_ = std::move(frontier_.front());
+        frontier_.pop_front();
+        return true;
     }
 
+    bool LeftOut() const { return left_out_; }
+
   private:
-    struct Node {
-        std::size_t chosen;
-        std::size_t count;
-        bool may_continue;
-        unsigned preemptions_before;
-    };
+    void Branch(std::size_t count)
+    {
+        for (std::uint32_t other = 1; other < count; ++other) {
+            if (room_ == 0) {
+                left_out_ = true; // it could not be run any more
+                return;
+            }
+            --room_;
+            frontier_.push_back(chosen_);
+            frontier_.back().push_back(other);
+        }
+    }
 
     const unsigned max_preemptions_;
-    std::vector<Node> path_;
-    std::size_t depth_ = 0;
+    std::uint64_t room_; // for schedules within the limit of runs
+    bool left_out_ = false;
+    std::deque<std::vector<std::uint32_t>> frontier_;
+    std::vector<std::uint32_t> prefix_; // of this run; behind it the first thread is chosen
+    std::vector<std::uint32_t> chosen_;
     unsigned preemptions_ = 0;
 };
 
@@ -74,6 +84,7 @@ bool RunOnce(KernelOptions options, const Scenario& scenario, std::optional<Fail
     };
     options.on_end = [&run](const Kernel& kernel) {
         run.schedule = FormatSchedule(kernel.RecordedSchedule());
+        run.description = kernel.RunDescription();
     };
     bool content = false;
     const bool ended = RunIsolated([&] { content = scenario(options); });
@@ -93,13 +104,13 @@ std::string FailedRun::Describe() const
     std::string text = findings.empty() ? "the scenario was not content" : "";
     for (const Finding& finding : findings)
         text += FormatFinding(finding) + "\n";
-    return text + "\nseed " + std::to_string(options.seed) + ", schedule " + schedule;
+    return text + "\n" + description;
 }
 
 Exploration ExploreSchedules(const KernelOptions& options, unsigned max_preemptions, std::uint64_t max_runs,
                              const Scenario& scenario)
 {
-    const auto strategy = std::make_shared<DepthFirstStrategy>(max_preemptions);
+    const auto strategy = std::make_shared<BreadthFirstStrategy>(max_preemptions, max_runs);
     KernelOptions each = options;
     each.strategy = StrategyKind::Custom;
     each.custom = strategy;
@@ -113,7 +124,7 @@ Exploration ExploreSchedules(const KernelOptions& options, unsigned max_preempti
             return result;
         }
         if (!strategy->Advance()) {
-            result.exhausted = true;
+            result.exhausted = !strategy->LeftOut();
             return result;
         }
     }

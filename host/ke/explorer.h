@@ -18,6 +18,7 @@ using Scenario = std::function<bool(const KernelOptions& options)>;
 struct FailedRun {
     KernelOptions options; // replay this
     std::string schedule;
+    std::string description;       // how to run it again
     std::vector<Finding> findings; // none when the scenario itself was not content
     std::string Describe() const;
 };
@@ -29,7 +30,8 @@ struct Exploration {
 };
 
 // Every schedule with at most `max_preemptions` switches away from a thread that could have gone on; switches where
-// the running thread blocks are free. Stops at the first failure, or after `max_runs`.
+// the running thread blocks are free. Those that leave the usual schedule once come first, the earliest first of all.
+// Stops at the first failure, or after `max_runs`, which is at least 1.
 Exploration ExploreSchedules(const KernelOptions& options, unsigned max_preemptions, std::uint64_t max_runs,
                              const Scenario& scenario);
 
