@@ -101,7 +101,7 @@ bool SleepAndResume(Rig& rig, Random& random)
 bool IdleAndWake(Rig& rig, Random& random)
 {
     bool suspended = false;
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < 15; ++i) {
         rig.usb_port->AllowIdle(random() % 4 != 0);
         rig.RunFor(UpTo(random, 2 * kSecond));
         suspended = suspended || rig.usb_port->PowerState() == PowerDeviceD2;

@@ -197,7 +197,7 @@ class CanonicalSequence : public ::testing::TestWithParam<Sequence> {};
 
 TEST_P(CanonicalSequence, SurvivesOneFailureOfEachKindAtEachCall)
 {
-    const std::uint64_t most = Setting("NAVOX_SWEEP", 4);
+    const std::uint64_t most = Setting("NAVOX_SWEEP", 6);
     std::uint64_t failures = 0;
     for (const Kind& kind : kKinds) {
         bool hit = true;
