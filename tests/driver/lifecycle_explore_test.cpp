@@ -344,7 +344,7 @@ TEST_P(TwoActors, MeetInEveryOrder)
 {
     const host::Time moment = GetParam().moment != nullptr ? FindMoment(GetParam()) : 0;
     ExpectNoFailure(
-        host::ExploreSchedules({}, 2, Setting("NAVOX_SCHEDULES", 60), [&](const host::KernelOptions& kernel) {
+        host::ExploreSchedules({}, 2, Setting("NAVOX_SCHEDULES", 100), [&](const host::KernelOptions& kernel) {
             return Meet(kernel, GetParam(), moment);
         }));
 }
