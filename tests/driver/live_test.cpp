@@ -23,7 +23,7 @@ RigOptions Live()
     options.source = [] {
         ScriptedSource::Script script;
         for (int i = 0; i < kLines; ++i)
-            script.bursts.emplace_back(i * 2 * kMillisecond, Line(i));
+            script.bursts.emplace_back(kMillisecond * 2 * i, Line(i));
         return std::make_unique<ScriptedSource>(std::move(script));
     };
     return options;
