@@ -28,8 +28,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, Dispatcher, ::testing::Values(Mode::Simulated, M
 TEST_P(Dispatcher, AnEventReleasesAllOrOne)
 {
     for (const EVENT_TYPE type : {NotificationEvent, SynchronizationEvent}) {
-        KEVENT event;
-        KeInitializeEvent(&event, type, FALSE);
+        TestEvent event(type);
         std::atomic<int> released{0};
         std::vector<ThreadHandle> waiters;
         for (int i = 0; i < 3; ++i)
@@ -53,8 +52,7 @@ TEST_P(Dispatcher, AnEventReleasesAllOrOne)
 
 TEST_P(Dispatcher, ResetAndClearTakeTheSignalBack)
 {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, TRUE);
+    TestEvent event(NotificationEvent, true);
     EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 1);
     EXPECT_EQ(KeResetEvent(&event), 1);
     EXPECT_EQ(KeResetEvent(&event), 0);
@@ -65,8 +63,7 @@ TEST_P(Dispatcher, ResetAndClearTakeTheSignalBack)
 
 TEST_P(Dispatcher, AWaitTimesOutAtItsTimeAndNotBefore)
 {
-    KEVENT event;
-    KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+    TestEvent event(SynchronizationEvent);
     const Time start = kernel.InterruptTime();
     EXPECT_EQ(WaitFor(&event, 2 * kUnit), STATUS_TIMEOUT);
     EXPECT_GE(kernel.InterruptTime() - start, 2 * kUnit);
@@ -85,12 +82,9 @@ TEST_P(Dispatcher, AWaitTimesOutAtItsTimeAndNotBefore)
 
 TEST_P(Dispatcher, WaitForAnyTakesTheFirstAndForAllTakesNoneOrAll)
 {
-    KEVENT events[3];
-    PVOID objects[3];
-    for (int i = 0; i < 3; ++i) {
-        KeInitializeEvent(&events[i], SynchronizationEvent, FALSE);
-        objects[i] = &events[i];
-    }
+    TestEvent events[3] = {TestEvent(SynchronizationEvent), TestEvent(SynchronizationEvent),
+                           TestEvent(SynchronizationEvent)};
+    PVOID objects[3] = {&events[0], &events[1], &events[2]};
     const auto wait = [&](WAIT_TYPE type) {
         LARGE_INTEGER at_once = {};
         return KeWaitForMultipleObjects(3, objects, type, Executive, KernelMode, FALSE, &at_once, nullptr);
@@ -212,34 +206,27 @@ TEST_P(Dispatcher, LocksExclude)
     int by_spin = 0;
     int by_mutex = 0;
     constexpr int kRounds = 200;
-    std::vector<ThreadHandle> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.push_back(kernel.Spawn("counter", [&] {
-            for (int i = 0; i < kRounds; ++i) {
-                const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&spin);
-                ++by_spin;
-                KeReleaseSpinLock(&spin, irql);
-                ExAcquireFastMutex(&mutex);
-                EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
-                ++by_mutex;
-                ExReleaseFastMutex(&mutex);
-                EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-            }
-        }));
-    for (ThreadHandle& thread : threads)
-        thread.Join();
+    RunThreads(kernel, 4, [&] {
+        for (int i = 0; i < kRounds; ++i) {
+            const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&spin);
+            ++by_spin;
+            KeReleaseSpinLock(&spin, irql);
+            ExAcquireFastMutex(&mutex);
+            EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
+            ++by_mutex;
+            ExReleaseFastMutex(&mutex);
+            EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+        }
+    });
     EXPECT_EQ(by_spin, 4 * kRounds);
     EXPECT_EQ(by_mutex, 4 * kRounds);
     ExAcquireFastMutex(&mutex);
-    kernel
-        .Spawn("other",
-               [&] {
-                   if (ExTryToAcquireFastMutex(&mutex)) {
-                       ADD_FAILURE() << "took a mutex that is held";
-                       ExReleaseFastMutex(&mutex);
-                   }
-               })
-        .Join();
+    RunThreads(kernel, 1, [&] {
+        if (ExTryToAcquireFastMutex(&mutex)) {
+            ADD_FAILURE() << "took a mutex that is held";
+            ExReleaseFastMutex(&mutex);
+        }
+    });
     ExReleaseFastMutex(&mutex);
 }
 

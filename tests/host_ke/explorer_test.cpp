@@ -17,10 +17,7 @@ bool LoseAnUpdate(const KernelOptions& options)
         const LONG read = InterlockedCompareExchange(&value, 0, 0);
         InterlockedExchange(&value, read + 1);
     };
-    ThreadHandle a = kernel.Spawn("a", increment);
-    ThreadHandle b = kernel.Spawn("b", increment);
-    a.Join();
-    b.Join();
+    RunThreads(kernel, 2, increment);
     return value == 2;
 }
 
@@ -54,10 +51,7 @@ bool CorrectIncrement(const KernelOptions& options)
 {
     Kernel kernel(options);
     LONG value = 0;
-    ThreadHandle a = kernel.Spawn("a", [&] { InterlockedIncrement(&value); });
-    ThreadHandle b = kernel.Spawn("b", [&] { InterlockedIncrement(&value); });
-    a.Join();
-    b.Join();
+    RunThreads(kernel, 2, [&value] { InterlockedIncrement(&value); });
     return value == 2;
 }
 
@@ -116,11 +110,8 @@ TEST(Explorer, ADeadlockIsAFailureAndTheNextRunIsSound)
 {
     const Scenario hang = [](const KernelOptions& options) {
         Kernel kernel(options);
-        KEVENT never;
-        KeInitializeEvent(&never, NotificationEvent, FALSE);
-        ThreadHandle waiter = kernel.Spawn(
-            "waiter", [&] { KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr); });
-        waiter.Join();
+        TestEvent never;
+        RunThreads(kernel, 1, [&never] { never.Wait(); });
         return true;
     };
     const Exploration result = ExploreSeeds({}, 10, hang);

@@ -99,15 +99,11 @@ TEST(Live, APipelineLosesNothing)
                 constexpr int kEach = 500;
                 Pipeline pipeline;
                 pipeline.Start();
-                std::vector<ThreadHandle> clients;
-                for (int i = 0; i < kClients; ++i)
-                    clients.push_back(kernel.Spawn("client", [&] {
-                        for (int n = 0; n < kEach; ++n)
-                            pipeline.Append();
-                    }));
+                RunThreads(kernel, kClients, [&] {
+                    for (int n = 0; n < kEach; ++n)
+                        pipeline.Append();
+                });
                 pipeline.WaitFor(kClients * kEach);
-                for (ThreadHandle& client : clients)
-                    client.Join();
                 pipeline.Stop(kernel);
             });
         EXPECT_EQ(RuleNames(findings), "");
@@ -117,15 +113,14 @@ TEST(Live, APipelineLosesNothing)
 TEST(Live, ThreadsOfTheApplicationMayJoinIn)
 {
     Kernel kernel({.mode = Mode::Live});
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    TestEvent event;
     std::string name;
     std::thread application([&] {
         const AttachedThread attached("application");
         name = ActorName();
         KeSetEvent(&event, 0, FALSE);
     });
-    KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+    event.Wait();
     application.join();
     EXPECT_EQ(name, "application");
 }
@@ -133,14 +128,11 @@ TEST(Live, ThreadsOfTheApplicationMayJoinIn)
 TEST(Live, FindingsAreRecordedFromAnyThread)
 {
     const std::vector<Finding> findings = Record({.mode = Mode::Live}, [](Kernel& kernel) {
-        kernel.Spawn("leaker", [] { ExAllocatePoolWithTag(NonPagedPool, 8, 'kaeL'); }).Join();
-        kernel
-            .Spawn("freer",
-                   [] {
-                       int local = 0;
-                       ExFreePool(&local);
-                   })
-            .Join();
+        RunThreads(kernel, 1, [] {
+            int local = 0;
+            ExAllocatePoolWithTag(NonPagedPool, 8, 'kaeL');
+            ExFreePool(&local);
+        });
     });
     EXPECT_EQ(RuleNames(findings), "PoolFreeUnknown PoolLeak");
 }
@@ -150,11 +142,7 @@ TEST(Live, ManyKernelsOneAfterTheOther)
     for (int i = 0; i < 200; ++i) {
         Kernel kernel({.mode = Mode::Live});
         std::atomic<int> ran{0};
-        std::vector<ThreadHandle> threads;
-        for (int t = 0; t < 4; ++t)
-            threads.push_back(kernel.Spawn("thread", [&] { ++ran; }));
-        for (ThreadHandle& thread : threads)
-            thread.Join();
+        RunThreads(kernel, 4, [&] { ++ran; });
         EXPECT_EQ(ran, 4);
     }
 }

@@ -26,6 +26,7 @@ struct BadTouch {
     const char* rules;
     void (*run)(char* block); // of 100 bytes, freed afterwards unless it is freed already
     POOL_TYPE type = NonPagedPool;
+    KIRQL irql = PASSIVE_LEVEL;
 };
 
 void PrintTo(const BadTouch& touch, std::ostream* out)
@@ -56,21 +57,9 @@ const BadTouch kTouches[] = {
          Store(block, kSize - 1);
      }},
     {"PagedAtPassive", "", [](char* block) { Store(block, 0); }, PagedPool},
-    {"PagedAtApc", "",
-     [](char* block) {
-         const KIRQL old = KfRaiseIrql(APC_LEVEL);
-         Store(block, 0);
-         KeLowerIrql(old);
-     },
-     PagedPool},
-    {"PagedAtDispatch", "PagedAccessAtDispatch",
-     [](char* block) {
-         const KIRQL old = KfRaiseIrql(DISPATCH_LEVEL);
-         Load(block, 0);
-         KeLowerIrql(old);
-         Load(block, 0);
-     },
-     PagedPool},
+    {"PagedAtApc", "", [](char* block) { Store(block, 0); }, PagedPool, APC_LEVEL},
+    {"PagedAtDispatch", "PagedAccessAtDispatch", [](char* block) { Load(block, 0); }, PagedPool,
+     DISPATCH_LEVEL},
     {"PagedUnderSpinLock", "PagedAccessAtDispatch",
      [](char* block) {
          KSPIN_LOCK lock;
@@ -99,7 +88,9 @@ TEST_P(MemoryFaults, AreReportedWithTheBlock)
     const BadTouch& touch = GetParam();
     const std::vector<Finding> findings = Record([&touch](Kernel&) {
         auto* const block = static_cast<char*>(ExAllocatePoolWithTag(touch.type, kSize, kTag));
+        const KIRQL old = KfRaiseIrql(touch.irql);
         touch.run(block);
+        KeLowerIrql(old);
         ExFreePoolWithTag(block, kTag);
     });
     EXPECT_EQ(RuleNames(findings), touch.rules);

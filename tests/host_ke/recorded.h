@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <vector>
+#include <wdm/ke.h>
 
 namespace host {
 
@@ -35,6 +36,24 @@ inline std::string RuleNames(const std::vector<Finding>& findings)
     for (const Finding& finding : findings)
         names += (names.empty() ? "" : " ") + std::string(NameOf(finding.rule));
     return names;
+}
+
+struct TestEvent : KEVENT {
+    explicit TestEvent(EVENT_TYPE type = NotificationEvent, bool set = false)
+    {
+        KeInitializeEvent(this, type, set ? TRUE : FALSE);
+    }
+    void Wait() { KeWaitForSingleObject(this, Executive, KernelMode, FALSE, nullptr); }
+};
+
+// Threads that do the same, to their ends.
+inline void RunThreads(Kernel& kernel, int count, const std::function<void()>& body)
+{
+    std::vector<ThreadHandle> threads;
+    for (int i = 0; i < count; ++i)
+        threads.push_back(kernel.Spawn("thread " + std::to_string(i), body));
+    for (ThreadHandle& thread : threads)
+        thread.Join();
 }
 
 inline LARGE_INTEGER Relative(Time time)

@@ -330,8 +330,7 @@ const BrokenDriver kLocks[] = {
 const BrokenDriver kObjects[] = {
     {"UserWaitOnStack", "WaitUserModeOnStack",
      [](Driver&) {
-         KEVENT event;
-         KeInitializeEvent(&event, NotificationEvent, TRUE);
+         TestEvent event(NotificationEvent, true);
          Wait(&event, kSecond, UserMode);
      }},
     {"EventUninitialized", "ObjectUninitialized",

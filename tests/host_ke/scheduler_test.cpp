@@ -12,13 +12,12 @@ std::string Meet(Kernel& kernel)
     std::string order;
     KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
-    KEVENT event;
-    KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+    TestEvent event(SynchronizationEvent, true);
     std::vector<ThreadHandle> threads;
     for (const char name : {'a', 'b', 'c'}) {
         threads.push_back(kernel.Spawn(std::string(1, name), [&, name] {
             for (int i = 0; i < 4; ++i) {
-                KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+                event.Wait();
                 KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
                 order += name;
                 KeReleaseSpinLock(&lock, irql);
@@ -170,9 +169,8 @@ TEST(Scheduler, AfterADeadlockTheNextRunIsSound)
     for (int i = 0; i < 3; ++i) {
         bool went_on = false;
         const std::vector<Finding> findings = Record([&went_on](Kernel& kernel) {
-            KEVENT never;
-            KeInitializeEvent(&never, NotificationEvent, FALSE);
-            const auto wait = [&] { KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr); };
+            TestEvent never;
+            const auto wait = [&] { never.Wait(); };
             std::vector<ThreadHandle> threads;
             for (int t = 0; t < 5; ++t)
                 threads.push_back(kernel.Spawn("stuck", wait));
@@ -259,9 +257,8 @@ TEST(SchedulerDeathTest, AFailureSaysHowToReplayIt)
         Kernel kernel({.strategy = StrategyKind::Random,
                        .seed = 77,
                        .replay_command = "chaos --seed {seed} --strategy {strategy}"});
-        KEVENT never;
-        KeInitializeEvent(&never, NotificationEvent, FALSE);
-        KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
+        TestEvent never;
+        never.Wait();
     };
     EXPECT_DEATH(
         fail(), "\\*\\*\\* Deadlock: no thread can run(.|\n)*actor main(.|\n)*main \\(IRQL 0\\) waits for an "

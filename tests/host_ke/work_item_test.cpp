@@ -53,8 +53,7 @@ TEST(WorkItems, MayQueueThemselvesAgain)
 TEST(WorkItems, AQueueHasItsOwnWorkers)
 {
     Kernel kernel({.worker_threads = 2});
-    KEVENT gate;
-    KeInitializeEvent(&gate, NotificationEvent, FALSE);
+    TestEvent gate;
     Work blocked[3];
     for (Work& work : blocked) {
         work.gate = &gate;
