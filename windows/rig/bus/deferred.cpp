@@ -1,4 +1,4 @@
-// Spin locks, the DPC queue and the timers.
+// Spin locks, cancellation, the DPC queue and the timers.
 //
 //   KeSetTimer ──▶ timer list ──timer thread, when due──▶ DPC queue ──DPC thread, at DISPATCH_LEVEL──▶ routine
 //
@@ -189,6 +189,21 @@ VOID NTAPI RigAcquireCancelSpinLock(PKIRQL irql)
 VOID NTAPI RigReleaseCancelSpinLock(KIRQL irql)
 {
     RigReleaseSpinLock(&g_deferred.cancel_lock, irql);
+}
+
+BOOLEAN NTAPI RigCancelIrp(PIRP irp)
+{
+    KIRQL irql;
+    RigAcquireCancelSpinLock(&irql);
+    irp->Cancel = TRUE;
+    const PDRIVER_CANCEL routine = IoSetCancelRoutine(irp, nullptr);
+    if (routine == nullptr) {
+        RigReleaseCancelSpinLock(irql);
+        return FALSE;
+    }
+    irp->CancelIrql = irql;
+    routine(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp);
+    return TRUE;
 }
 
 VOID NTAPI RigInitializeDpc(PRKDPC dpc, PKDEFERRED_ROUTINE routine, PVOID context)

@@ -168,9 +168,31 @@ NTSTATUS NTAPI Close(PDEVICE_OBJECT device, PIRP irp)
     return status;
 }
 
+void AskCapabilities(PDEVICE_OBJECT device)
+{
+    // Not on the stack, should it come back late. Devices start one after the other.
+    static constinit DEVICE_CAPABILITIES capabilities = {};
+    RtlZeroMemory(&capabilities, sizeof capabilities);
+    capabilities.Size = sizeof capabilities;
+    capabilities.Version = 1;
+    capabilities.Address = ~0UL;
+    capabilities.UINumber = ~0UL;
+    const PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    if (irp == nullptr)
+        return;
+    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    const PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(irp);
+    location->MajorFunction = IRP_MJ_PNP;
+    location->MinorFunction = IRP_MN_QUERY_CAPABILITIES;
+    location->Parameters.DeviceCapabilities.Capabilities = &capabilities;
+    SendAndWait(device, irp);
+}
+
 NTSTATUS StartDevice(PDEVICE_OBJECT device, PIRP irp)
 {
     const NTSTATUS status = Call(device, irp);
+    if (NT_SUCCESS(status))
+        AskCapabilities(device);
     const Guard guard;
     if (Device* entry = Find(device))
         entry->started = status == STATUS_SUCCESS;

@@ -53,6 +53,8 @@ NTSTATUS ReplaceRoutines()
         // Goes back to level 0, wherever it came from.
         {L"IoAcquireCancelSpinLock", Address(RigAcquireCancelSpinLock)},
         {L"IoReleaseCancelSpinLock", Address(RigReleaseCancelSpinLock)},
+        // The same, for a request without a cancel routine.
+        {L"IoCancelIrp", Address(RigCancelIrp)},
         // Says that the DPC is queued and never runs it.
         {L"KeInsertQueueDpc", Address(RigInsertQueueDpc)},
         // Goes with the former.

@@ -3,13 +3,14 @@
 
 #include <ntddk.h>
 
-// deferred.cpp: spin locks, DPCs and timers
+// deferred.cpp: spin locks, cancellation, DPCs and timers
 KIRQL NTAPI RigAcquireSpinLockRaiseToDpc(PKSPIN_LOCK lock);
 VOID NTAPI RigReleaseSpinLock(PKSPIN_LOCK lock, KIRQL irql);
 VOID NTAPI RigAcquireSpinLockAtDpcLevel(PKSPIN_LOCK lock);
 VOID NTAPI RigReleaseSpinLockFromDpcLevel(PKSPIN_LOCK lock);
 VOID NTAPI RigAcquireCancelSpinLock(PKIRQL irql);
 VOID NTAPI RigReleaseCancelSpinLock(KIRQL irql);
+BOOLEAN NTAPI RigCancelIrp(PIRP irp);
 VOID NTAPI RigInitializeDpc(PRKDPC dpc, PKDEFERRED_ROUTINE routine, PVOID context);
 BOOLEAN NTAPI RigInsertQueueDpc(PRKDPC dpc, PVOID argument1, PVOID argument2);
 BOOLEAN NTAPI RigRemoveQueueDpc(PRKDPC dpc);
