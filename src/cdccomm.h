@@ -1,4 +1,8 @@
 // CDC class requests to the communication interface, and the two sequences made of them. PASSIVE_LEVEL.
+//
+//     released --SetupLine: first open, and the reader while CdcSetupPending--> set up
+//        ^                                                                        |
+//        '--ReleaseLine: last close, which sets CdcSetupPending-------------------'
 #pragma once
 
 #include "navox.h"
