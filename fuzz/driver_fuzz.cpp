@@ -46,13 +46,6 @@ host::KernelOptions KernelFor(std::uint8_t schedule)
     options.clock_tick = 156'250; // 15.625 ms
     options.keep_events = false;
     options.worker_threads = 1;
-    options.excuses = {{.rule = host::Rule::StatusMismatch,
-                        .detail = "IRP_MJ_DEVICE_CONTROL",
-                        .reason = "four private controls return success whatever they completed with",
-                        .matches = [](const host::Finding& finding) {
-                            return finding.text.find("returned 0x0,") != std::string::npos &&
-                                   finding.text.find("0x800") != std::string::npos;
-                        }}};
     return options;
 }
 
@@ -85,7 +78,7 @@ class Play {
             break;
         case Step::Close: file.Close(); break;
         case Step::Arrive: Arrive(input.Take(input.Byte())); break;
-        case Step::Pass: system_.Kernel().RunFor(input.Byte() * 20 * host::kMillisecond); break;
+        case Step::Pass: system_.Kernel().RunFor(host::Time{input.Byte()} * 20 * host::kMillisecond); break;
         case Step::Cancel:
             if (const std::size_t index = input.Byte(); index < calls_.size())
                 (void)calls_[index].request.Cancel();

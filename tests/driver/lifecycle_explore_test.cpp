@@ -36,11 +36,6 @@ bool Streams(Rig& rig)
     return text.find("$GPGGA") != std::string::npos;
 }
 
-const host::Excuse kSpeaksToTheSleeping = {
-    .rule = host::Rule::UrbNotInD0,
-    .reason =
-        "opens, last closes and the round of the reader that is under way are not held back by a sleep"};
-
 // By chance ---------------------------------------------------------------------------------------------------
 
 // What happens to the device while it is in use. True: it has been through it. It is started again at the end.
@@ -142,8 +137,6 @@ bool InUse(const host::KernelOptions& kernel, const Change& change, int& happene
     options.settings["EnableSelectiveSuspend"] = kernel.seed / 2 % 2;
     if (change.happen == IdleAndWake)
         options.settings["EnableSelectiveSuspend"] = 1;
-    if (change.happen == SleepAndResume)
-        options.kernel.excuses.push_back(kSpeaksToTheSleeping);
     Rig rig(std::move(options));
     rig.kernel.SetFocus(true);
     Random random(kernel.seed);
@@ -292,7 +285,6 @@ RigOptions RaceOptions(host::KernelOptions kernel)
     RigOptions options;
     options.kernel = std::move(kernel);
     options.kernel.in_focus = false;
-    options.kernel.excuses.push_back(kSpeaksToTheSleeping);
     options.settings["EnableSelectiveSuspend"] = 1;
     return options;
 }
@@ -343,10 +335,9 @@ class TwoActors : public ::testing::TestWithParam<Race> {};
 TEST_P(TwoActors, MeetInEveryOrder)
 {
     const host::Time moment = GetParam().moment != nullptr ? FindMoment(GetParam()) : 0;
-    ExpectNoFailure(
-        host::ExploreSchedules({}, 2, Setting("NAVOX_SCHEDULES", 100), [&](const host::KernelOptions& kernel) {
-            return Meet(kernel, GetParam(), moment);
-        }));
+    ExpectNoFailure(host::ExploreSchedules(
+        {}, 2, Setting("NAVOX_SCHEDULES", 100),
+        [&](const host::KernelOptions& kernel) { return Meet(kernel, GetParam(), moment); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(
