@@ -139,14 +139,13 @@ std::vector<std::string> Rig::TakeFindings()
     return found;
 }
 
-void Rig::Reset()
+void Rig::Empty()
 {
     for (unsigned port = 0; port < kRigPorts; ++port) {
         if (Counters(port).plugged != 0)
             Unplug(port);
         WaitGone(port);
     }
-    TakeFindings();
 }
 
 Port::Port(const std::string& name, DWORD flags) : handle_(OpenPort(name, flags))

@@ -48,13 +48,13 @@ DWORD RunBounded(const std::string& name)
     return code;
 }
 
-// True when the scenario did what it should.
+// True when the scenario did what it should. Throws when the bus does not come to rest after it.
 bool RunScenario(const std::string& name)
 {
     const ULONGLONG start = GetTickCount64();
-    Rig rig;
-    rig.Reset();
     bool good = RunBounded(name) == 0;
+    Rig rig;
+    rig.Empty();
     for (const std::string& finding : rig.TakeFindings()) {
         std::printf("    found: %s\n", finding.c_str());
         good = false;
@@ -75,9 +75,13 @@ int RunAll(const Arguments& arguments)
         if (!entry.scenario || !wanted)
             continue;
         ++run;
-        failed += RunScenario(name) ? 0 : 1;
+        try {
+            failed += RunScenario(name) ? 0 : 1;
+        } catch (const std::exception& error) {
+            std::printf("FAILED %s, and nothing can be tested after it: %s\n", name.c_str(), error.what());
+            return 1;
+        }
     }
-    Rig().Reset();
     std::printf("%d scenarios, %d failed\n", run, failed);
     return failed == 0 && run != 0 ? 0 : 1;
 }

@@ -118,8 +118,7 @@ class Rig {
     void SuspendIdle(unsigned port = 0);
     // What the bus has found wrong so far; forgets it.
     std::vector<std::string> TakeFindings();
-    // Nothing plugged, nothing found.
-    void Reset();
+    void Empty(); // both ports
 
     static bool IsThere();
 

@@ -58,6 +58,8 @@ constexpr Limit kLimits[] = {
     {"_vsnwprintf", kPassive},
 };
 
+std::uint64_t g_image = 0; // where the image begins
+
 unsigned HighestFor(std::string_view name)
 {
     for (const Limit& limit : kLimits) {
@@ -97,7 +99,7 @@ extern "C" __attribute__((used)) void RigCheckImport(const Import* import, const
         depends |= name == import->name;
     if (level >= kDispatch && depends ? Allowed(*import, arguments, stack) : level <= import->highest)
         return;
-    RigReport("%s at IRQL %u, called from %p", import->name, level, reinterpret_cast<const void*>(stack[0]));
+    RigReport("%s at IRQL %u, called from navox.sys+0x%llx", import->name, level, stack[0] - g_image);
 }
 
 // r11 is the import. Keeps the registers that arguments come in, but for the xmm ones: none of the imports takes
@@ -167,6 +169,7 @@ bool LeadThrough(Passage& passage, const char* name, std::uint64_t& entry, const
 int RigWatchImports(void* image, const RigRedirection* redirections)
 {
     auto* base = static_cast<unsigned char*>(image);
+    g_image = reinterpret_cast<std::uint64_t>(image);
     const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
     const auto* headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
     const IMAGE_DATA_DIRECTORY& directory =
