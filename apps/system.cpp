@@ -1,5 +1,6 @@
 #include "apps/system.h"
 
+#include "apps/kept_on_purpose.h"
 #include "cm/configuration_manager.h"
 #include "cm/reg_file.h"
 #include "io/driver.h"
@@ -25,20 +26,6 @@ host::CmRegistry& Registry()
 }
 
 } // namespace
-
-std::vector<host::Excuse> KeptOnPurpose()
-{
-    return {{.rule = host::Rule::WorkItemLeak, .reason = "the reader's work item is never freed"},
-            {.rule = host::Rule::PowerMayNotFail,
-             .reason = "a device that is not started fails power requests",
-             .matches =
-                 [](const host::Finding& finding) {
-                     return finding.text.find("0xc0000184") != std::string::npos;
-                 }},
-            {.rule = host::Rule::UrbNotInD0,
-             .detail = "CLASS_INTERFACE",
-             .reason = "the first open and the last close set the line, also of a module that sleeps"}};
-}
 
 // Adds the excuses, and keeps a copy of each finding that outlives the kernel.
 host::KernelOptions System::Complete(host::KernelOptions options)

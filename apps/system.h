@@ -29,9 +29,6 @@ struct SystemOptions {
     std::unique_ptr<module::NmeaSource> source{}; // null: a module that says nothing
 };
 
-// What the driver does on purpose against the verifier's rules.
-std::vector<host::Excuse> KeptOnPurpose();
-
 // All members are called on the thread that made it, the kernel's main, at PASSIVE_LEVEL.
 class System {
   public:

@@ -1,5 +1,6 @@
 #include "rig.h"
 
+#include "apps/kept_on_purpose.h"
 #include "cm/configuration_manager.h"
 #include "io/driver.h"
 #include "module/nmea_generator.h"
@@ -21,7 +22,7 @@ std::u16string Wide(std::string_view text)
 host::KernelOptions WithExcuses(host::KernelOptions options)
 {
     options.clock_tick = 156'250; // 15.625 ms, so that a timer due "at once" does not come at every 100 ns
-    for (host::Excuse& excuse : KnownExcuses())
+    for (host::Excuse& excuse : app::KeptOnPurpose())
         options.excuses.push_back(std::move(excuse));
     return options;
 }
@@ -36,14 +37,6 @@ std::string ControlName(const module::SetupPacket& setup, const std::vector<std:
     case 0x22: return "SET_CONTROL_LINE_STATE(" + value + ")";
     default: return "control " + std::to_string(setup.bRequest);
     }
-}
-
-// GET_APPLICATION_COUNT, GET_NMEA_MODE, SET_NMEA_MODE and RESET_GPS.
-bool HidesItsStatus(const host::Finding& finding)
-{
-    static constexpr const char* kCodes[] = {"0x800400c", "0x8004010", "0x8008014", "0x8004018"};
-    const auto said = [&](const char* words) { return finding.text.find(words) != std::string::npos; };
-    return said("returned 0x0,") && std::any_of(std::begin(kCodes), std::end(kCodes), said);
 }
 
 } // namespace
@@ -210,27 +203,6 @@ std::vector<std::string> Rig::TakeBusLog()
         log.push_back(DescribeRequest(request));
     host::UsbBus::Current().ClearLog();
     return log;
-}
-
-std::vector<host::Excuse> KnownExcuses()
-{
-    return {{.rule = host::Rule::WorkItemLeak,
-             .reason = "the reader's work item is not freed",
-             .matches = [](const host::Finding& finding) { return finding.detail.starts_with("ReaderDpc"); }},
-            {.rule = host::Rule::StatusMismatch,
-             .detail = "IRP_MJ_DEVICE_CONTROL",
-             .reason = "four private controls return success whatever they completed with",
-             .matches = HidesItsStatus},
-            {.rule = host::Rule::PowerMayNotFail,
-             .detail = "IRP_MN_SET_POWER",
-             .reason = "a device that is not started fails power requests",
-             .matches =
-                 [](const host::Finding& finding) {
-                     return finding.text.find("0xc0000184") != std::string::npos;
-                 }},
-            {.rule = host::Rule::PowerStartedTwice,
-             .detail = "IRP_MN_WAIT_WAKE",
-             .reason = "the next power request is started when a wait-wake is sent and when it ends"}};
 }
 
 } // namespace navox_test

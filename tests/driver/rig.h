@@ -136,7 +136,4 @@ class Rig {
 // A request on the bus as one short text, as TakeBusLog gives it.
 std::string DescribeRequest(const host::UsbRequest& request);
 
-// What the driver is known to leave behind, on purpose.
-std::vector<host::Excuse> KnownExcuses();
-
 } // namespace navox_test
