@@ -53,9 +53,13 @@ TEST(ObjectNames, LeadThroughLinksToDevices)
     EXPECT_FALSE(names.Open(u"\\??\\GPS"));
 }
 
-TEST(Device, IsMadeAsItsDriverAsks)
-{
+class Machine : public testing::Test {
+  protected:
     Bench bench;
+};
+
+TEST_F(Machine, MakesADeviceAsItsDriverAsks)
+{
     std::u16string name = u"\\Device\\made";
     UNICODE_STRING counted = Counted(name);
     PDEVICE_OBJECT device = nullptr;
@@ -84,9 +88,8 @@ TEST(Device, IsMadeAsItsDriverAsks)
     EXPECT_EQ(host::nt::File::Open("\\Device\\made", &file), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
-TEST(Device, StacksGrowAndShrinkAtTheTop)
+TEST_F(Machine, StacksDevicesAndTakesThemDownAtTheTop)
 {
-    Bench bench;
     PDEVICE_OBJECT bottom = bench.script.device;
     PDEVICE_OBJECT middle = host_test::MakeDevice(bench.driver, u"");
     PDEVICE_OBJECT top = host_test::MakeDevice(bench.driver, u"");
@@ -102,9 +105,8 @@ TEST(Device, StacksGrowAndShrinkAtTheTop)
     IoDeleteDevice(middle);
 }
 
-TEST(Device, LivesUntilTheLastReferenceGoes)
+TEST_F(Machine, KeepsADeviceUntilTheLastReferenceGoes)
 {
-    Bench bench;
     PDEVICE_OBJECT device = bench.script.device;
     host::nt::File file = bench.Open();
     ObReferenceObject(device);
@@ -117,9 +119,8 @@ TEST(Device, LivesUntilTheLastReferenceGoes)
     EXPECT_FALSE(host::IoManager::Current().DeviceExists(device));
 }
 
-TEST(Driver, LoadsUnderItsServicesKey)
+TEST_F(Machine, LoadsADriverUnderItsServicesKey)
 {
-    Bench bench;
     EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry), STATUS_IMAGE_ALREADY_LOADED);
     const auto key = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\scripted";
     EXPECT_TRUE(host::ConfigurationManager::Current().Registry().Open(key));
@@ -138,10 +139,8 @@ TEST(Driver, ThatFailsItsEntryIsNotThere)
     EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry, &bench.driver), STATUS_SUCCESS);
 }
 
-TEST(Driver, WithoutARoutineFailsTheRequest)
+TEST_F(Machine, FailsARequestWithoutARoutine)
 {
-    Bench bench;
-    bench.script.entry = [](PDRIVER_OBJECT) { return STATUS_SUCCESS; };
     bench.driver->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = &host::IopInvalidDeviceRequest;
     const host::nt::File file = bench.Open();
     EXPECT_EQ(file.Flush().status, STATUS_INVALID_DEVICE_REQUEST);

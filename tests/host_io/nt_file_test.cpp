@@ -76,8 +76,7 @@ TEST_F(NtFile, IsCleanedUpWithItsLastHandleAndClosedWithItsLastRequest)
         at_close = KeGetCurrentIrql();
         return Complete(irp, STATUS_SUCCESS);
     });
-    KIRQL irql = PASSIVE_LEVEL;
-    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    const KIRQL irql = KfRaiseIrql(DISPATCH_LEVEL);
     Complete(Kept(), STATUS_CANCELLED);
     KeLowerIrql(irql);
     bench.kernel.RunUntilIdle();

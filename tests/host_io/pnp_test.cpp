@@ -146,8 +146,7 @@ TEST_F(Pnp, ASurpriseRemovedDeviceStaysUntilTheLastHandleCloses)
     host::nt::File first = OpenStack(bench);
     host::nt::File second = first.Duplicate();
     bench.script.seen.clear();
-    UsbBus::Current().Unplug(bench.port);
-    PnpManager::Current().Settle();
+    UsbBench::Unplug(bench.port);
     bench.kernel.RunFor(10 * 3600 * host::kSecond);
     first.Close();
     EXPECT_EQ(bench.script.seen, Minors({IRP_MN_SURPRISE_REMOVAL}));
@@ -217,13 +216,10 @@ TEST_F(Pnp, DevicesHaveKeys)
         << "only the bus's device has keys";
     // The same device gets the same driver key again, another one the next.
     auto second = std::make_shared<host_test::FakeDevice>();
-    const host::UsbPortPtr other = UsbBus::Current().Plug(second, {.instance_id = "6&2"});
-    PnpManager::Current().Settle();
+    const host::UsbPortPtr other = UsbBench::Plug(second, {.instance_id = "6&2"});
     EXPECT_EQ(PnpManager::Current().NodeOf(other->DeviceObject())->driver_number, "0001");
-    UsbBus::Current().Unplug(bench.port);
-    PnpManager::Current().Settle();
-    bench.port = UsbBus::Current().Plug(bench.device);
-    PnpManager::Current().Settle();
+    UsbBench::Unplug(bench.port);
+    bench.port = UsbBench::Plug(bench.device);
     EXPECT_EQ(PnpManager::Current().NodeOf(bench.port->DeviceObject())->driver_number, "0000");
     UsbBus::Current().Unplug(other);
 }
@@ -237,8 +233,7 @@ TEST_F(Pnp, TheInstallerComesBeforeAddDevice)
         return host_test::AttachTo(driver, pdo);
     };
     const host::UsbPortPtr other =
-        UsbBus::Current().Plug(std::make_shared<host_test::FakeDevice>(), {.instance_id = "x"});
-    PnpManager::Current().Settle();
+        UsbBench::Plug(std::make_shared<host_test::FakeDevice>(), {.instance_id = "x"});
     EXPECT_EQ(order, (std::vector<std::string>{"USB\\VID_1234&PID_5678\\x", "AddDevice"}));
 }
 

@@ -74,8 +74,7 @@ TEST_F(Power, TheBusSuspendsAndResumesTheDevice)
 TEST_F(Power, ARequestFromADpcIsSentAtPassiveLevel)
 {
     const POWER_STATE state{.DeviceState = PowerDeviceD0};
-    KIRQL irql = PASSIVE_LEVEL;
-    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    const KIRQL irql = KfRaiseIrql(DISPATCH_LEVEL);
     EXPECT_EQ(PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_SET_POWER, state, nullptr, nullptr, nullptr),
               STATUS_PENDING);
     KeLowerIrql(irql);
@@ -123,8 +122,7 @@ TEST(PowerTables, ASecondRequestWaitsUntilTheNextIsStarted)
         finish(index);
     }
     sleeper.Join();
-    host::UsbBus::Current().Unplug(bench.port); // ends the wait for a wake-up
-    host::PnpManager::Current().Settle();
+    UsbBench::Unplug(bench.port); // ends the wait for a wake-up
     bench.OnRequest(IRP_MJ_POWER, nullptr);
 }
 
@@ -280,8 +278,7 @@ TEST(IdleTables, TheRequestEndsByWhateverComesFirst)
         if (end == IdleEnd::PoweredUp)
             bench.RequestPower(PowerDeviceD0);
         if (end == IdleEnd::Unplugged) {
-            host::UsbBus::Current().Unplug(bench.port);
-            host::PnpManager::Current().Settle();
+            UsbBench::Unplug(bench.port);
         }
         EXPECT_EQ(bench.ended, status);
         EXPECT_FALSE(bench.port->IdleRequested());

@@ -32,15 +32,26 @@ UsbBench::UsbBench(host::KernelOptions options, host::UsbPortOptions port_option
     : Bench(std::move(options), false)
 {
     host::PnpManager::Current().SetFunctionDriver("scripted");
-    port = host::UsbBus::Current().Plug(device, std::move(port_options));
-    host::PnpManager::Current().Settle();
+    port = Plug(device, std::move(port_options));
 }
 
 UsbBench::~UsbBench()
 {
     for (const host::UsbPortPtr& plugged : host::UsbBus::Current().Ports())
-        host::UsbBus::Current().Unplug(plugged);
+        Unplug(plugged);
+}
+
+void UsbBench::Unplug(const host::UsbPortPtr& which)
+{
+    host::UsbBus::Current().Unplug(which);
     host::PnpManager::Current().Settle();
+}
+
+host::UsbPortPtr UsbBench::Plug(std::shared_ptr<module::Device> another, host::UsbPortOptions options)
+{
+    host::UsbPortPtr plugged = host::UsbBus::Current().Plug(std::move(another), std::move(options));
+    host::PnpManager::Current().Settle();
+    return plugged;
 }
 
 host::PnpNodePtr UsbBench::Node()
@@ -150,7 +161,7 @@ UsbBench::Sent UsbBench::Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCH
         KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
     if (pipes != nullptr)
         pipes->assign(list[0].Interface->Pipes, list[0].Interface->Pipes + list[0].Interface->NumberOfPipes);
-    const Sent sent{block.Status, urb->UrbHeader.Status, 0, {}};
+    Sent sent{block.Status, urb->UrbHeader.Status, 0, {}};
     ExFreePool(urb);
     return sent;
 }

@@ -57,6 +57,9 @@ class UsbBench : public Bench {
     Sent Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCHAR interface_number,
                 std::vector<USBD_PIPE_INFORMATION>* pipes);
 
+    static void Unplug(const host::UsbPortPtr& which);
+    // Another device, or the same one again.
+    static host::UsbPortPtr Plug(std::shared_ptr<module::Device> another, host::UsbPortOptions options = {});
     // Something happens to the device, and the bus looks after it.
     void Tell(void (*what)(FakeDevice&))
     {

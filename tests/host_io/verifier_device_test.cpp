@@ -25,7 +25,7 @@ struct BrokenStack {
 };
 
 // The driver treats one kind of request in its own way.
-void OnMinor(UsbBench& bench, UCHAR major, UCHAR minor, Dispatch routine)
+void OnMinor(UsbBench& bench, UCHAR major, UCHAR minor, const Dispatch& routine)
 {
     bench.OnRequest(major, [=](PDEVICE_OBJECT device, PIRP irp) {
         const UCHAR its = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
@@ -69,8 +69,7 @@ void PlugAnother(UsbBench& bench, const std::function<void(PDEVICE_OBJECT)>& cha
         change(pdo->AttachedDevice);
         return status;
     };
-    host::UsbBus::Current().Plug(std::make_shared<host_test::FakeDevice>(), {.instance_id = "other"});
-    PnpManager::Current().Settle();
+    UsbBench::Plug(std::make_shared<host_test::FakeDevice>(), {.instance_id = "other"});
     bench.script.device = device;
 }
 
@@ -324,7 +323,7 @@ const BrokenStack kUsers[] = {
          const auto flight = bench.StartIn(8);
          const auto second = bench.Submit(std::unique_ptr<URB>(flight->urb.get()));
          bench.Land(second);
-         second->urb.release();
+         (void)second->urb.release();
          IoCancelIrp(flight->irp);
          bench.Land(flight);
      }},
@@ -352,8 +351,7 @@ const BrokenStack kUsers[] = {
     {Rule::UrbBadIrql, "resets a pipe from a spin lock's IRQL",
      [](UsbBench& bench) {
          auto urb = UsbBench::PipeUrb(URB_FUNCTION_ABORT_PIPE, bench.bulk_in);
-         KIRQL irql = PASSIVE_LEVEL;
-         KeRaiseIrql(DISPATCH_LEVEL, &irql);
+         const KIRQL irql = KfRaiseIrql(DISPATCH_LEVEL);
          const auto flight = bench.Submit(std::move(urb));
          KeLowerIrql(irql);
          bench.Land(flight);

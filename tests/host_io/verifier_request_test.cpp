@@ -111,8 +111,7 @@ Story Sends(UCHAR major, UCHAR minor, KIRQL at = PASSIVE_LEVEL)
 {
     return [=](Bench& bench) {
         PIRP irp = NewRequest(major, minor);
-        KIRQL irql = PASSIVE_LEVEL;
-        KeRaiseIrql(at, &irql);
+        const KIRQL irql = KfRaiseIrql(at);
         IoCallDriver(bench.script.device, irp);
         KeLowerIrql(irql);
         IoFreeIrp(irp);
@@ -355,8 +354,7 @@ const BrokenDriver kDrivers[] = {
     {Rule::IrqlReturn, "returns from dispatch at another IRQL",
      [](Bench& bench) {
          Reads([](PIRP irp) {
-             KIRQL irql = PASSIVE_LEVEL;
-             KeRaiseIrql(DISPATCH_LEVEL, &irql);
+             KfRaiseIrql(DISPATCH_LEVEL);
              return Complete(irp, STATUS_SUCCESS);
          })(bench);
          KeLowerIrql(PASSIVE_LEVEL);

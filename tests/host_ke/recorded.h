@@ -50,6 +50,7 @@ struct TestEvent : KEVENT {
 inline void RunThreads(Kernel& kernel, int count, const std::function<void()>& body)
 {
     std::vector<ThreadHandle> threads;
+    threads.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
         threads.push_back(kernel.Spawn("thread " + std::to_string(i), body));
     for (ThreadHandle& thread : threads)

@@ -170,11 +170,7 @@ TEST(Scheduler, AfterADeadlockTheNextRunIsSound)
         bool went_on = false;
         const std::vector<Finding> findings = Record([&went_on](Kernel& kernel) {
             TestEvent never;
-            const auto wait = [&] { never.Wait(); };
-            std::vector<ThreadHandle> threads;
-            for (int t = 0; t < 5; ++t)
-                threads.push_back(kernel.Spawn("stuck", wait));
-            wait();
+            RunThreads(kernel, 5, [&never] { never.Wait(); });
             went_on = true;
         });
         EXPECT_EQ(RuleNames(findings), "Deadlock");
