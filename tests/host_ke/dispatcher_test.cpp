@@ -153,7 +153,7 @@ TEST_P(Dispatcher, APeriodicTimerGoesOnUntilItIsCancelled)
         EXPECT_EQ(WaitFor(&timer, kForever - 1), STATUS_SUCCESS);
     EXPECT_TRUE(KeCancelTimer(&timer));
     KeFlushQueuedDpcs();
-    EXPECT_GE(calls, 3);
+    EXPECT_GE(calls, 1); // one that is still queued is not queued again
     if (kernel.Simulated()) {
         EXPECT_EQ(kernel.InterruptTime(), 3 * kUnit);
         EXPECT_EQ(calls, 3);
