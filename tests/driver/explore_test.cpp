@@ -1,27 +1,12 @@
 // The order of things, left to chance and to exhaustion: clients that read, open and close while the module is pulled,
 // and a read that is cancelled at every point of its life. NAVOX_SEEDS sets how many seeds are run, NAVOX_FIRST_SEED
 // where they begin.
-#include "rig.h"
+#include "exploration.h"
 
-#include "ke/explorer.h"
-
-#include <cstdlib>
 #include <random>
 
 namespace navox_test {
 namespace {
-
-std::uint64_t Setting(const char* name, std::uint64_t usual)
-{
-    const char* text = std::getenv(name);
-    return text != nullptr ? std::strtoull(text, nullptr, 10) : usual;
-}
-
-void ExpectNoFailure(const host::Exploration& exploration)
-{
-    EXPECT_FALSE(exploration.failure) << exploration.failure->Describe();
-    ::testing::Test::RecordProperty("runs", static_cast<int>(exploration.runs));
-}
 
 struct Timeouts {
     ULONG interval, multiplier, constant;
