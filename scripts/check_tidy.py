@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Runs clang-tidy over the sources of src/, host/, module/ and apps/, as many at a time as there are processors.
 
+The static analyser takes more time than all other checks: it goes over the driver, and over the rest with --deep.
+
 A file that was clean is not looked at again until it, a header it includes, its compile command, .clang-tidy or
 the tool changes: the build's dependency log says what it includes, and <build>/tidy/ remembers.
 """
@@ -49,12 +51,17 @@ class Fingerprints:
         return state.hexdigest()
 
 
-def tidy(build, source):
-    run = subprocess.run(["clang-tidy", "-p", build, "--quiet", source], capture_output=True, text=True, check=False)
+def options_for(source, root, deep):
+    return [] if deep or source.relative_to(root).parts[0] == "src" else ["--checks=-clang-analyzer-*"]
+
+
+def tidy(build, source, options):
+    command = ["clang-tidy", "-p", build, "--quiet", *options, source]
+    run = subprocess.run(command, capture_output=True, text=True, check=False)
     return run.returncode, run.stdout
 
 
-def work_list(root, build):
+def work_list(root, build, deep):
     """(source, path of the mark that it was clean) of the files that have to be looked at."""
     objects = dependencies(build)
     fingerprints = Fingerprints(root)
@@ -70,7 +77,7 @@ def work_list(root, build):
         files = objects.get(entry["output"] if "output" in entry else entry["command"].split(" -o ")[1].split()[0])
         if files is None:
             sys.exit(f"{source.relative_to(root)}: not built in {build}: build first")
-        mark = marks / fingerprints.of(entry["command"], files)
+        mark = marks / fingerprints.of(f"{options_for(source, root, deep)} {entry['command']}", files)
         if not mark.exists():
             work.append((source, mark))
     return work
@@ -80,16 +87,18 @@ def main():
     root = pathlib.Path(__file__).resolve().parent.parent
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", type=pathlib.Path, default=root / "build" / "dev", help="a finished build")
+    parser.add_argument("--deep", action="store_true", help="the analyser goes over everything")
     parser.add_argument("--list", action="store_true", help="only name the files that would be looked at")
     arguments = parser.parse_args()
-    work = work_list(root, arguments.build.resolve())
+    work = work_list(root, arguments.build.resolve(), arguments.deep)
     if arguments.list:
         print("\n".join(str(source.relative_to(root)) for source, _ in work))
         return 0
 
     dirty = 0
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = {pool.submit(tidy, arguments.build, source): (source, mark) for source, mark in work}
+        runs = {pool.submit(tidy, arguments.build, source, options_for(source, root, arguments.deep)): (source, mark)
+                for source, mark in work}
         for run in concurrent.futures.as_completed(runs):
             source, mark = runs[run]
             status, text = run.result()
