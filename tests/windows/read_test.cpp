@@ -1,5 +1,7 @@
 #include "tests/windows/rig_test.h"
 
+#include <cstring>
+
 namespace {
 
 // Sentences as a module sends them, so many bursts of them.
@@ -65,13 +67,25 @@ SCENARIO(ReadsOverlapped)
     CHECK_EQ(second.data(), "abcde");
 }
 
-// Reads all of a recording: port, path.
-ROLE(ReadRecording)
+// The whole stream is some five times what a client has room for. The first part is a recording that the module plays, the
+// rest is fed in pieces, each when all have read the one before: nothing may be lost, however slow the machine.
+constexpr std::size_t kRecorded = 2800; // bytes
+constexpr std::size_t kPiece = 1400;
+
+// Reads a whole stream: port, path of a file with it, name of a semaphore that counts the pieces which were read.
+ROLE(ReadStream)
 {
-    const std::string expected = kEmptySentence + ReadFileOf(arguments.at(1));
+    const std::string stream = ReadFileOf(arguments.at(1));
+    const Handle pieces(OpenSemaphoreA(SEMAPHORE_MODIFY_STATE, FALSE, arguments.at(2).c_str()));
+    CHECK(pieces != nullptr);
     Port port(arguments.at(0));
     SignalReady();
-    CHECK(port.ReadAll(expected.size()) == expected);
+    CHECK(port.ReadAll(kEmptySentence.size() + kRecorded) == kEmptySentence + stream.substr(0, kRecorded));
+    for (std::size_t at = kRecorded; at < stream.size(); at += kPiece) {
+        CHECK(ReleaseSemaphore(pieces, 1, nullptr));
+        const std::string piece = stream.substr(at, kPiece);
+        CHECK(port.ReadAll(piece.size()) == piece);
+    }
 }
 
 // Opens a port and never reads.
@@ -84,27 +98,35 @@ ROLE(HoldOpen)
 
 SCENARIO(EveryProcessReadsTheWholeStream)
 {
-    const std::string path = "C:\\rig\\recording.nmea";
-    const std::string recording = Sentences(150); // some five times what a client has room for
-    WriteFileOf(path, recording);
+    const std::string stream = Sentences(150);
+    const std::string path = "C:\\rig\\stream.nmea";
+    WriteFileOf(path, stream);
     RigPlug plug{};
     plug.held = 1;
     plug.recording_rate = 50;
-    path.copy(plug.recording, sizeof plug.recording - 1);
+    std::strcpy(plug.recording, "C:\\rig\\recording.nmea");
+    WriteFileOf(plug.recording, stream.substr(0, kRecorded));
     Rig rig;
     rig.Plug(plug);
     Child idle("HoldOpen", {"COM5"});
     idle.WaitReady();
+    std::vector<Handle> pieces;
     std::vector<Child> readers;
-    for (int i = 0; i < 3; ++i)
-        readers.emplace_back("ReadRecording", Arguments{"COM5", path});
-    for (Child& reader : readers)
-        reader.WaitReady();
+    for (const char* name : {"rig-reader-1", "rig-reader-2", "rig-reader-3"}) {
+        pieces.emplace_back(CreateSemaphoreA(nullptr, 0, 1000, name));
+        readers.emplace_back("ReadStream", Arguments{"COM5", path, name});
+        readers.back().WaitReady();
+    }
     CHECK_EQ(rig.Counters().open_files, 4);
     rig.Release();
+    for (std::size_t at = kRecorded; at < stream.size(); at += kPiece) {
+        for (const Handle& reader : pieces)
+            CHECK_EQ(WaitForSingleObject(reader, kPatience), WAIT_OBJECT_0);
+        rig.Feed(stream.substr(at, kPiece));
+    }
     for (Child& reader : readers)
         reader.Expect(0);
-    CHECK_EQ(rig.Counters().sentence_bytes, recording.size());
+    CHECK_EQ(rig.Counters().sentence_bytes, stream.size());
     CHECK_EQ(rig.Counters().bytes_dropped, 0);
     // A process that is killed gives its file back, too.
     idle.Kill();
