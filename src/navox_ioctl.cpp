@@ -22,12 +22,24 @@ struct Control {
         return *static_cast<T*>(Buffer);
     }
 
+    // The whole output goes to the application: a copy may leave out the padding between and behind the fields, and
+    // then the buffer's former contents with it.
     template <class T>
     NTSTATUS Return(const T& value)
     {
+        static_assert(__has_unique_object_representations(T));
         As<T>() = value;
         Information = sizeof(T);
         return STATUS_SUCCESS;
+    }
+
+    // For a structure with padding: the output, all zeros.
+    template <class T>
+    T& ReturnZeros()
+    {
+        RtlZeroMemory(Buffer, sizeof(T));
+        Information = sizeof(T);
+        return As<T>();
     }
 };
 
@@ -230,13 +242,11 @@ NTSTATUS SetHandflow(Control& control)
 
 NTSTATUS GetCommStatus(Control& control)
 {
-    SERIAL_STATUS status = {};
-    {
-        CancelLockGuard cancelLock;
-        SpinLockGuard clientLock(&control.Client->Lock);
-        status.AmountInInQueue = control.Client->Ring.RingCount;
-    }
-    return control.Return(status);
+    auto& status = control.ReturnZeros<SERIAL_STATUS>();
+    CancelLockGuard cancelLock;
+    SpinLockGuard clientLock(&control.Client->Lock);
+    status.AmountInInQueue = control.Client->Ring.RingCount;
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS XoffCounter(Control& control)
@@ -246,7 +256,7 @@ NTSTATUS XoffCounter(Control& control)
 
 NTSTATUS GetProperties(Control& control)
 {
-    SERIAL_COMMPROP properties = {};
+    auto& properties = control.ReturnZeros<SERIAL_COMMPROP>();
     properties.PacketLength = sizeof(properties);
     properties.PacketVersion = 2;
     properties.ServiceMask = SERIAL_SP_SERIALCOMM;
@@ -258,7 +268,7 @@ NTSTATUS GetProperties(Control& control)
     properties.SettableData = 0x000F;
     properties.SettableStopParity = 0x1F07;
     properties.CurrentRxQueue = control.Device->BufferSize;
-    return control.Return(properties);
+    return STATUS_SUCCESS;
 }
 
 // No line state, no provider configuration.
