@@ -88,6 +88,11 @@ std::size_t Request::Information() const
     return request_->Information();
 }
 
+NTSTATUS Request::Returned() const
+{
+    return request_->Returned();
+}
+
 Result Request::Wait() const
 {
     request_->Wait(kForever);
@@ -173,7 +178,7 @@ Request File::Start(UCHAR major, std::span<const std::byte> input, std::size_t o
     Kernel::Current().Log().AsyncBegin(
         "irp", IopMajorName(major), irp,
         Detail(major, code, major == IRP_MJ_WRITE ? input.size() : output_length));
-    IopCallDriver(device, irp, nullptr);
+    request->SetReturned(IopCallDriver(device, irp, nullptr));
     if (!file_->overlapped)
         request->Wait(kForever);
     return Request(request);

@@ -54,6 +54,9 @@ class Request {
     // STATUS_PENDING until it is done.
     NTSTATUS Status() const;
     std::size_t Information() const;
+    // What the driver's dispatch routine returned. The system gives this to the caller, and looks at the status that the
+    // request was completed with only when it is STATUS_PENDING.
+    NTSTATUS Returned() const;
     // Waits for the end.
     Result Wait() const;
     // False when `timeout` passed first.

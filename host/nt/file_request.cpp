@@ -33,6 +33,7 @@ void FileRequest::Finish(NTSTATUS status, std::size_t information)
 
 void FileRequest::Refuse(NTSTATUS status)
 {
+    returned_ = status;
     Finish(status, 0);
 }
 

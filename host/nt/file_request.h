@@ -21,12 +21,14 @@ class FileRequest : public IopRequest, public std::enable_shared_from_this<FileR
     // Ends a call that never became a request.
     void Refuse(NTSTATUS status);
     void SetIrp(PIRP irp);
+    void SetReturned(NTSTATUS status) { returned_ = status; }
     void HoldsTurn() { holds_turn_ = true; }
 
     std::span<std::byte> Buffer() { return buffer_; }
     bool Done() const;
     NTSTATUS Status() const;
     std::size_t Information() const;
+    NTSTATUS Returned() const { return returned_; }
     Result Take() const;
     bool Wait(Time timeout);
     bool IsOf(const IopFile* file) const { return file_ == file; }
@@ -39,6 +41,7 @@ class FileRequest : public IopRequest, public std::enable_shared_from_this<FileR
     const File::OnDone on_done_;
     std::vector<std::byte> buffer_;
     bool holds_turn_ = false;
+    NTSTATUS returned_ = STATUS_PENDING; // by whoever starts the call
     KEVENT event_;
     mutable Mutex mutex_;
     PIRP irp_ HOST_GUARDED_BY(mutex_) = nullptr; // while it may be cancelled

@@ -24,10 +24,14 @@ bool IsDeviceName(std::string_view name)
            name[3] <= '9';
 }
 
-// What a call that has ended gives to its caller.
+// What a call that has ended gives to its caller. Where the driver's dispatch routine ended it and failed, nothing but
+// what that routine returned.
 bool Deliver(const Request& request, std::span<std::byte> buffer, DWORD* transferred)
 {
     const host::nt::Result result = request.Wait();
+    *transferred = 0;
+    if (request.Returned() != STATUS_PENDING && NT_ERROR(result.status))
+        return NT_SUCCESS(request.Returned()) || Fail(ErrorOf(request.Returned()));
     std::copy_n(result.data.begin(), std::min(result.data.size(), buffer.size()), buffer.begin());
     *transferred = static_cast<DWORD>(result.information);
     return NT_SUCCESS(result.status) || Fail(ErrorOf(result.status));
@@ -44,7 +48,7 @@ bool Conclude(const Handle& handle, const Request& request, std::span<std::byte>
         return Deliver(request, buffer, transferred);
     overlapped->request = request;
     overlapped->buffer = buffer;
-    if (!request.Done())
+    if (request.Returned() == STATUS_PENDING) // even if it has ended since
         return Fail(ERROR_IO_PENDING);
     return Deliver(request, buffer, transferred);
 }
@@ -154,6 +158,18 @@ bool CancelIoEx(const Handle& handle)
     if (!handle)
         return Fail(ERROR_INVALID_HANDLE);
     return handle.file.CancelIoEx() || Fail(ERROR_NOT_FOUND);
+}
+
+bool CancelIoEx(const Handle& handle, Overlapped& overlapped)
+{
+    if (!handle)
+        return Fail(ERROR_INVALID_HANDLE);
+    return (overlapped.request.Valid() && overlapped.request.Cancel()) || Fail(ERROR_NOT_FOUND);
+}
+
+DWORD StatusOf(const Overlapped& overlapped)
+{
+    return static_cast<DWORD>(overlapped.request.Status());
 }
 
 } // namespace win32

@@ -53,5 +53,8 @@ bool GetOverlappedResult(const Handle& handle, Overlapped& overlapped, DWORD* tr
 DWORD WaitForSingleObject(const Overlapped& overlapped, DWORD milliseconds);
 bool CancelIo(const Handle& handle);
 bool CancelIoEx(const Handle& handle);
+bool CancelIoEx(const Handle& handle, Overlapped& overlapped); // that call only
+// NTSTATUS, as in OVERLAPPED::Internal.
+DWORD StatusOf(const Overlapped& overlapped);
 
 } // namespace win32

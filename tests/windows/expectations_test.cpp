@@ -2,6 +2,7 @@
 #include "tests/windows/rig_test.h"
 
 #include "tests/win32/expectations.h"
+#include "tests/win32/status_errors.h"
 
 #include <winternl.h>
 
@@ -67,4 +68,10 @@ SCENARIO(MeetsTheExpectations)
         }
     }
     CHECK_EQ(failures, 0);
+}
+
+SCENARIO(TurnsStatusesIntoTheSameErrors)
+{
+    for (const auto& [status, error] : win32::kStatusErrors)
+        CHECK_EQ(RtlNtStatusToDosError(static_cast<NTSTATUS>(status)), error);
 }

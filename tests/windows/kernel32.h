@@ -1,8 +1,6 @@
 // Windows' own API in the shape that tests/win32 gives it on the user-mode kernel, so that a test can be written once.
 #pragma once
 
-#define NOMINMAX
-#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 
 #include <utility>
@@ -70,7 +68,8 @@ inline bool ReadFile(const Handle& handle, void* buffer, DWORD length, DWORD* re
 {
     return ::ReadFile(handle.value, buffer, length, read, Prepare(overlapped)) != 0;
 }
-inline bool WriteFile(const Handle& handle, const void* data, DWORD length, DWORD* written, Overlapped* overlapped)
+inline bool WriteFile(const Handle& handle, const void* data, DWORD length, DWORD* written,
+                      Overlapped* overlapped)
 {
     return ::WriteFile(handle.value, data, length, written, Prepare(overlapped)) != 0;
 }
