@@ -171,7 +171,8 @@ Console::Console(System& system, Clients& clients, Surroundings surroundings)
     : system_(system), clients_(clients), surroundings_(std::move(surroundings)),
       voice_(spdlog::stderr_color_st("console"))
 {
-    voice_->set_pattern("%T.%e > %v"); // whatever the log's level is
+    voice_->set_level(spdlog::level::info); // whatever the log's is
+    voice_->set_pattern("%T.%e > %v");
 }
 
 void Console::Run(const Command& command)

@@ -13,6 +13,7 @@
 #include <termios.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace app {
 namespace {
@@ -24,13 +25,31 @@ constexpr std::size_t kLongestName = 64; // of a terminal
     throw UsageError(fmt::format("{}: {}", what, std::strerror(errno)));
 }
 
+// The system may take seconds to close an inotify descriptor that has watched something: they are kept for the next
+// terminal.
+std::vector<UniqueFd>& SpareWatchers()
+{
+    static std::vector<UniqueFd> spare;
+    return spare;
+}
+
+UniqueFd OpenWatcher()
+{
+    std::vector<UniqueFd>& spare = SpareWatchers();
+    if (spare.empty())
+        return UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    UniqueFd watcher = std::move(spare.back());
+    spare.pop_back();
+    return watcher;
+}
+
 } // namespace
 
 Pty::Pty(asio::io_context& io, Clients& clients, std::string link)
     : clients_(clients), link_(std::move(link)), master_(io), events_(io)
 {
     OpenMaster();
-    UniqueFd events(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    UniqueFd events = OpenWatcher();
     if (!events)
         Fail("cannot watch pseudo-terminals");
     events_.assign(events.release());
@@ -43,6 +62,8 @@ Pty::~Pty()
 {
     clients_.Close(client_);
     ::unlink(link_.c_str());
+    Unwatch();
+    SpareWatchers().emplace_back(events_.release());
 }
 
 void Pty::OpenMaster()

@@ -73,8 +73,8 @@ class Console(unittest.TestCase):
             script.write_text("wake\nstart\nsleep S4 # deeply\nplug\nstop\nunplug\nplug\n\nafter 10ms wake\nidle\n"
                               "after 5ms after 5ms plug\nstop\nsleep S1\nunplug\nunplug\nsleep S2")
             registry.write_text("Windows Registry Editor Version 5.00\n")
-            answer = navox.run_host("--for", "1", "--tcp", "127.0.0.1:0", "--fast-resume", "--selective-suspend",
-                                    "--registry", str(registry), "--script", str(script))
+            answer = navox.run_host("--for", "1", "--tcp", "127.0.0.1:0", "--log", "off", "--fast-resume",
+                                    "--selective-suspend", "--registry", str(registry), "--script", str(script))
             self.assertEqual(answer.returncode, 0, answer.stderr.decode())
             self.assertEqual(lines_of(answer), [
                 "wake: the system is awake already",
