@@ -23,7 +23,11 @@ BUS_INF = pathlib.Path(__file__).resolve().parents[2] / "windows" / "rig" / "nav
 FOR_WINE = ((rb"NTamd64\.10\.0\.\.\.16299", b"NTamd64"), (rb"(DefaultDestDir\s*=\s*)13", rb"\g<1>12"), (rb"%13%", b"%12%"))
 
 # Broken drivers: file name, the scenario that shows it, and what the rig must say.
-BROKEN = (("navox_waits_in_dpc.sys", "ReadsWhatIsSent", r"KeWaitForSingleObject at IRQL 2"),)
+BROKEN = (
+    ("navox_waits_in_dpc.sys", "ReadsWhatIsSent", r"KeWaitForSingleObject at IRQL 2"),
+    ("navox_wrong_information.sys", "ReadsWhatIsSent", r"port\.ReadAll\(.*\) is "),
+    ("navox_leaks_name.sys", "TheRegistryNamesThePortWhileItIsThere", r"QueryDosDeviceA\(.*\) is \d+, not 0"),
+)
 
 
 class Prefix:
