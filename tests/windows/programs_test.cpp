@@ -161,8 +161,8 @@ SCENARIO(NavoxctlSeesThePort)
         CheckHas(info, line);
     Navoxctl("set-nmea-mode COM5 7");
     CheckHas(Navoxctl("info COM5"), "NMEA mode 7\n");
-    const std::string sentences = Navoxctl("monitor COM5 --count 6");
-    CHECK_EQ(std::count(sentences.begin(), sentences.end(), '\n'), 6);
+    const std::string sentences = Navoxctl("monitor COM5 --count 12");
+    CHECK_EQ(std::count(sentences.begin(), sentences.end(), '\n'), 12);
     CHECK_EQ(sentences.substr(0, kEmptySentence.size() - 2) + "\r\n", kEmptySentence);
     CheckHas(sentences, "$GPRMC,");
     CheckHas(Navoxctl("monitor COM5 --decode --count 2"), "\n");
