@@ -40,6 +40,7 @@ struct DEVICE_EXTENSION {
     Racy<BOOLEAN> ReaderHalted; // the cycle must not go on
     ULONG BytesReceived;        // length of the last transfer
     KDPC ReaderDpc;
+    KTIMER ReaderStartTimer;  // runs ReaderDpc 1.5 s after the first open
     LONG ReaderDeferred;      // interlocked: the reader stopped for want of power and is to go on with it
     LONG ReaderCycle;         // ReaderCycleState, interlocked
     KEVENT ReaderCancelEvent; // synchronization event: the canceller of ReaderIrp is through with it
@@ -57,11 +58,13 @@ struct DEVICE_EXTENSION {
     UNICODE_STRING PortName;
     ULONG PortNumber;
     BOOLEAN SerialCommWritten;
+    BOOLEAN SymbolicLinkCreated;
+    UNICODE_STRING PortNameCopy;
 
     // USB layer (navox_usb). The two descriptor pointers dangle once the start has returned.
     PUSB_DEVICE_DESCRIPTOR DeviceDescriptor;
     PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor;
-    BOOLEAN RemoteWakeupCapable;
+    BOOLEAN RemoteWakeupCapable; // for the debugger
     USBD_INTERFACE_INFORMATION DataInterface;
     USBD_INTERFACE_INFORMATION CommunicationInterface;
     USBD_PIPE_INFORMATION BulkInPipe;
@@ -74,14 +77,11 @@ struct DEVICE_EXTENSION {
     // Locks, counts and events
     KSPIN_LOCK StateLock;
     LONG OutstandingTimers;    // armed time-out timers of all clients, interlocked
-    KEVENT TimersDrainedEvent; // synchronization event
-    BOOLEAN SymbolicLinkCreated;
-    DEVICE_CAPABILITIES Capabilities;
-    BOOLEAN CapabilitiesReceived;
-    DEVICE_POWER_STATE DeviceStateMap[PowerSystemMaximum]; // by SYSTEM_POWER_STATE
-    DEVICE_POWER_STATE IdlePowerState;
+    KEVENT TimersDrainedEvent; // synchronization event; nobody waits for it
 
-    // Selective suspend (navox_selsusp). Initialised only when EnableSelectiveSuspend is set.
+    // Selective suspend (navox_selsusp). What follows the first two is initialised only when the setting is not 0.
+    ULONG EnableSelectiveSuspend; // setting
+    Racy<BOOLEAN> NoIdleRequests;
     KDPC IdleDpc;
     KTIMER IdleTimer;
     KEVENT IdleCheckDoneEvent;
@@ -94,20 +94,25 @@ struct DEVICE_EXTENSION {
     KSPIN_LOCK IdleLock;
     LONG IdleInProgress;
 
-    KTIMER ReaderStartTimer;
-
     // Power (navox_power)
     Racy<DEVICE_POWER_STATE> DevicePowerState;
-    DEVICE_POWER_STATE PreviousDevicePowerState;
+    DEVICE_POWER_STATE PreviousDevicePowerState; // for the debugger
     SYSTEM_POWER_STATE SystemPowerState;
     SYSTEM_POWER_STATE PreviousSystemPowerState;
+    PIRP SystemPowerIrp;     // held while the device follows; taken by exchange
+    ULONG FastResumePending; // 1: the system request was completed before the device followed
+    PIRP WaitWakeIrp;        // taken by exchange
+    LONG WaitWakeCancelled;  // interlocked
+    ULONG EnableFR;          // setting
 
     // Plug and Play (navox_pnp)
     Racy<ULONG> DevicePnPState; // written under StateLock
-    PIRP SystemPowerIrp;        // the system power request held while the device follows
-    ULONG FastResumePending;
-    PIRP WaitWakeIrp; // taken by exchange
-    LONG WaitWakeCancelled;
+    DEVICE_CAPABILITIES Capabilities;
+    BOOLEAN CapabilitiesReceived;                          // for the debugger
+    DEVICE_POWER_STATE DeviceStateMap[PowerSystemMaximum]; // by SYSTEM_POWER_STATE
+    DEVICE_POWER_STATE IdlePowerState;                     // what an idle device is sent to
+    Racy<BOOLEAN> RemovalStarted;                          // for the debugger
+    Racy<BOOLEAN> RequestsCancelled; // the device is going: no request may begin to wait
 
     // Pending-I/O accounting (navox_utils)
     ULONG OutstandingIO _Guarded_by_(StateLock); // starts at 1: the bias that removal takes away
@@ -121,10 +126,6 @@ struct DEVICE_EXTENSION {
     SERIAL_WMI_PERF_DATA WmiPerfData;
     BOOLEAN WmiRegInfoGiven;
 
-    UNICODE_STRING PortNameCopy;
-    Racy<BOOLEAN> FirstOpenSinceStart;
-    Racy<ULONG> NmeaMode;
-
     // Serial state of the device (navox_ioctl). Nothing writes the first five: they stay zero and are only
     // consulted.
     UCHAR DeviceLineControl;
@@ -135,14 +136,12 @@ struct DEVICE_EXTENSION {
     SERIALPERF_STATS PerfStats;
     KSPIN_LOCK SerialLock;
 
+    Racy<ULONG> NmeaMode; // private controls (navox_gps)
+
     // Clients (navox_createclose)
+    Racy<BOOLEAN> FirstOpenSinceStart;
     KSPIN_LOCK ClientListLock;
     FAST_MUTEX ClientListMutex;
-    ULONG EnableFR;
-    ULONG EnableSelectiveSuspend;
-    Racy<BOOLEAN> RemovalStarted;    // for the debugger
-    Racy<BOOLEAN> RequestsCancelled; // the device is going: no request may begin to wait
-    Racy<BOOLEAN> NoIdleRequests;
     LIST_ENTRY ClientList; // written under ClientListMutex and ClientListLock; either is enough to walk it
 };
 
@@ -172,7 +171,7 @@ struct CLIENT {
     KDPC EventDpc;
     LONG OutstandingTimers; // armed timers and queued completion DPCs, interlocked
     KEVENT TimersDrainedEvent;
-    LIST_ENTRY DeferredQueue;
+    LIST_ENTRY DeferredQueue; // nothing is put here
     DEVICE_EXTENSION* Device;
 
     KSPIN_LOCK TimeoutsLock; // the second client lock: ReadTimeouts, and one take from the ring at a time
@@ -186,11 +185,11 @@ struct CLIENT {
     // Serial state (navox_ioctl): the device's SerialLock
     Racy<ULONG> BaudRate;
     ULONG ModemControl;
-    ULONG FifoControl;
+    ULONG FifoControl; // kept, and nothing else
     SERIAL_LINE_CONTROL LineControl;
     UCHAR LineControlRegister;
     SERIAL_HANDFLOW HandFlow;
-    UCHAR ValidDataMask;
+    UCHAR ValidDataMask; // kept, and nothing else
     ULONG QueueSize;
     SERIAL_CHARS SpecialChars; // nothing writes it
     Racy<UCHAR> EscapeChar;

@@ -8,7 +8,7 @@
 //
 // A client serves one read and one mask request at a time; the rest wait behind it. A current request that
 // waits carries a word of reference bits. Whoever might complete it holds a bit, and the one who clears the
-// last bit does. All of this is guarded by the cancel spin lock.
+// last bit does. All of this is guarded by the cancel spin lock. IRQL <= DISPATCH_LEVEL.
 #pragma once
 
 #include "navox.h"

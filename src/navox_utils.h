@@ -1,4 +1,5 @@
-// The request gate, the pending-I/O count, and the few ways in which a request leaves the driver.
+// The request gate, the pending-I/O count, and the few ways in which a request leaves the driver. IRQL <=
+// DISPATCH_LEVEL, where nothing else is said.
 #pragma once
 
 #include "navox.h"
