@@ -29,6 +29,8 @@ class FedSource : public module::NmeaSource {
     std::optional<module::Time> due_;
 };
 
+constexpr host::Time kStartUp = 3 * host::kSecond; // until sentences flow
+
 host::KernelOptions Options()
 {
     host::KernelOptions options;
@@ -61,13 +63,25 @@ class HostProgram : private Machine, public win32::Program {
         system.Plug();
         keeper_ = win32::CreateFile("COM5", win32::GENERIC_READ_ACCESS, 0, 0);
         EXPECT_TRUE(keeper_);
-        system.Kernel().RunFor(3 * host::kSecond); // until sentences flow
+        system.Kernel().RunFor(kStartUp);
     }
 
     win32::Outcome Unplug() override
     {
         system.Unplug();
         return {};
+    }
+    win32::Outcome Stop() override { return {static_cast<win32::DWORD>(system.Stop()), 0, {}}; }
+    win32::Outcome Start() override { return {static_cast<win32::DWORD>(system.Start()), 0, {}}; }
+    win32::Outcome Sleep() override
+    {
+        return {static_cast<win32::DWORD>(system.Sleep(PowerSystemSleeping3)), 0, {}};
+    }
+    win32::Outcome Wake() override
+    {
+        const NTSTATUS status = system.Wake();
+        system.Kernel().RunFor(kStartUp);
+        return {static_cast<win32::DWORD>(status), 0, {}};
     }
     double Now() override
     {

@@ -34,6 +34,10 @@ constexpr Step kFresh[] = {
     {"a purge empties nothing", CALL(Purge(0))},
     {"the first sentence", CALL(Read(0, 32)), 0, 32, kSentence},
     {"an empty queue", CALL(Queue(0)), 0, 0, "0, 0"},
+    {"a time-out for a synchronous read", CALL(SetTimeouts(0, 0, 0, 30))},
+    {"ends it without an error", CALL(Read(0, 8))},
+    {"no time at all", CALL(SetTimeouts(0, MAXDWORD, 0, 0))},
+    {"ends it, too", CALL(Read(0, 8))},
 };
 
 constexpr Step kSettings[] = {
@@ -215,6 +219,31 @@ constexpr Step kCancelling[] = {
     {"a time-out is no error", CALL(Error(1)), 0, 0, nullptr, 1460},
 };
 
+constexpr Step kStopped[] = {
+    {"CreateFile, and the first sentence", CALL(OpenEmpty(0)), 0, 32, kSentence},
+    {"the device is stopped", CALL(Stop())},
+    {"a read while it is", CALL(StartRead(1, 0, 4)), kDenied},
+    {"a mask while it is", CALL(SetMask(0, 1)), kDenied},
+    {"a write while it is", CALL(Write(0, "x")), 0, 1},
+    {"a private control while it is", CALL(Control(0, 0x08004008, {}, 4)), 0, 4, "05000000"},
+    {"CreateFile while it is", CALL(Open(1, true)), 1450},
+    {"the device is started", CALL(Start())},
+    {"a mask again", CALL(SetMask(0, 1))},
+    {"CreateFile again", CALL(OpenEmpty(1)), 0, 32, kSentence},
+};
+
+constexpr Step kAsleep[] = {
+    {"CreateFile, and the first sentence", CALL(OpenEmpty(0)), 0, 32, kSentence},
+    {"a read", CALL(StartRead(1, 0, 4)), kPending},
+    {"the system sleeps", CALL(Sleep())},
+    {"the read waits", CALL(Look(1)), kStillPending},
+    {"nothing else can be asked for", CALL(Mask(0)), kDenied},
+    {"the system wakes", CALL(Wake())},
+    {"the read still waits", CALL(Look(1)), kStillPending},
+    {"bytes", CALL(Feed("abcd"))},
+    {"end it", CALL(End(1)), 0, 4, "abcd"},
+};
+
 // The last: nothing is there after it.
 constexpr Step kUnplugged[] = {
     {"CreateFile, and the first sentence", CALL(OpenEmpty(0)), 0, 32, kSentence},
@@ -240,6 +269,8 @@ constexpr Scenario kScenarios[] = {
     {"ReadTimeouts", kOpen, {}, kTimeouts},
     {"Events", kEvents},
     {"Cancelling", kCancelling},
+    {"Asleep", kAsleep},
+    {"Stopped", kStopped},
     {"Unplugged", kUnplugged},
 };
 

@@ -72,7 +72,12 @@ class Program {
     // For the module to send.
     Outcome Feed(std::string_view text);
     virtual Outcome Unplug() = 0;
-    virtual double Now() = 0; // ms
+    // What the system asks of the device, NTSTATUS.
+    virtual Outcome Stop() = 0; // query, then stop
+    virtual Outcome Start() = 0;
+    virtual Outcome Sleep() = 0; // S3
+    virtual Outcome Wake() = 0;  // returns when sentences flow again
+    virtual double Now() = 0;    // ms
     virtual void Pause(DWORD milliseconds) = 0;
     virtual DWORD Slack() const = 0; // ms by which a call may be late
 

@@ -10,6 +10,11 @@
 
 namespace {
 
+enum Pnp : unsigned char { kStart = 0, kStop = 4, kQueryStop = 5 };
+enum Power : unsigned char { kSetPower = 2, kQueryPower = 3 };
+constexpr unsigned kWorking = 1;   // PowerSystemWorking
+constexpr unsigned kSleeping3 = 4; // PowerSystemSleeping3
+
 class WineProgram : public win32::Program {
   public:
     explicit WineProgram(Rig& rig) : rig_(&rig) {}
@@ -19,6 +24,28 @@ class WineProgram : public win32::Program {
         rig_->Unplug();
         return {};
     }
+    win32::Outcome Stop() override
+    {
+        const long status = rig_->SendPnp(kQueryStop);
+        return {static_cast<DWORD>(status == 0 ? rig_->SendPnp(kStop) : status), 0, {}};
+    }
+    win32::Outcome Start() override { return {static_cast<DWORD>(rig_->SendPnp(kStart)), 0, {}}; }
+    win32::Outcome Sleep() override
+    {
+        const long status = rig_->SendPower(kQueryPower, true, kSleeping3);
+        return {
+            static_cast<DWORD>(status == 0 ? rig_->SendPower(kSetPower, true, kSleeping3) : status), 0, {}};
+    }
+    win32::Outcome Wake() override
+    {
+        const unsigned before = rig_->Counters().at_commands;
+        const long status = rig_->SendPower(kSetPower, true, kWorking);
+        WaitUntil("sentences flow again", [&] {
+            const RigCounters counters = rig_->Counters();
+            return counters.at_commands > before && counters.flowing != 0;
+        });
+        return {static_cast<DWORD>(status), 0, {}};
+    }
     double Now() override
     {
         LARGE_INTEGER now, frequency;
@@ -26,8 +53,8 @@ class WineProgram : public win32::Program {
         QueryPerformanceFrequency(&frequency);
         return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
     }
-    void Pause(DWORD milliseconds) override { Sleep(milliseconds); }
-    DWORD Slack() const override { return 250; } // the machine is busy
+    void Pause(DWORD milliseconds) override { ::Sleep(milliseconds); }
+    DWORD Slack() const override { return 1000; } // the machine is busy
 
   protected:
     void Send(std::string_view text) override { rig_->Feed(std::string(text)); }

@@ -1,7 +1,7 @@
 // Windows' own API in the shape that tests/win32 gives it on the user-mode kernel, so that a test can be written once.
 #pragma once
 
-#include <windows.h>
+#include "tests/windows/rig_test.h" // and with it the API
 
 #include <utility>
 
@@ -56,9 +56,9 @@ inline OVERLAPPED* Prepare(Overlapped* overlapped)
     return &overlapped->value;
 }
 
-inline Handle CreateFile(const char* name, DWORD access, DWORD share, DWORD flags)
+inline Handle CreateFile(const char* name, DWORD, DWORD, DWORD flags)
 {
-    return Handle(::CreateFileA(name, access, share, nullptr, OPEN_EXISTING, flags, nullptr));
+    return Handle(OpenPort(name, flags)); // which asks for both kinds of access, and shares
 }
 inline bool CloseHandle(Handle& handle)
 {
