@@ -63,6 +63,7 @@ constexpr Step kSettings[] = {
     {"are kept", CALL(Timeouts(0)), 0, 0, "ffffffff ffffffff 0 7 8"},
     {"TransmitCommChar", CALL(Transmit(0)), kInvalidParameter},
     {"a write", CALL(Write(0, "nowhere")), 0, 7},
+    {"FlushFileBuffers", CALL(Flush(0)), 1},
 };
 
 constexpr Step kOpen[] = {

@@ -1,4 +1,4 @@
-// What Windows programs get from the port: one table for the port on the user-mode kernel and on Wine's. Where Wine's
+// What Windows programs get from the port, as docs/compatibility.md tells their authors: one table for the port on the user-mode kernel and on Wine's. Where Wine's
 // kernel gives something else, the row says what, and docs/fidelity.md which of the two is right.
 #pragma once
 
