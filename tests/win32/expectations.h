@@ -1,5 +1,6 @@
-// What Windows programs get from the port, as docs/compatibility.md tells their authors: one table for the port on the user-mode kernel and on Wine's. Where Wine's
-// kernel gives something else, the row says what, and docs/fidelity.md which of the two is right.
+// What Windows programs get from the port: one table for the port on the user-mode kernel and on Wine's. Where Wine's
+// kernel gives something else, the row says what, and docs/fidelity.md which of the two is right. What
+// docs/compatibility.md tells the author of a program is in it.
 #pragma once
 
 #include "tests/win32/program.h"
