@@ -1,6 +1,7 @@
 // Selective suspend: when the driver asks the hub, what it does when the hub calls back, and how the device comes back.
 #include "lifecycle.h"
 
+#include "io/names.h"
 #include "navox_selsusp.h"
 #include "po/power_manager.h"
 #include "usbd/usb_port.h"
@@ -13,12 +14,6 @@ namespace {
 const Lines kSuspends = {"idle request", "idle callback", "reports D2",
                          "in 81",        "in 82",         "down IRP_MN_SET_POWER D2"};
 const Lines kWakes = {"idle request ends 0xc0000120", "down IRP_MN_SET_POWER D0", "reports D0"};
-
-Lines operator+(Lines left, const Lines& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 RigOptions Suspending(RigOptions options = {})
 {
@@ -72,13 +67,6 @@ std::unique_ptr<Machine> GoingDown()
     machine->rig.RunFor(6 * kSecond);
     EXPECT_EQ(machine->filter.Held(), 1U);
     return machine;
-}
-
-void ExpectStreams(Rig& rig)
-{
-    Port port = rig.OpenStreaming();
-    port.Read(kEmptyFix.size());
-    EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
 }
 
 // When ----------------------------------------------------------------------------------------------------------
@@ -174,8 +162,7 @@ TEST(Idle, WhatASubmissionAnswers)
 
 TEST(Idle, ASubmissionForASleepingDevice)
 {
-    const std::unique_ptr<Machine> suspended = Suspended();
-    EXPECT_EQ(SubmitIdleRequest(&Inside(suspended->rig)), STATUS_POWER_STATE_INVALID);
+    EXPECT_EQ(SubmitIdleRequest(&Inside(Suspended()->rig)), STATUS_POWER_STATE_INVALID);
 }
 
 // How it ends -----------------------------------------------------------------------------------------------------
@@ -184,24 +171,17 @@ TEST(Idle, ASubmissionForASleepingDevice)
 // case.
 TEST(Idle, RequestsThatTheHubRefuses)
 {
-    struct {
-        int number;
-        NTSTATUS status;
-        bool powers_up;
-    } const rows[] = {
-        {1, STATUS_NOT_SUPPORTED, false},        {2, STATUS_POWER_STATE_INVALID, false},
-        {3, STATUS_DEVICE_BUSY, false},          {4, STATUS_INVALID_DEVICE_REQUEST, false},
-        {5, STATUS_UNSUCCESSFUL, false},         {6, STATUS_CANCELLED, true},
-        {7, STATUS_DEVICE_NOT_CONNECTED, false}, {8, STATUS_SUCCESS, false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
+    for (const NTSTATUS status :
+         {STATUS_NOT_SUPPORTED, STATUS_POWER_STATE_INVALID, STATUS_DEVICE_BUSY, STATUS_INVALID_DEVICE_REQUEST,
+          STATUS_UNSUCCESSFUL, STATUS_CANCELLED, STATUS_DEVICE_NOT_CONNECTED, STATUS_SUCCESS}) {
+        SCOPED_TRACE(host::IopStatusText(status));
         Machine machine(Suspending());
         Rig& rig = machine.rig;
         Story story(rig);
-        machine.filter.AnswerIdle(row.status);
+        machine.filter.AnswerIdle(status);
         rig.RunFor(6 * kSecond);
-        EXPECT_EQ(story.Take(), row.powers_up ? (Lines{"down IRP_MN_SET_POWER D0", "reports D0"}) : Lines{});
+        EXPECT_EQ(story.Take(),
+                  status == STATUS_CANCELLED ? (Lines{"down IRP_MN_SET_POWER D0", "reports D0"}) : Lines{});
         EXPECT_EQ(PendingIn(rig), 0U);
         machine.filter.Release();
         rig.RunFor(5 * kSecond);
@@ -220,7 +200,7 @@ TEST(Idle, AHubWithoutSuspendIsAskedAgainAndAgain)
     EXPECT_EQ(Count(lines, "idle request"), 6);
     EXPECT_EQ(Count(lines, "idle request ends 0xc00000bb"), 6);
     EXPECT_EQ(lines.size(), 12U);
-    ExpectStreams(machine.rig);
+    ExpectStream(machine.rig.OpenStreaming());
 }
 
 TEST(Idle, AModuleThatWakesTheBusIsBroughtBackAndSuspendedAgain)
@@ -253,7 +233,7 @@ TEST(Idle, AnOpenWakesTheModuleAndReadingWorks)
                                             "SET_COMM_FEATURE(3)", "GET_COMM_FEATURE", "SET_COMM_FEATURE(2)",
                                             "reset 82", "SET_CONTROL_LINE_STATE(3)"}));
     port.Close();
-    ExpectStreams(rig);
+    ExpectStream(rig.OpenStreaming());
     rig.RunFor(6 * kSecond);
     const Lines lines = story.Take();
     EXPECT_EQ(Lines(lines.end() - 6, lines.end()), kSuspends);
@@ -302,25 +282,21 @@ TEST(Idle, AnOpenThatFailsWakesTheModuleAllTheSame)
 
 TEST(Idle, ACallbackThatCannotPowerDownLeavesTheDeviceAwake)
 {
-    struct {
-        int number;
-        host::FaultPoint point;
-        std::string detail;
-    } const rows[] = {{1, host::FaultPoint::PowerRequest, ""}, {2, host::FaultPoint::PoolAllocate, "NxIx"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
+    using enum host::FaultPoint;
+    for (const auto& [point, detail] : {std::pair(PowerRequest, ""), std::pair(PoolAllocate, "NxIx")}) {
+        SCOPED_TRACE(host::FaultPointName(point));
         RigOptions options = Suspending();
         options.kernel.excuses = {
             {.rule = host::Rule::IdleNotPoweredDown, .reason = "nothing is left to try"}};
         Machine machine(options);
         Rig& rig = machine.rig;
         Story story(rig);
-        rig.kernel.Faults().Arm(row.point, {.detail = row.detail});
+        rig.kernel.Faults().Arm(point, {.detail = detail});
         rig.RunFor(20 * kSecond);
         EXPECT_EQ(story.Take(), (Lines{"idle request", "idle callback"}));
         EXPECT_EQ(Inside(rig).DevicePowerState, PowerDeviceD0);
         EXPECT_EQ(PendingIn(rig), 1U); // the idle request itself
-        ExpectStreams(rig);
+        ExpectStream(rig.OpenStreaming());
     }
 }
 
@@ -348,43 +324,34 @@ void During(Machine& machine, const std::function<void()>& change)
     thread.Join();
 }
 
-TEST(Idle, PulledMeanwhile)
+// Whatever it was, the device is there afterwards, and is suspended again when it is left alone.
+TEST(Idle, PulledStoppedOrDisabledMeanwhile)
 {
-    for (const auto& [name, make] : kMoments) {
-        SCOPED_TRACE(name);
-        const std::unique_ptr<Machine> machine = make();
-        During(*machine, [&] { machine->rig.Unplug(); });
-        EXPECT_EQ(machine->rig.Node(), nullptr);
-    }
-}
-
-TEST(Idle, StoppedAndStartedMeanwhile)
-{
-    for (const auto& [name, make] : kMoments) {
-        SCOPED_TRACE(name);
-        const std::unique_ptr<Machine> machine = make();
-        Rig& rig = machine->rig;
-        During(*machine,
-               [&] { EXPECT_EQ(host::PnpManager::Current().Rebalance(rig.Node()), STATUS_SUCCESS); });
-        EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD0);
-        EXPECT_EQ(PendingIn(rig), 0U);
-        rig.usb_port->AllowIdle(true);
-        Story story(rig);
-        rig.RunFor(6 * kSecond);
-        EXPECT_EQ(story.Take(), kSuspends);
-        ExpectStreams(rig);
-    }
-}
-
-TEST(Idle, DisabledAndEnabledMeanwhile)
-{
-    for (const auto& [name, make] : kMoments) {
-        SCOPED_TRACE(name);
-        const std::unique_ptr<Machine> machine = make();
-        Rig& rig = machine->rig;
-        During(*machine, [&] { EXPECT_EQ(host::PnpManager::Current().Disable(rig.Node()), STATUS_SUCCESS); });
-        EXPECT_EQ(host::PnpManager::Current().Enable(rig.Node()), STATUS_SUCCESS);
-        ExpectStreams(rig);
+    host::PnpManager* pnp = nullptr;
+    struct {
+        const char* name;
+        std::function<void(Rig&)> change, undo;
+    } const changes[] = {
+        {"pulled", [](Rig& rig) { rig.Unplug(); }, [](Rig& rig) { rig.Plug(); }},
+        {"rebalanced", [&](Rig& rig) { EXPECT_EQ(pnp->Rebalance(rig.Node()), STATUS_SUCCESS); }, [](Rig&) {}},
+        {"disabled", [&](Rig& rig) { EXPECT_EQ(pnp->Disable(rig.Node()), STATUS_SUCCESS); },
+         [&](Rig& rig) { EXPECT_EQ(pnp->Enable(rig.Node()), STATUS_SUCCESS); }},
+    };
+    for (const auto& change : changes) {
+        for (const auto& [name, make] : kMoments) {
+            SCOPED_TRACE(std::string(change.name) + " while " + name);
+            const std::unique_ptr<Machine> machine = make();
+            Rig& rig = machine->rig;
+            pnp = &host::PnpManager::Current();
+            During(*machine, [&] { change.change(rig); });
+            change.undo(rig);
+            EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD0);
+            EXPECT_EQ(PendingIn(rig), 0U);
+            rig.usb_port->AllowIdle(true);
+            rig.RunFor(6 * kSecond);
+            EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD2);
+            ExpectStream(rig.OpenStreaming());
+        }
     }
 }
 
@@ -419,7 +386,7 @@ TEST(Idle, TheSystemSleepsMeanwhile)
             rig.usb_port->AllowIdle(true);
             rig.RunFor(11 * kSecond);
             EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD2);
-            ExpectStreams(rig);
+            ExpectStream(rig.OpenStreaming());
         }
     }
 }
@@ -444,7 +411,7 @@ TEST(Idle, ARequestThatIsTakenBackLeavesTheCountOneShort)
     port.Close();
     EXPECT_EQ(read.Wait().status, STATUS_CANCELLED);
     EXPECT_EQ(TimeToRequest(rig), std::nullopt);
-    ExpectStreams(rig);
+    ExpectStream(rig.OpenStreaming());
 }
 
 TEST(Idle, ARemovalWaitsForEverybodyAlsoWhenTheCountIsOneShort)

@@ -21,12 +21,6 @@ const Strings kSetup = {"CLEAR_COMM_FEATURE",       "GET_COMM_FEATURE",    "SET_
 const Strings kRelease = {"SET_CONTROL_LINE_STATE(2)", "SET_CONTROL_LINE_STATE(0)", "SET_COMM_FEATURE(3)"};
 const Strings kExchange = {"reset 02", "reset 82", "out 02 AT*Q7GPSNPD\r\n", "in 82", "in 82"};
 
-Strings operator+(Strings a, const Strings& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 Strings First(const Strings& log, std::size_t count)
 {
     return {log.begin(), log.begin() + static_cast<std::ptrdiff_t>(std::min(count, log.size()))};
@@ -148,29 +142,34 @@ TEST(Line, OfAVisitorWhoLeavesBeforeTheReaderStartsIsLeftAlone)
     EXPECT_EQ(rig.TakeBusLog(), Strings{});
 }
 
+// The nth request of this kind stalls, as the `seen`th one of the set-up or of the release.
 struct Obstacle {
-    int number;
     std::uint8_t bRequest;
     unsigned nth;
-    std::size_t seen; // requests of the set-up until the failing one
+    std::size_t seen;
+
+    RigOptions Options() const
+    {
+        RigOptions options;
+        options.module.faults.packets = {
+            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::Control, .bRequest = bRequest, .nth = nth}};
+        return options;
+    }
 };
 
 // The open succeeds all the same, what comes after the failing request is not sent, and the reader begins with
 // the whole set-up.
 TEST(Line, ThatIsNotConditionedByTheOpenIsConditionedByTheReader)
 {
-    const Obstacle obstacles[] = {{1, 0x04, 1, 1}, {2, 0x03, 1, 2}, {3, 0x02, 1, 3},
-                                  {4, 0x03, 2, 4}, {5, 0x02, 2, 5}, {6, 0x22, 1, 7}};
-    for (const Obstacle& o : obstacles) {
-        RigOptions options;
-        options.module.faults.packets = {
-            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::Control, .bRequest = o.bRequest, .nth = o.nth}};
-        Rig rig(options);
+    for (const Obstacle& o : std::initializer_list<Obstacle>{
+             {0x04, 1, 1}, {0x03, 1, 2}, {0x02, 1, 3}, {0x03, 2, 4}, {0x02, 2, 5}, {0x22, 1, 7}}) {
+        SCOPED_TRACE(o.seen);
+        Rig rig(o.Options());
         rig.TakeBusLog();
         const Port port = rig.Open();
-        EXPECT_EQ(rig.TakeBusLog(), First(kSetup, o.seen)) << "obstacle " << o.number;
+        EXPECT_EQ(rig.TakeBusLog(), First(kSetup, o.seen));
         EXPECT_TRUE(rig.kernel.RunUntil([&] { return rig.module->Look().nmea_flowing; }, 2 * kSecond));
-        EXPECT_EQ(First(rig.TakeBusLog(), 12), kSetup + kExchange) << "obstacle " << o.number;
+        EXPECT_EQ(First(rig.TakeBusLog(), 12), kSetup + kExchange);
     }
 }
 
@@ -187,16 +186,13 @@ TEST(Line, IsConditionedAlthoughThePipeIsNotReset)
 
 TEST(Line, ThatIsNotReleasedDoesNotHoldUpTheClose)
 {
-    const Obstacle obstacles[] = {{1, 0x22, 2, 1}, {2, 0x22, 3, 2}, {3, 0x02, 3, 3}};
-    for (const Obstacle& o : obstacles) {
-        RigOptions options;
-        options.module.faults.packets = {
-            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::Control, .bRequest = o.bRequest, .nth = o.nth}};
-        Rig rig(options);
+    for (const Obstacle& o : std::initializer_list<Obstacle>{{0x22, 2, 1}, {0x22, 3, 2}, {0x02, 3, 3}}) {
+        SCOPED_TRACE(o.seen);
+        Rig rig(o.Options());
         Port port = rig.OpenStreaming();
         rig.TakeBusLog();
         port.Close();
-        EXPECT_EQ(rig.TakeBusLog(), First(kRelease, o.seen)) << "obstacle " << o.number;
+        EXPECT_EQ(rig.TakeBusLog(), First(kRelease, o.seen));
         EXPECT_EQ(rig.OpenHandles(), 0U);
         EXPECT_EQ(rig.OpenStreaming().Read(32).Text(), kEmptyFix);
     }
@@ -280,49 +276,6 @@ TEST(Open, BeforeTheStartIsRefusedAsIfMemoryWereShort)
     EXPECT_EQ(rig.TryOpen(&port), STATUS_SUCCESS);
 }
 
-// While the device is on its way out an open fails as if memory were short, and what is asked of an open handle
-// as of a device that is being deleted. Private controls and writes pass.
-TEST(Open, OfADeviceThatIsLeavingIsRefused)
-{
-    struct {
-        int number;
-        NTSTATUS (PnpManager::*leave)(const host::PnpNodePtr&);
-        NTSTATUS (PnpManager::*undo)(const host::PnpNodePtr&);
-    } const cases[] = {{1, &PnpManager::QueryStop, &PnpManager::CancelStop},
-                       {2, &PnpManager::QueryRemove, &PnpManager::CancelRemove}};
-    for (const auto& c : cases) {
-        Rig rig;
-        const Port open = rig.Open();
-        ASSERT_EQ((PnpManager::Current().*c.leave)(rig.Node()), STATUS_SUCCESS);
-        rig.Registry().ClearWrites();
-        rig.TakeBusLog();
-
-        Port port;
-        EXPECT_EQ(rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES) << c.number;
-        EXPECT_TRUE(TakeCounts(rig).empty());
-        EXPECT_EQ(open.Read(32).status, STATUS_DELETE_PENDING);
-        EXPECT_EQ(open.SetTimeouts(1, 1, 1), STATUS_DELETE_PENDING);
-        EXPECT_EQ(ApplicationCount(open), 1U);
-        EXPECT_EQ(open.Write(host::nt::BytesOf(c.number)).status, STATUS_SUCCESS);
-        EXPECT_EQ(rig.TakeBusLog(), Strings{});
-
-        ASSERT_EQ((PnpManager::Current().*c.undo)(rig.Node()), STATUS_SUCCESS);
-        EXPECT_EQ(rig.TryOpen(&port), STATUS_SUCCESS);
-        EXPECT_EQ(open.Read(32).Text(), kEmptyFix);
-    }
-}
-
-TEST(Open, OfAStoppedDeviceIsRefusedUntilItsRestart)
-{
-    Rig rig;
-    Port port;
-    ASSERT_EQ(PnpManager::Current().QueryStop(rig.Node()), STATUS_SUCCESS);
-    ASSERT_EQ(PnpManager::Current().Stop(rig.Node()), STATUS_SUCCESS);
-    EXPECT_EQ(rig.TryOpen(&port), STATUS_INSUFFICIENT_RESOURCES);
-    ASSERT_EQ(PnpManager::Current().Start(rig.Node()), STATUS_SUCCESS);
-    EXPECT_EQ(rig.OpenStreaming().Read(32).Text(), kEmptyFix);
-}
-
 TEST(Close, CancelsWhatItsApplicationStillWaitsFor)
 {
     RigOptions options;
@@ -346,28 +299,6 @@ TEST(Close, CancelsWhatItsApplicationStillWaitsFor)
 }
 
 // Unplugging -------------------------------------------------------------------------------------------------
-
-TEST(Unplug, EndsEveryReadAndWaitsForTheHandles)
-{
-    Rig rig;
-    Port one = rig.OpenStreaming();
-    Port two = rig.Open();
-    std::vector<host::nt::Request> reads = {one.StartRead(4096), one.StartRead(10), two.StartRead(4096)};
-    rig.Unplug();
-    for (const host::nt::Request& read : reads)
-        EXPECT_EQ(read.Wait().status, STATUS_CANCELLED);
-    EXPECT_EQ(one.Read(1).status, STATUS_DELETE_PENDING);
-    Port late;
-    EXPECT_EQ(host::nt::File::Open("\\Device\\quorlex0", &late), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(host::nt::Interfaces(GUID_DEVINTERFACE_COMPORT).empty());
-    ASSERT_NE(rig.Node(), nullptr);
-    EXPECT_EQ(rig.Node()->state, host::PnpState::SurpriseRemoved);
-    one.Close();
-    two.Close();
-    PnpManager::Current().Settle();
-    EXPECT_EQ(rig.Node(), nullptr);
-    EXPECT_EQ(rig.TryOpen(&late), STATUS_OBJECT_NAME_NOT_FOUND);
-}
 
 // A forgotten handle keeps the name; the module that comes back is no port before that handle is closed.
 TEST(Unplug, OfAPortInUseKeepsItsNameFromTheNext)
@@ -393,19 +324,6 @@ TEST(Unplug, BeforeTheReaderHasStartedLeavesNothingBehind)
         rig.RunFor(5 * kSecond);
         EXPECT_EQ(port.Read(32).status, STATUS_DELETE_PENDING);
     }
-}
-
-TEST(Disable, IsRefusedWhileThePortIsOpenAndUndoneByEnable)
-{
-    Rig rig;
-    Port port = rig.Open();
-    EXPECT_EQ(PnpManager::Current().Disable(rig.Node()), STATUS_DEVICE_BUSY);
-    EXPECT_EQ(port.Read(32).Text(), kEmptyFix);
-    port.Close();
-    ASSERT_EQ(PnpManager::Current().Disable(rig.Node()), STATUS_SUCCESS);
-    EXPECT_EQ(rig.TryOpen(&port), STATUS_OBJECT_NAME_NOT_FOUND);
-    ASSERT_EQ(PnpManager::Current().Enable(rig.Node()), STATUS_SUCCESS);
-    EXPECT_EQ(rig.OpenStreaming().Read(32).Text(), kEmptyFix);
 }
 
 } // namespace

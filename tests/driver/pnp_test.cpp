@@ -1,6 +1,7 @@
 // Plug and Play: what each request does in each state, and what applications, the bus and the registry see of it.
 #include "lifecycle.h"
 
+#include "include/navox/gps_ioctl.h"
 #include "io/device.h"
 #include "io/irp.h"
 #include "io/names.h"
@@ -19,14 +20,7 @@ constexpr ULONG kGone = 0xFFFFFFFF; // the device object does not exist any more
 const Lines kConfigures = {"GET_DESCRIPTOR_FROM_DEVICE", "GET_DESCRIPTOR_FROM_DEVICE",
                            "GET_DESCRIPTOR_FROM_DEVICE", "SELECT_CONFIGURATION", "SELECT_CONFIGURATION"};
 
-Lines operator+(Lines left, const Lines& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 struct Handled {
-    int number;
     ULONG state;
     UCHAR minor;
     ULONG after;
@@ -36,55 +30,50 @@ struct Handled {
 const Lines kRemoves = {"wmi deregister", "reports D3", "down IRP_MN_REMOVE_DEVICE with 0x0",
                         "\\Device\\quorlex0 deleted"};
 const Lines kSurprises = {"interface disabled", "down IRP_MN_SURPRISE_REMOVAL"};
+const Lines kStarts = Lines{"down IRP_MN_START_DEVICE"} + kConfigures + Lines{"reports D0"};
 
-const std::vector<Handled> kHandled = {
-    {1, STATE_NEVER_STARTED, IRP_MN_START_DEVICE, STATE_STARTED,
-     Lines{"down IRP_MN_START_DEVICE"} + kConfigures +
-         Lines{"reports D0", "interface enabled", "wmi register"}},
-    {2, STATE_NEVER_STARTED, IRP_MN_REMOVE_DEVICE, kGone, kRemoves},
-    {3,
-     STATE_STARTED,
-     IRP_MN_QUERY_REMOVE_DEVICE,
-     STATE_REMOVE_PENDING,
-     {"down IRP_MN_QUERY_REMOVE_DEVICE with 0x0"}},
-    {4,
-     STATE_STARTED,
-     IRP_MN_QUERY_STOP_DEVICE,
-     STATE_STOP_PENDING,
-     {"down IRP_MN_QUERY_STOP_DEVICE with 0x0"}},
-    {5, STATE_STARTED, IRP_MN_QUERY_CAPABILITIES, STATE_STARTED, {"down IRP_MN_QUERY_CAPABILITIES"}},
-    {6, STATE_STARTED, IRP_MN_SURPRISE_REMOVAL, STATE_SURPRISE_REMOVED, kSurprises},
-    {7, STATE_STOP_PENDING, IRP_MN_STOP_DEVICE, STATE_STOPPED, {"down IRP_MN_STOP_DEVICE with 0x0"}},
-    {8, STATE_STOP_PENDING, IRP_MN_CANCEL_STOP_DEVICE, STATE_STARTED, {"down IRP_MN_CANCEL_STOP_DEVICE"}},
-    {9, STATE_STOP_PENDING, IRP_MN_SURPRISE_REMOVAL, STATE_SURPRISE_REMOVED, kSurprises},
-    {10, STATE_REMOVE_PENDING, IRP_MN_REMOVE_DEVICE, kGone, kRemoves},
-    {11,
-     STATE_REMOVE_PENDING,
-     IRP_MN_CANCEL_REMOVE_DEVICE,
-     STATE_STARTED,
-     {"down IRP_MN_CANCEL_REMOVE_DEVICE"}},
-    {12, STATE_REMOVE_PENDING, IRP_MN_SURPRISE_REMOVAL, STATE_SURPRISE_REMOVED, kSurprises},
-    // The interface was enabled and WMI registered by the first start.
-    {13, STATE_STOPPED, IRP_MN_START_DEVICE, STATE_STARTED,
-     Lines{"down IRP_MN_START_DEVICE"} + kConfigures + Lines{"reports D0"}},
-    {14, STATE_STOPPED, IRP_MN_SURPRISE_REMOVAL, STATE_SURPRISE_REMOVED, kSurprises},
-    {15, STATE_SURPRISE_REMOVED, IRP_MN_REMOVE_DEVICE, kGone, kRemoves},
-    // A start that fails late, and a module that goes while the system sleeps.
-    {16, STATE_STARTED, IRP_MN_REMOVE_DEVICE, kGone, kRemoves},
-    {17, STATE_POWER_QUERIED, IRP_MN_REMOVE_DEVICE, kGone, kRemoves},
-    {18, STATE_POWER_QUERIED, IRP_MN_SURPRISE_REMOVAL, STATE_SURPRISE_REMOVED, kSurprises},
-};
-
-std::string RowText(int number, ULONG state, UCHAR minor)
+// The request goes down and nothing else is seen of it; a query and what follows from it go with a status.
+Handled OnlyDown(ULONG state, UCHAR minor, ULONG after, const std::string& with = {})
 {
-    return "row " + std::to_string(number) + ": " + host::IopMinorName(IRP_MJ_PNP, minor) + " in " +
+    return {state, minor, after, {"down " + std::string(host::IopMinorName(IRP_MJ_PNP, minor)) + with}};
+}
+
+std::vector<Handled> AllHandled()
+{
+    const std::string success = " with 0x0";
+    std::vector<Handled> rows = {
+        {STATE_NEVER_STARTED, IRP_MN_START_DEVICE, STATE_STARTED,
+         kStarts + Lines{"interface enabled", "wmi register"}},
+        // The interface was enabled and WMI registered by the first start.
+        {STATE_STOPPED, IRP_MN_START_DEVICE, STATE_STARTED, kStarts},
+        OnlyDown(STATE_STARTED, IRP_MN_QUERY_REMOVE_DEVICE, STATE_REMOVE_PENDING, success),
+        OnlyDown(STATE_STARTED, IRP_MN_QUERY_STOP_DEVICE, STATE_STOP_PENDING, success),
+        OnlyDown(STATE_STARTED, IRP_MN_QUERY_CAPABILITIES, STATE_STARTED),
+        OnlyDown(STATE_STOP_PENDING, IRP_MN_STOP_DEVICE, STATE_STOPPED, success),
+        OnlyDown(STATE_STOP_PENDING, IRP_MN_CANCEL_STOP_DEVICE, STATE_STARTED),
+        OnlyDown(STATE_REMOVE_PENDING, IRP_MN_CANCEL_REMOVE_DEVICE, STATE_STARTED),
+    };
+    // Started: a start that fails late. Asked for its power: a module that goes while the system sleeps.
+    for (const ULONG state : {STATE_NEVER_STARTED, STATE_STARTED, STATE_REMOVE_PENDING,
+                              STATE_SURPRISE_REMOVED, STATE_POWER_QUERIED})
+        rows.push_back({state, IRP_MN_REMOVE_DEVICE, kGone, kRemoves});
+    for (const ULONG state :
+         {STATE_STARTED, STATE_STOP_PENDING, STATE_STOPPED, STATE_REMOVE_PENDING, STATE_POWER_QUERIED})
+        rows.push_back({state, IRP_MN_SURPRISE_REMOVAL, STATE_SURPRISE_REMOVED, kSurprises});
+    return rows;
+}
+const std::vector<Handled> kHandled = AllHandled();
+
+std::string RowText(ULONG state, UCHAR minor)
+{
+    return std::string(host::IopMinorName(IRP_MJ_PNP, minor)) + " (" + std::to_string(minor) + ") in " +
            StateText(state);
 }
 
 TEST(Pnp, RequestsThatTheDriverHandles)
 {
     for (const Handled& row : kHandled) {
-        SCOPED_TRACE(RowText(row.number, row.state, row.minor));
+        SCOPED_TRACE(RowText(row.state, row.minor));
         const std::unique_ptr<Machine> machine = MachineIn(row.state);
         Rig& rig = machine->rig;
         Story story(rig);
@@ -146,13 +135,14 @@ int SendAllThatGoStraightDown(Machine& machine, ULONG state, ULONG inside = 0)
     const PDEVICE_OBJECT top = host::IopTopOf(rig.Node()->pdo);
     machine.filter.SetStays(true);
     Story story(rig);
-    for (const int minor :
-         {0,   1,   2,    3,    4,    5,    6,    7,    8,    9,    0xA,  0xB,  0xC,  0xD,
-          0xE, 0xF, 0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x80, 0xFF}) {
+    std::vector<int> minors = {0x80, 0xFF};
+    for (int minor = 0; minor <= 0x19; ++minor)
+        minors.push_back(minor);
+    for (const int minor : minors) {
         const auto code = static_cast<UCHAR>(minor);
         if (IsHandled(state, code))
             continue;
-        SCOPED_TRACE(RowText(minor, state, code));
+        SCOPED_TRACE(RowText(state, code));
         EXPECT_EQ(SendRaw(top, code), BusAnswer(code));
         EXPECT_EQ(story.Take(), Lines{"down " + std::string(host::IopMinorName(IRP_MJ_PNP, code))});
         EXPECT_EQ(StateText(GetExtension(top)->DevicePnPState), StateText(state));
@@ -195,7 +185,7 @@ TEST(Pnp, EverythingGoesStraightDownWhileARemovalWaits)
 // A start that fails ------------------------------------------------------------------------------------------
 
 struct FailedStart {
-    int number;
+    std::string what;
     std::function<void(Machine&)> arm;
     NTSTATUS status;
     ULONG after;
@@ -203,30 +193,31 @@ struct FailedStart {
     bool interface_enabled;
 };
 
-std::function<void(Machine&)> FailBusRequest(std::uint64_t nth)
+FailedStart LateFault(host::FaultPoint point, const char* detail, bool interface_enabled)
 {
-    return [nth](Machine& machine) {
-        machine.rig.kernel.Faults().Arm(host::FaultPoint::BusRequest, {.nth = nth});
-    };
+    const auto arm = [=](Machine& machine) { machine.rig.kernel.Faults().Arm(point, {.detail = detail}); };
+    return {
+        host::FaultPointName(point), arm, STATUS_INSUFFICIENT_RESOURCES, STATE_STARTED, 5, interface_enabled};
 }
 
-const std::vector<FailedStart> kFailedStarts = {
-    {1, [](Machine& machine) { machine.filter.Fail("IRP_MN_START_DEVICE", STATUS_NO_SUCH_DEVICE); },
-     STATUS_NO_SUCH_DEVICE, STATE_NEVER_STARTED, 0, false},
-    {2, FailBusRequest(1), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 1, false},
-    {3, FailBusRequest(2), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 2, false},
-    {4, FailBusRequest(3), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 3, false},
-    {5, FailBusRequest(4), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 4, false},
-    {6, FailBusRequest(5), STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, 5, false},
-    {7,
-     [](Machine& machine) {
-         machine.rig.kernel.Faults().Arm(host::FaultPoint::DeviceInterface,
-                                         {.detail = "IoSetDeviceInterfaceState"});
-     },
-     STATUS_INSUFFICIENT_RESOURCES, STATE_STARTED, 5, false},
-    {8, [](Machine& machine) { machine.rig.kernel.Faults().Arm(host::FaultPoint::WmiRegister, {}); },
-     STATUS_INSUFFICIENT_RESOURCES, STATE_STARTED, 5, true},
-};
+std::vector<FailedStart> AllFailedStarts()
+{
+    using enum host::FaultPoint;
+    const auto fail_below = [](Machine& machine) {
+        machine.filter.Fail("IRP_MN_START_DEVICE", STATUS_NO_SUCH_DEVICE);
+    };
+    std::vector<FailedStart> rows = {
+        {"the bus's start", fail_below, STATUS_NO_SUCH_DEVICE, STATE_NEVER_STARTED, 0, false}};
+    for (std::size_t nth = 1; nth <= kConfigures.size(); ++nth)
+        rows.push_back(
+            {"bus request " + std::to_string(nth),
+             [nth](Machine& machine) { machine.rig.kernel.Faults().Arm(BusRequest, {.nth = nth}); },
+             STATUS_UNSUCCESSFUL, STATE_NEVER_STARTED, nth, false});
+    rows.push_back(LateFault(DeviceInterface, "IoSetDeviceInterfaceState", false));
+    rows.push_back(LateFault(WmiRegister, "", true));
+    return rows;
+}
+const std::vector<FailedStart> kFailedStarts = AllFailedStarts();
 
 RigOptions WithSuspend()
 {
@@ -255,7 +246,7 @@ bool PortVisible(Rig& rig)
 TEST(Pnp, AStartThatFailsLeavesWhatItHadReached)
 {
     for (const FailedStart& row : kFailedStarts) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
+        SCOPED_TRACE(row.what);
         const std::unique_ptr<Machine> machine = MachineIn(STATE_NEVER_STARTED, WithSuspend());
         Rig& rig = machine->rig;
         rig.TakeBusLog();
@@ -279,7 +270,7 @@ TEST(Pnp, AStartThatFailsLeavesWhatItHadReached)
 TEST(Pnp, AModuleThatDoesNotStartIsRemoved)
 {
     for (const FailedStart& row : kFailedStarts) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
+        SCOPED_TRACE(row.what);
         RigOptions options;
         options.plug = false;
         Machine machine(options);
@@ -297,7 +288,7 @@ TEST(Pnp, ARebalanceThatFailsToRestartTakesTheDeviceAway)
     for (const FailedStart& row : kFailedStarts) {
         if (row.after != STATE_NEVER_STARTED)
             continue; // those steps belong to the first start
-        SCOPED_TRACE("row " + std::to_string(row.number));
+        SCOPED_TRACE(row.what);
         Machine machine;
         Rig& rig = machine.rig;
         Port port = rig.Open();
@@ -321,26 +312,22 @@ TEST(Pnp, ARebalanceThatFailsToRestartTakesTheDeviceAway)
 TEST(Pnp, CapabilitiesChooseTheIdleState)
 {
     struct {
-        int number;
-        std::vector<DEVICE_POWER_STATE> s1_to_s3;
-        DEVICE_POWER_STATE idle;
+        DEVICE_POWER_STATE s1, s2, s3, idle;
     } const rows[] = {
-        {1, {PowerDeviceD3, PowerDeviceD3, PowerDeviceD3}, PowerDeviceD2},
-        {2, {PowerDeviceD1, PowerDeviceD3, PowerDeviceD2}, PowerDeviceD2},
-        {3, {PowerDeviceD2, PowerDeviceD1, PowerDeviceD3}, PowerDeviceD1},
-        {4, {PowerDeviceD0, PowerDeviceD3, PowerDeviceD3}, PowerDeviceD2},
-        {5, {PowerDeviceD2, PowerDeviceD2, PowerDeviceD1}, PowerDeviceD1},
-        {6, {PowerDeviceD1, PowerDeviceD2, PowerDeviceD0}, PowerDeviceD2},
-        {7, {PowerDeviceUnspecified, PowerDeviceUnspecified, PowerDeviceUnspecified}, PowerDeviceD2},
-        {8, {PowerDeviceD1, PowerDeviceUnspecified, PowerDeviceD3}, PowerDeviceD2},
+        {PowerDeviceD3, PowerDeviceD3, PowerDeviceD3, PowerDeviceD2},
+        {PowerDeviceD1, PowerDeviceD3, PowerDeviceD2, PowerDeviceD2},
+        {PowerDeviceD2, PowerDeviceD1, PowerDeviceD3, PowerDeviceD1},
+        {PowerDeviceD0, PowerDeviceD3, PowerDeviceD3, PowerDeviceD2},
+        {PowerDeviceD2, PowerDeviceD2, PowerDeviceD1, PowerDeviceD1},
+        {PowerDeviceD1, PowerDeviceD2, PowerDeviceD0, PowerDeviceD2},
+        {PowerDeviceUnspecified, PowerDeviceUnspecified, PowerDeviceUnspecified, PowerDeviceD2},
+        {PowerDeviceD1, PowerDeviceUnspecified, PowerDeviceD3, PowerDeviceD2},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
         RigOptions options;
-        options.port.device_states = {PowerDeviceUnspecified, PowerDeviceD0};
-        options.port.device_states.insert(options.port.device_states.end(), row.s1_to_s3.begin(),
-                                          row.s1_to_s3.end());
-        options.port.device_states.insert(options.port.device_states.end(), {PowerDeviceD3, PowerDeviceD3});
+        options.port.device_states = {PowerDeviceUnspecified, PowerDeviceD0, row.s1, row.s2, row.s3,
+                                      PowerDeviceD3,          PowerDeviceD3};
+        SCOPED_TRACE(::testing::PrintToString(options.port.device_states));
         Rig rig(options);
         const DEVICE_EXTENSION& inside = Inside(rig);
         EXPECT_EQ(inside.IdlePowerState, row.idle);
@@ -402,30 +389,37 @@ TEST(Pnp, AQueryStopsReadingAndItsCancelDoesNotStartItAgain)
     }
 }
 
-TEST(Pnp, WhatApplicationsMayDoWhileTheDeviceIsStopped)
+// Reads, serial controls and opens wait for better times; private controls and writes pass.
+TEST(Pnp, WhatApplicationsMayDoWhileTheDeviceIsOnItsWayOut)
 {
-    for (const ULONG state : {STATE_STOP_PENDING, STATE_STOPPED}) {
-        SCOPED_TRACE(StateText(state));
+    struct {
+        ULONG state;
+        std::vector<UCHAR> enter;
+        UCHAR leave;
+    } const rows[] = {
+        {STATE_STOP_PENDING, {IRP_MN_QUERY_STOP_DEVICE}, IRP_MN_CANCEL_STOP_DEVICE},
+        {STATE_STOPPED, {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE}, IRP_MN_START_DEVICE},
+        {STATE_REMOVE_PENDING, {IRP_MN_QUERY_REMOVE_DEVICE}, IRP_MN_CANCEL_REMOVE_DEVICE},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(StateText(row.state));
         Machine machine;
         Rig& rig = machine.rig;
-        Port port = rig.Open();
-        EXPECT_EQ(SendPnp(rig, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
-        if (state == STATE_STOPPED)
-            EXPECT_EQ(SendPnp(rig, IRP_MN_STOP_DEVICE), STATUS_SUCCESS);
+        const Port port = rig.Open();
+        for (const UCHAR minor : row.enter)
+            EXPECT_EQ(SendPnp(rig, minor), STATUS_SUCCESS);
         Story story(rig);
         EXPECT_EQ(port.Read(1).status, STATUS_DELETE_PENDING);
-        EXPECT_EQ(port.Control(IOCTL_SERIAL_GET_TIMEOUTS, {}, sizeof(SERIAL_TIMEOUTS)).status,
-                  STATUS_DELETE_PENDING);
+        EXPECT_EQ(port.SetTimeouts(1, 1, 1), STATUS_DELETE_PENDING);
         EXPECT_EQ(port.StartWait().Wait().status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(port.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 1U);
         EXPECT_EQ(port.Write(std::as_bytes(std::span("x"))).status, STATUS_SUCCESS);
         Port second;
         EXPECT_EQ(rig.TryOpen(&second), STATUS_INSUFFICIENT_RESOURCES);
         EXPECT_EQ(story.Take(), Lines{});
         EXPECT_EQ(PendingIn(rig), 0U);
-        if (state == STATE_STOPPED)
-            EXPECT_EQ(SendPnp(rig, IRP_MN_START_DEVICE), STATUS_SUCCESS);
-        else
-            EXPECT_EQ(SendPnp(rig, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
+        EXPECT_EQ(SendPnp(rig, row.leave), STATUS_SUCCESS);
+        EXPECT_EQ(rig.TryOpen(&second), STATUS_SUCCESS);
         // The handle has lived through it, and its ring as well.
         EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
     }
@@ -434,28 +428,26 @@ TEST(Pnp, WhatApplicationsMayDoWhileTheDeviceIsStopped)
 // The way out is the application's: reading has stopped, so no data will end what waits.
 TEST(Pnp, AQueryWaitsForWhatIsInside)
 {
+    const auto read = [](Port& port) { return port.StartRead(4096); };
+    const auto wait = [](Port& port) {
+        EXPECT_EQ(port.SetWaitMask(SERIAL_EV_RXCHAR), STATUS_SUCCESS);
+        return port.StartWait();
+    };
+    const auto timed_read = [](Port& port) {
+        EXPECT_EQ(port.SetTimeouts(0, 0, 1'000'000), STATUS_SUCCESS);
+        return port.StartRead(4096);
+    };
+    const auto cancel = [](Port& port) { port.CancelIo(); };
     struct {
-        int number;
+        const char* what;
         std::function<host::nt::Request(Port&)> hold;
         std::function<void(Port&)> end; // null: it ends by itself
-    } const rows[] = {
-        {1, [](Port& port) { return port.StartRead(4096); }, [](Port& port) { port.CancelIo(); }},
-        {2, [](Port& port) { return port.StartRead(4096); }, [](Port& port) { port.Close(); }},
-        {3,
-         [](Port& port) {
-             EXPECT_EQ(port.SetWaitMask(SERIAL_EV_RXCHAR), STATUS_SUCCESS);
-             return port.StartWait();
-         },
-         [](Port& port) { port.CancelIo(); }},
-        {4,
-         [](Port& port) {
-             EXPECT_EQ(port.SetTimeouts(0, 0, 1'000'000), STATUS_SUCCESS);
-             return port.StartRead(4096);
-         },
-         nullptr},
-    };
+    } const rows[] = {{"a read that is cancelled", read, cancel},
+                      {"a read whose handle is closed", read, [](Port& port) { port.Close(); }},
+                      {"a wait that is cancelled", wait, cancel},
+                      {"a read that times out", timed_read, nullptr}};
     for (const auto& row : rows) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
+        SCOPED_TRACE(row.what);
         Machine machine;
         Rig& rig = machine.rig;
         Port port = rig.OpenStreaming();
@@ -543,8 +535,7 @@ TEST(Pnp, ARebalanceSetsTheModuleUpAnewAtTheNextFirstOpen)
     port.Close();
     port = rig.OpenStreaming();
     EXPECT_FALSE(Inside(rig).FirstOpenSinceStart);
-    port.Read(kEmptyFix.size());
-    EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+    ExpectStream(port);
 }
 
 // Surprise removal ----------------------------------------------------------------------------------------------
@@ -574,6 +565,7 @@ TEST(Pnp, PullingTheModuleEndsWhatWaitsAndTheLastCloseRemovesTheDevice)
         EXPECT_EQ(second.StartWait().Wait().status, STATUS_DELETE_PENDING);
         Port third;
         EXPECT_FALSE(NT_SUCCESS(rig.TryOpen(&third)));
+        EXPECT_EQ(host::nt::File::Open("\\Device\\quorlex0", &third), STATUS_INSUFFICIENT_RESOURCES);
     }
     EXPECT_EQ(StateText(StateOf(rig)), "STATE_SURPRISE_REMOVED");
     EXPECT_EQ(story.Take(), Lines{});
@@ -601,9 +593,7 @@ TEST(Pnp, AModuleThatIsPulledInAnyStateGoesAndTheNextOneWorks)
         EXPECT_FALSE(PortVisible(rig));
         host::PnpManager::Current().SetAutomatic(true);
         rig.Plug();
-        Port port = rig.OpenStreaming();
-        port.Read(kEmptyFix.size());
-        EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+        ExpectStream(rig.OpenStreaming());
     }
 }
 

@@ -18,12 +18,6 @@ const Lines kSetUpLine = {"CLEAR_COMM_FEATURE",       "GET_COMM_FEATURE",    "SE
 const Lines kStartStream = {"reset 02", "reset 82", "out 02 AT*Q7GPSNPD\r\n", "in 82", "in 82"};
 const Lines kDrain = {"in 81", "in 82"};
 
-Lines operator+(Lines left, const Lines& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 // Transfers of the reader come one after the other once it runs; how many is not the point.
 Lines WithoutRepeats(Lines lines)
 {
@@ -87,67 +81,38 @@ TEST(Power, SystemRequestsFailWhileARemovalWaits)
 }
 
 struct Request {
-    int number;
     UCHAR minor;
     POWER_STATE_TYPE type;
     ULONG state;
+    DEVICE_POWER_STATE after; // of the device
     Lines story;
-    ULONG after;
-    DEVICE_POWER_STATE device;
 };
 
+// A device that is told to sleep says so and is drained before the bus hears of it.
+Request SetDeviceTo(DEVICE_POWER_STATE state)
+{
+    const std::string name = "D" + std::to_string(state - PowerDeviceD0);
+    return {IRP_MN_SET_POWER, DevicePowerState, ULONG(state), state,
+            Lines{"reports " + name} + kDrain + Lines{"down IRP_MN_SET_POWER " + name}};
+}
+
 const std::vector<Request> kRequests = {
-    {1,
-     IRP_MN_QUERY_POWER,
-     SystemPowerState,
-     PowerSystemSleeping3,
-     {"down IRP_MN_QUERY_POWER S3", "down IRP_MN_QUERY_POWER D2"},
-     STATE_POWER_QUERIED,
-     PowerDeviceD0},
-    {2, IRP_MN_SET_POWER, SystemPowerState, PowerSystemSleeping3,
-     Lines{"down IRP_MN_SET_POWER S3", "reports D2"} + kDrain + Lines{"down IRP_MN_SET_POWER D2"},
-     STATE_STARTED, PowerDeviceD2},
-    {3,
-     IRP_MN_SET_POWER,
-     SystemPowerState,
-     PowerSystemWorking,
-     {"down IRP_MN_SET_POWER S0", "down IRP_MN_SET_POWER D0", "reports D0"},
-     STATE_STARTED,
-     PowerDeviceD0},
-    {4,
-     IRP_MN_QUERY_POWER,
-     DevicePowerState,
-     PowerDeviceD2,
-     {"down IRP_MN_QUERY_POWER D2"},
-     STATE_POWER_QUERIED,
-     PowerDeviceD0},
-    {5, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD1,
-     Lines{"reports D1"} + kDrain + Lines{"down IRP_MN_SET_POWER D1"}, STATE_STARTED, PowerDeviceD1},
-    {6, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD2,
-     Lines{"reports D2"} + kDrain + Lines{"down IRP_MN_SET_POWER D2"}, STATE_STARTED, PowerDeviceD2},
-    {7, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD3,
-     Lines{"reports D3"} + kDrain + Lines{"down IRP_MN_SET_POWER D3"}, STATE_STARTED, PowerDeviceD3},
-    {8,
-     IRP_MN_SET_POWER,
-     DevicePowerState,
-     PowerDeviceD0,
-     {"down IRP_MN_SET_POWER D0", "reports D0"},
-     STATE_STARTED,
-     PowerDeviceD0},
-    {9,
-     IRP_MN_POWER_SEQUENCE,
-     SystemPowerState,
-     PowerSystemWorking,
-     {"down IRP_MN_POWER_SEQUENCE S0"},
-     STATE_STARTED,
-     PowerDeviceD0},
-    {10,
-     IRP_MN_POWER_SEQUENCE,
-     DevicePowerState,
-     PowerDeviceD0,
-     {"down IRP_MN_POWER_SEQUENCE D0"},
-     STATE_STARTED,
-     PowerDeviceD0},
+    {IRP_MN_QUERY_POWER, SystemPowerState, PowerSystemSleeping3, PowerDeviceD0,
+     Lines{"down IRP_MN_QUERY_POWER S3", "down IRP_MN_QUERY_POWER D2"}},
+    {IRP_MN_QUERY_POWER, DevicePowerState, PowerDeviceD2, PowerDeviceD0, Lines{"down IRP_MN_QUERY_POWER D2"}},
+    {IRP_MN_SET_POWER, SystemPowerState, PowerSystemSleeping3, PowerDeviceD2,
+     Lines{"down IRP_MN_SET_POWER S3"} + SetDeviceTo(PowerDeviceD2).story},
+    SetDeviceTo(PowerDeviceD1),
+    SetDeviceTo(PowerDeviceD2),
+    SetDeviceTo(PowerDeviceD3),
+    {IRP_MN_SET_POWER, SystemPowerState, PowerSystemWorking, PowerDeviceD0,
+     Lines{"down IRP_MN_SET_POWER S0", "down IRP_MN_SET_POWER D0", "reports D0"}},
+    {IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0, PowerDeviceD0,
+     Lines{"down IRP_MN_SET_POWER D0", "reports D0"}},
+    {IRP_MN_POWER_SEQUENCE, SystemPowerState, PowerSystemWorking, PowerDeviceD0,
+     Lines{"down IRP_MN_POWER_SEQUENCE S0"}},
+    {IRP_MN_POWER_SEQUENCE, DevicePowerState, PowerDeviceD0, PowerDeviceD0,
+     Lines{"down IRP_MN_POWER_SEQUENCE D0"}},
 };
 
 // In STATE_STARTED and in STATE_POWER_QUERIED the same is done; a query leaves the second, and only a device that
@@ -156,18 +121,18 @@ TEST(Power, RequestsThatTheDriverHandles)
 {
     for (const ULONG state : {STATE_STARTED, STATE_POWER_QUERIED}) {
         for (const Request& row : kRequests) {
-            SCOPED_TRACE("row " + std::to_string(row.number) + " in " + StateText(state));
+            SCOPED_TRACE(row.story.front() + " in " + StateText(state));
             const std::unique_ptr<Machine> machine = MachineIn(state);
             Rig& rig = machine->rig;
             Story story(rig);
             const NTSTATUS status = PowerRequest(rig, row.minor, row.type, row.state).Wait();
             EXPECT_EQ(status, row.minor == IRP_MN_POWER_SEQUENCE ? STATUS_NOT_SUPPORTED : STATUS_SUCCESS);
             EXPECT_EQ(story.Take(), row.story);
-            const bool raised = row.minor == IRP_MN_SET_POWER && row.device == PowerDeviceD0;
-            EXPECT_EQ(StateText(StateOf(rig)),
-                      StateText(raised ? STATE_STARTED : std::max(state, row.after)));
-            EXPECT_EQ(Inside(rig).DevicePowerState, row.device);
-            EXPECT_EQ(rig.usb_port->PowerState(), row.device);
+            const bool raised = row.minor == IRP_MN_SET_POWER && row.after == PowerDeviceD0;
+            const ULONG after = row.minor == IRP_MN_QUERY_POWER ? STATE_POWER_QUERIED : state;
+            EXPECT_EQ(StateText(StateOf(rig)), StateText(raised ? STATE_STARTED : after));
+            EXPECT_EQ(Inside(rig).DevicePowerState, row.after);
+            EXPECT_EQ(rig.usb_port->PowerState(), row.after);
             EXPECT_EQ(PendingIn(rig), 0U);
         }
     }
@@ -199,8 +164,7 @@ TEST(Power, RequestsOfUnknownKindsGoStraightDown)
 
 TEST(Power, WhatApplicationsMayDoWhileASleepIsAskedFor)
 {
-    const std::unique_ptr<Machine> machine = MachineIn(STATE_STARTED);
-    Rig& rig = machine->rig;
+    Rig rig;
     Port port = rig.Open();
     ASSERT_EQ(SendDevicePower(rig, IRP_MN_QUERY_POWER, PowerDeviceD2), STATUS_SUCCESS);
     EXPECT_EQ(port.Read(1).status, STATUS_DELETE_PENDING);
@@ -232,8 +196,7 @@ TEST(Power, TheDeviceFollowsTheMapOfTheBus)
             EXPECT_EQ(rig.usb_port->PowerState(), device);
             EXPECT_EQ(PowerManager::Current().Wake(), STATUS_SUCCESS);
             EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD0);
-            port.Read(kEmptyFix.size());
-            EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+            ExpectStream(port);
         }
     }
 }
@@ -253,9 +216,7 @@ TEST(Power, WithoutClientsNothingIsReadAfterAResume)
         EXPECT_EQ(story.Take(),
                   (Lines{"down IRP_MN_SET_POWER S0", "down IRP_MN_SET_POWER D0", "reports D0"}));
         EXPECT_EQ(PendingIn(rig), 0U);
-        Port port = rig.OpenStreaming();
-        port.Read(kEmptyFix.size());
-        EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+        ExpectStream(rig.OpenStreaming());
     }
 }
 
@@ -286,17 +247,38 @@ TEST(Power, ReadingGoesOnAfterAResume)
     }
 }
 
-TEST(Power, AFastResumeDoesNotWaitForTheDevice)
+// A fast resume does not wait for the device. A system that was at work already has nothing to resume from, one that
+// has asked for a sleep has; and an old system knows no fast resume.
+TEST(Power, WhichResumesAreFast)
 {
-    for (const std::uint32_t fast : {0U, 1U, 2U}) {
-        SCOPED_TRACE(fast);
-        Machine machine(WithFastResume(fast));
+    struct {
+        const char* what;
+        std::uint32_t setting;
+        SYSTEM_POWER_STATE asked;
+        bool sleeps, fast;
+        std::uint32_t system = 10; // its version
+    } const rows[] = {
+        {"not set", 0, PowerSystemSleeping3, true, false},
+        {"set", 1, PowerSystemSleeping3, true, true},
+        {"set to something else", 2, PowerSystemSleeping3, true, false},
+        {"set on an old system", 1, PowerSystemSleeping3, true, false, 5},
+        {"asked for work only", 1, PowerSystemWorking, false, false},
+        {"asked for a sleep only", 1, PowerSystemSleeping3, false, true},
+        {"asked for hibernation only", 1, PowerSystemHibernate, false, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        RigOptions options = WithFastResume(row.setting);
+        options.kernel.os = {row.system, 1, 2600};
+        Machine machine(options);
         Rig& rig = machine.rig;
-        ASSERT_EQ(PowerManager::Current().Sleep(PowerSystemSleeping3), STATUS_SUCCESS);
+        ASSERT_EQ(row.sleeps ? PowerManager::Current().Sleep(row.asked)
+                             : SendSystemPower(rig, IRP_MN_QUERY_POWER, row.asked),
+                  STATUS_SUCCESS);
         machine.filter.Hold("IRP_MN_SET_POWER D0");
         const PowerRequest resume(rig, IRP_MN_SET_POWER, SystemPowerState, PowerSystemWorking);
         rig.RunFor(kSecond);
-        EXPECT_EQ(resume.Done(), fast == 1);
+        EXPECT_EQ(resume.Done(), row.fast);
         EXPECT_EQ(machine.filter.Held(), 1U);
         EXPECT_NE(PendingIn(rig), 0U);
         machine.filter.Release();
@@ -305,43 +287,6 @@ TEST(Power, AFastResumeDoesNotWaitForTheDevice)
         EXPECT_EQ(rig.usb_port->PowerState(), PowerDeviceD0);
         EXPECT_EQ(PendingIn(rig), 0U);
     }
-}
-
-// A system that was at work already has nothing to resume from; one that has asked for a sleep has.
-TEST(Power, WhichResumesAreFast)
-{
-    struct {
-        int number;
-        SYSTEM_POWER_STATE asked;
-        bool fast;
-    } const rows[] = {
-        {1, PowerSystemWorking, false}, {2, PowerSystemSleeping3, true}, {3, PowerSystemHibernate, true}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
-        Machine machine(WithFastResume());
-        Rig& rig = machine.rig;
-        ASSERT_EQ(SendSystemPower(rig, IRP_MN_QUERY_POWER, row.asked), STATUS_SUCCESS);
-        machine.filter.Hold("IRP_MN_SET_POWER D0");
-        const PowerRequest resume(rig, IRP_MN_SET_POWER, SystemPowerState, PowerSystemWorking);
-        rig.RunFor(kSecond);
-        EXPECT_EQ(resume.Done(), row.fast);
-        machine.filter.Release();
-        EXPECT_EQ(resume.Wait(), STATUS_SUCCESS);
-    }
-}
-
-TEST(Power, FastResumeNeedsASystemThatKnowsIt)
-{
-    RigOptions options = WithFastResume();
-    options.kernel.os = {5, 1, 2600};
-    Machine machine(options);
-    ASSERT_EQ(PowerManager::Current().Sleep(PowerSystemSleeping3), STATUS_SUCCESS);
-    machine.filter.Hold("IRP_MN_SET_POWER D0");
-    const PowerRequest resume(machine.rig, IRP_MN_SET_POWER, SystemPowerState, PowerSystemWorking);
-    machine.rig.RunFor(kSecond);
-    EXPECT_FALSE(resume.Done());
-    machine.filter.Release();
-    EXPECT_EQ(resume.Wait(), STATUS_SUCCESS);
 }
 
 TEST(Power, ASleepThatIsRefusedElsewhereLeavesThePortAtWork)
@@ -448,55 +393,53 @@ TEST(Power, FromOneLowStateToALowerOne)
 
 // Failures ------------------------------------------------------------------------------------------------------
 
-TEST(Power, ASystemRequestThatTheBusFailsGoesUpAndTheDeviceStays)
+// It goes no further: the device's own requests are not made, or fail the system's.
+TEST(Power, ARequestThatTheBusFailsFailsTheSystemRequest)
 {
-    Machine machine(Excusing({}, host::Rule::PowerMayNotFail, "a bus that breaks the rules"));
-    Rig& rig = machine.rig;
-    machine.filter.Fail("IRP_MN_QUERY_POWER S3", STATUS_UNSUCCESSFUL);
-    machine.filter.Fail("IRP_MN_SET_POWER S3", STATUS_NO_SUCH_DEVICE);
-    Story story(rig);
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_QUERY_POWER, PowerSystemSleeping3), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_SET_POWER, PowerSystemSleeping3), STATUS_NO_SUCH_DEVICE);
-    EXPECT_EQ(story.Take(), (Lines{"down IRP_MN_QUERY_POWER S3", "down IRP_MN_SET_POWER S3"}));
-    EXPECT_EQ(Inside(rig).DevicePowerState, PowerDeviceD0);
-    EXPECT_EQ(StateText(StateOf(rig)), "STATE_STARTED");
-    EXPECT_EQ(PendingIn(rig), 0U);
-}
-
-TEST(Power, ADeviceRequestThatTheBusFailsFailsTheSystemRequest)
-{
-    Machine machine(Excusing({}, host::Rule::PowerMayNotFail, "a bus that breaks the rules"));
-    Rig& rig = machine.rig;
-    Story story(rig);
-    machine.filter.Fail("IRP_MN_QUERY_POWER D2", STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_QUERY_POWER, PowerSystemSleeping3), STATUS_UNSUCCESSFUL);
-    machine.filter.Fail("IRP_MN_SET_POWER D2", STATUS_NO_SUCH_DEVICE);
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_SET_POWER, PowerSystemSleeping3), STATUS_NO_SUCH_DEVICE);
-    // It was reported before the bus had a say.
-    EXPECT_EQ(story.Take(), Lines({"down IRP_MN_QUERY_POWER S3", "down IRP_MN_QUERY_POWER D2",
-                                   "down IRP_MN_SET_POWER S3", "reports D2"}) +
-                                kDrain + Lines{"down IRP_MN_SET_POWER D2"});
-    EXPECT_EQ(Inside(rig).DevicePowerState, PowerDeviceD0);
-    EXPECT_EQ(Inside(rig).PreviousDevicePowerState, PowerDeviceUnspecified);
-    EXPECT_EQ(PendingIn(rig), 0U);
+    struct {
+        const char* kind;
+        ULONG after; // of the query
+        Lines story;
+    } const rows[] = {
+        {"S3", STATE_STARTED, {"down IRP_MN_QUERY_POWER S3", "down IRP_MN_SET_POWER S3"}},
+        // It was reported before the bus had a say.
+        {"D2", STATE_POWER_QUERIED,
+         Lines{"down IRP_MN_QUERY_POWER S3", "down IRP_MN_QUERY_POWER D2", "down IRP_MN_SET_POWER S3"} +
+             SetDeviceTo(PowerDeviceD2).story},
+    };
+    for (const auto& [kind, after, expected] : rows) {
+        SCOPED_TRACE(kind);
+        Machine machine(Excusing({}, host::Rule::PowerMayNotFail, "a bus that breaks the rules"));
+        Rig& rig = machine.rig;
+        machine.filter.Fail(std::string("IRP_MN_QUERY_POWER ") + kind, STATUS_UNSUCCESSFUL);
+        machine.filter.Fail(std::string("IRP_MN_SET_POWER ") + kind, STATUS_NO_SUCH_DEVICE);
+        Story story(rig);
+        EXPECT_EQ(SendSystemPower(rig, IRP_MN_QUERY_POWER, PowerSystemSleeping3), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(SendSystemPower(rig, IRP_MN_SET_POWER, PowerSystemSleeping3), STATUS_NO_SUCH_DEVICE);
+        EXPECT_EQ(story.Take(), expected);
+        EXPECT_EQ(Inside(rig).DevicePowerState, PowerDeviceD0);
+        EXPECT_EQ(Inside(rig).PreviousDevicePowerState, PowerDeviceUnspecified);
+        EXPECT_EQ(StateText(StateOf(rig)), StateText(after));
+        EXPECT_EQ(PendingIn(rig), 0U);
+    }
 }
 
 TEST(Power, ADeviceRequestThatCannotBeMadeFailsTheSystemRequest)
 {
     struct {
-        int number;
+        const char* what;
         std::uint32_t fast;
         UCHAR minor;
         SYSTEM_POWER_STATE state;
         NTSTATUS status;
     } const rows[] = {
-        {1, 0, IRP_MN_QUERY_POWER, PowerSystemSleeping3, STATUS_NO_SUCH_DEVICE},
-        {2, 0, IRP_MN_SET_POWER, PowerSystemSleeping3, STATUS_NO_SUCH_DEVICE},
-        {3, 0, IRP_MN_SET_POWER, PowerSystemWorking, STATUS_NO_SUCH_DEVICE},
-        {4, 1, IRP_MN_SET_POWER, PowerSystemWorking, STATUS_SUCCESS}, // it was finished before
+        {"a query", 0, IRP_MN_QUERY_POWER, PowerSystemSleeping3, STATUS_NO_SUCH_DEVICE},
+        {"a sleep", 0, IRP_MN_SET_POWER, PowerSystemSleeping3, STATUS_NO_SUCH_DEVICE},
+        {"a resume", 0, IRP_MN_SET_POWER, PowerSystemWorking, STATUS_NO_SUCH_DEVICE},
+        {"a fast resume, finished before", 1, IRP_MN_SET_POWER, PowerSystemWorking, STATUS_SUCCESS},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE("row " + std::to_string(row.number));
+        SCOPED_TRACE(row.what);
         Machine machine(
             Excusing(WithFastResume(row.fast), host::Rule::PowerMayNotFail, "the power manager fails"));
         Rig& rig = machine.rig;

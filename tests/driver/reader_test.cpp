@@ -39,73 +39,55 @@ Strings ReaderLog()
 
 const Strings kAsk = {"reset 02", "reset 82", "command"};
 
-Strings operator+(Strings a, const Strings& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 // The exchange -----------------------------------------------------------------------------------------------
-
-struct Exchange {
-    int number;
-    std::vector<Strings> answers;
-    Strings expected; // on the bus
-};
-
-void PrintTo(const Exchange& c, std::ostream* out)
-{
-    for (const Strings& packets : c.answers)
-        *out << ::testing::PrintToString(packets) << " ";
-}
-
-class Exchanges : public ::testing::TestWithParam<Exchange> {};
-
-TEST_P(Exchanges, GoOnUntilTheModuleAgrees)
-{
-    Conversation conversation(GetParam().answers);
-    const Port port = conversation.rig.Open();
-    host::UsbBus::Current().ClearLog();
-    conversation.rig.RunFor(1'520 * kMillisecond);
-    EXPECT_EQ(ReaderLog(), GetParam().expected);
-
-    // What came with the answer is gone; what comes now is for the clients.
-    conversation.Send("$GPTXT,1\r\n");
-    EXPECT_EQ(port.Read(42).Text(), std::string(kEmptyFix) + "$GPTXT,1\r\n");
-}
 
 const std::string kOk = "\r\nOK\r\n";
 const std::string kError = "\r\nERROR\r\n";
 const std::string kEcho = "AT*Q7GPSNPD\r";
 using std::string_literals::operator""s;
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, Exchanges,
-    ::testing::Values(
-        Exchange{1, {{kOk}}, kAsk + Strings{"answer", "stream"}},
-        Exchange{2, {{kEcho, kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
-        Exchange{3, {{"$GPGGA,already,streaming\r\n"}}, kAsk + Strings{"answer", "stream"}},
-        Exchange{4, {{"$"}}, kAsk + Strings{"answer", "stream"}},
-        Exchange{5, {{kOk + "$GPGGA,in,the,same,packet\r\n"}}, kAsk + Strings{"answer", "stream"}},
+struct Dialogue {
+    std::vector<Strings> answers;   // packets to each command
+    std::vector<std::size_t> reads; // of an answer, after each command
+};
+
+TEST(Exchange, GoesOnUntilTheModuleAgrees)
+{
+    const Dialogue dialogues[] = {
+        {{{kOk}}, {1}},
+        {{{kEcho, kOk}}, {2}},
+        {{{"$GPGGA,already,streaming\r\n"}}, {1}},
+        {{{"$"}}, {1}},
+        {{{kOk + "$GPGGA,in,the,same,packet\r\n"}}, {1}},
         // Refused, and tried again at once.
-        Exchange{6, {{kError}, {kOk}}, kAsk + Strings{"answer"} + kAsk + Strings{"answer", "stream"}},
-        Exchange{7,
-                 {{kEcho, kError}, {kError}, {"$GPGGA"}},
-                 kAsk + Strings{"answer", "answer"} + kAsk + Strings{"answer"} + kAsk +
-                     Strings{"answer", "stream"}},
+        {{{kError}, {kOk}}, {1, 1}},
+        {{{kEcho, kError}, {kError}, {"$GPGGA"}}, {2, 1, 1}},
         // What begins otherwise is no answer.
-        Exchange{8, {{"OK\r\n", kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
-        Exchange{9, {{"\r\nO", "K\r\n", "$"}}, kAsk + Strings{"answer", "answer", "answer", "stream"}},
-        Exchange{10, {{"\r\nERROR", "\r\n", kOk}}, kAsk + Strings{"answer", "answer", "answer", "stream"}},
-        Exchange{11, {{kEcho + kOk, kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
-        Exchange{12,
-                 {{"\xFF\x00\x01"s + kOk, "\0"s + kOk, kOk}},
-                 kAsk + Strings{"answer", "answer", "answer", "stream"}},
-        Exchange{
-            13, {{"", "", kOk}}, kAsk + Strings{"answer", "answer", "answer", "stream"}}, // empty packets
-        Exchange{14, {{std::string(512, 'x'), kOk}}, kAsk + Strings{"answer", "answer", "stream"}},
-        Exchange{15, {{" $GPGGA", kOk}}, kAsk + Strings{"answer", "answer", "stream"}}),
-    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+        {{{"OK\r\n", kOk}}, {2}},
+        {{{"\r\nO", "K\r\n", "$"}}, {3}},
+        {{{"\r\nERROR", "\r\n", kOk}}, {3}},
+        {{{kEcho + kOk, kOk}}, {2}},
+        {{{"\xFF\x00\x01"s + kOk, "\0"s + kOk, kOk}}, {3}},
+        {{{"", "", kOk}}, {3}}, // empty packets
+        {{{std::string(512, 'x'), kOk}}, {2}},
+        {{{" $GPGGA", kOk}}, {2}},
+    };
+    for (const auto& [answers, reads] : dialogues) {
+        SCOPED_TRACE(::testing::PrintToString(answers));
+        Conversation conversation(answers);
+        const Port port = conversation.rig.Open();
+        host::UsbBus::Current().ClearLog();
+        conversation.rig.RunFor(1'520 * kMillisecond);
+        Strings expected;
+        for (const std::size_t count : reads)
+            expected = expected + kAsk + Strings(count, "answer");
+        EXPECT_EQ(ReaderLog(), expected + Strings{"stream"});
+
+        // What came with the answer is gone; what comes now is for the clients.
+        conversation.Send("$GPTXT,1\r\n");
+        EXPECT_EQ(port.Read(42).Text(), std::string(kEmptyFix) + "$GPTXT,1\r\n");
+    }
+}
 
 TEST(Exchange, BeginsOneAndAHalfSecondsAfterTheFirstOpen)
 {
@@ -324,28 +306,36 @@ TEST(Transfer, IsOneAtATimeAndOfTheWholeBuffer)
     }
 }
 
-// No retry and no reset: it is over until the port has been closed by everybody and opened again.
-TEST(Transfer, ThatFailsEndsReadingUntilTheNextFirstOpen)
+void ExpectReadingAnew(Rig& rig, Port& port)
 {
-    const NTSTATUS statuses[] = {STATUS_UNSUCCESSFUL, STATUS_DEVICE_NOT_CONNECTED,
-                                 STATUS_INSUFFICIENT_RESOURCES, STATUS_IO_TIMEOUT, STATUS_DEVICE_DATA_ERROR};
-    for (const NTSTATUS status : statuses) {
+    port.Close();
+    port = rig.OpenStreaming();
+    EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond));
+}
+
+// No retry and no reset: it is over until the port has been closed by everybody and opened again.
+TEST(Transfer, ThatFailsOrCannotBeMadeEndsReadingUntilTheNextFirstOpen)
+{
+    using enum FaultPoint;
+    std::vector<std::pair<FaultPoint, host::FaultPlan>> faults = {{IrpAllocate, {}},
+                                                                  {PoolAllocate, {.detail = "NxRu"}}};
+    for (const NTSTATUS status : {STATUS_UNSUCCESSFUL, STATUS_DEVICE_NOT_CONNECTED,
+                                  STATUS_INSUFFICIENT_RESOURCES, STATUS_IO_TIMEOUT, STATUS_DEVICE_DATA_ERROR})
+        faults.emplace_back(BusRequest, host::FaultPlan{.fault = {.status = status}});
+    for (const auto& [point, plan] : faults) {
+        SCOPED_TRACE(host::FaultPointName(point) + std::string(" ") + std::to_string(plan.fault.status));
         Rig rig(Counting(100, 200 * kMillisecond));
         Port port = rig.OpenStreaming();
-        rig.kernel.Faults().Arm(FaultPoint::BusRequest, {.fault = {.status = status}});
+        rig.kernel.Faults().Arm(point, plan);
         rig.RunFor(kSecond);
-        EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::BusRequest), 1U);
+        EXPECT_EQ(rig.kernel.Faults().Faults(point), 1U);
         const ULONG had = port.InQueue();
         host::UsbBus::Current().ClearLog();
-        Port second = rig.Open(); // not a first open
+        rig.Open().Close(); // not a first open, nor a last close
         rig.RunFor(5 * kSecond);
-        EXPECT_TRUE(ReaderLog().empty()) << std::hex << status;
+        EXPECT_TRUE(ReaderLog().empty());
         EXPECT_EQ(port.InQueue(), had);
-        port.Close();
-        second.Close();
-        port = rig.OpenStreaming();
-        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond))
-            << std::hex << status;
+        ExpectReadingAnew(rig, port);
     }
 }
 
@@ -361,9 +351,7 @@ TEST(Transfer, ThatTheModuleSpoilsEndsReadingUntilTheNextFirstOpen)
         const auto result = port.Read(1000);
         EXPECT_EQ(result.status, STATUS_TIMEOUT);
         EXPECT_EQ(result.Text(), std::string(kEmptyFix) + Lines(0, 3));
-        port.Close();
-        port = rig.OpenStreaming();
-        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond));
+        ExpectReadingAnew(rig, port);
     }
 }
 
@@ -380,27 +368,6 @@ TEST(Transfer, OfNothingDeliversNothingAndTheNextFollows)
     EXPECT_EQ(std::ranges::count(ReaderLog(), "stream"), 3);
     conversation.Send("12345678");
     EXPECT_EQ(read.Wait().Text(), std::string(kEmptyFix) + "12345678");
-}
-
-TEST(Transfer, WithoutMemoryEndsReadingUntilTheNextFirstOpen)
-{
-    struct {
-        FaultPoint point;
-        const char* tag;
-    } const faults[] = {{FaultPoint::IrpAllocate, ""}, {FaultPoint::PoolAllocate, "NxRu"}};
-    for (const auto& fault : faults) {
-        Rig rig(Counting(100, 200 * kMillisecond));
-        Port port = rig.OpenStreaming();
-        rig.kernel.Faults().Arm(fault.point, {.detail = fault.tag});
-        rig.RunFor(kSecond);
-        EXPECT_EQ(rig.kernel.Faults().Faults(fault.point), 1U);
-        host::UsbBus::Current().ClearLog();
-        rig.RunFor(5 * kSecond);
-        EXPECT_TRUE(ReaderLog().empty());
-        port.Close();
-        port = rig.OpenStreaming();
-        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 2 * kSecond));
-    }
 }
 
 // Without a work item the DPC tries again, and again.

@@ -180,6 +180,12 @@ Port Rig::OpenStreaming()
     return port;
 }
 
+void ExpectStream(const Port& port)
+{
+    EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
+    EXPECT_EQ(port.Read(6).Text(), "$GPGGA");
+}
+
 host::CmRegistry& Rig::Registry()
 {
     return host::ConfigurationManager::Current().Registry();

@@ -133,6 +133,16 @@ class Rig {
     bool loaded_ = false;
 };
 
+// The port gives the fix of a fresh client first, and then what the module says.
+void ExpectStream(const Port& port);
+
+inline std::vector<std::string> operator+(std::vector<std::string> left,
+                                          const std::vector<std::string>& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 // A request on the bus as one short text, as TakeBusLog gives it.
 std::string DescribeRequest(const host::UsbRequest& request);
 

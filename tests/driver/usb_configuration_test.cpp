@@ -34,12 +34,6 @@ struct Arrived {
 const Strings kReads(3, "GET_DESCRIPTOR_FROM_DEVICE");
 const Strings kSelections(2, "SELECT_CONFIGURATION");
 
-Strings operator+(Strings a, const Strings& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 TEST(Start, ReadsThreeDescriptorsAndSelectsTwice)
 {
     Arrived arrived;
@@ -97,7 +91,6 @@ INSTANTIATE_TEST_SUITE_P(
     Table, Lies,
     ::testing::Values(Tale{Lie::None, STATUS_SUCCESS, 2},
                       // Lengths.
-
                       Tale{Lie::TotalLengthTooLong, STATUS_SUCCESS, 2},
                       Tale{Lie::TotalLengthTooShort, kMissing, 0}, Tale{Lie::TotalLengthTiny, kMissing, 0},
                       Tale{Lie::TotalLengthZero, kMissing, 0}, Tale{Lie::ConfigurationTruncated, kMissing, 0},
@@ -144,17 +137,9 @@ TEST(Lie, AboutThePacketSizeLeavesAPortWithoutAStream)
 
 // Pipes ------------------------------------------------------------------------------------------------------
 
-struct Function {
-    int number;
-    module::FunctionOptions options;
-};
-
-class Functions : public ::testing::TestWithParam<Function> {};
-
 // Whatever the module's numbers and the order of its endpoints, the three pipes are found and used.
-TEST_P(Functions, AreUsedAsTheyDescribeThemselves)
+void ExpectPipesUsed(const module::FunctionOptions& function)
 {
-    const module::FunctionOptions& function = GetParam().options;
     RigOptions options;
     options.module.function = function;
     Rig rig(std::move(options));
@@ -179,19 +164,15 @@ TEST_P(Functions, AreUsedAsTheyDescribeThemselves)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, Functions,
-    ::testing::Values(Function{1, {}}, Function{2, {.bulk_out_first = true}},
-                      Function{3, {.speed = module::Speed::Full}},
-                      Function{
-                          4, {.speed = module::Speed::Full, .remote_wakeup = false, .bulk_out_first = true}},
-                      Function{5,
-                               {.comm_interface = 7,
-                                .data_interface = 3,
-                                .interrupt_in = 0x8F,
-                                .bulk_in = 0x81,
-                                .bulk_out = 0x0E}}),
-    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+TEST(Pipes, AreUsedAsTheyDescribeThemselves)
+{
+    ExpectPipesUsed({});
+    ExpectPipesUsed({.bulk_out_first = true});
+    ExpectPipesUsed({.speed = module::Speed::Full});
+    ExpectPipesUsed({.speed = module::Speed::Full, .remote_wakeup = false, .bulk_out_first = true});
+    ExpectPipesUsed(
+        {.comm_interface = 7, .data_interface = 3, .interrupt_in = 0x8F, .bulk_in = 0x81, .bulk_out = 0x0E});
+}
 
 // URBs -------------------------------------------------------------------------------------------------------
 
@@ -219,6 +200,28 @@ void CheckClassRequest(const _URB_CONTROL_VENDOR_OR_CLASS_REQUEST& request)
     EXPECT_EQ(request.RequestTypeReservedBits, 0);
 }
 
+// A machine whose bus is overheard, from the start on.
+struct Overheard : Machine {
+    Overheard(LowerFilter::UrbHook hook, RigOptions options = {}) : Machine(ByHand(std::move(options)))
+    {
+        filter.SetUrbHook(std::move(hook));
+        rig.Plug();
+    }
+};
+
+bool IsTransferOf(const URB& urb, ULONG length)
+{
+    return urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
+           urb.UrbBulkOrInterruptTransfer.TransferBufferLength == length;
+}
+
+NTSTATUS Give(URB& urb, std::string_view data)
+{
+    std::memcpy(urb.UrbBulkOrInterruptTransfer.TransferBuffer, data.data(), data.size());
+    urb.UrbBulkOrInterruptTransfer.TransferBufferLength = static_cast<ULONG>(data.size());
+    return STATUS_SUCCESS;
+}
+
 // From the start to the last close, every URB has the length and the fields of its kind.
 TEST(Urbs, HaveTheFormOfTheirKind)
 {
@@ -228,8 +231,7 @@ TEST(Urbs, HaveTheFormOfTheirKind)
                                     {URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, {40, 0}},
                                     {URB_FUNCTION_ABORT_PIPE, {40, 0}},
                                     {URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER, {128, 2}}};
-    LowerFilter filter;
-    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
+    const auto check = [&](URB& urb) -> std::optional<NTSTATUS> {
         const USHORT function = urb.UrbHeader.Function;
         EXPECT_TRUE(forms.contains(function)) << function;
         Form& form = forms[function];
@@ -247,16 +249,14 @@ TEST(Urbs, HaveTheFormOfTheirKind)
                 EXPECT_EQ(interface.Pipes[i].MaximumTransferSize, 0xFFFFFFFFU) << i;
         }
         return {};
-    });
+    };
     RigOptions options;
-    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
     options.module.faults.answers = {{.kind = module::AnswerFault::Kind::Nothing}};
-    Rig rig(std::move(options));
-    {
-        const Port port = rig.Open();
-        rig.RunFor(12 * kSecond);
-        EXPECT_TRUE(rig.module->Look().nmea_flowing);
-    }
+    Overheard machine(check, std::move(options));
+    Port port = machine.rig.Open();
+    machine.rig.RunFor(12 * kSecond);
+    EXPECT_TRUE(machine.rig.module->Look().nmea_flowing);
+    port.Close();
     for (const auto& [function, form] : forms)
         EXPECT_TRUE(form.seen) << function;
 }
@@ -264,52 +264,39 @@ TEST(Urbs, HaveTheFormOfTheirKind)
 // A bus driver may complete what it is given before it returns.
 TEST(Urbs, MayBeAnsweredAtOnce)
 {
-    LowerFilter filter;
-    int transfers = 0;
-    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
-        if (urb.UrbHeader.Function == URB_FUNCTION_CLASS_INTERFACE)
-            return STATUS_SUCCESS;
-        auto& transfer = urb.UrbBulkOrInterruptTransfer;
-        const bool stream = urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
-                            transfer.TransferBufferLength == kReadBufferSize;
-        if (!stream || ++transfers > 3)
-            return {};
-        std::memcpy(transfer.TransferBuffer, "inline", 6);
-        transfer.TransferBufferLength = 6;
-        return STATUS_SUCCESS;
-    });
     RigOptions options;
-    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
     options.source = nullptr;
     options.module.ignores_idle = true;
-    Rig rig(std::move(options));
-    const Port port = rig.Open();
-    EXPECT_EQ(port.Read(50).Text(), std::string(kEmptyFix) + "inlineinlineinline");
+    int transfers = 0;
+    Overheard machine(
+        [&](URB& urb) -> std::optional<NTSTATUS> {
+            if (urb.UrbHeader.Function == URB_FUNCTION_CLASS_INTERFACE)
+                return STATUS_SUCCESS;
+            if (!IsTransferOf(urb, kReadBufferSize) || ++transfers > 3)
+                return {};
+            return Give(urb, "inline");
+        },
+        std::move(options));
+    EXPECT_EQ(machine.rig.Open().Read(50).Text(), std::string(kEmptyFix) + "inlineinlineinline");
 }
 
 // What the bus reports as damaged is thrown away although the request has succeeded, and the next transfer follows.
 TEST(Urbs, ThatSucceedWithDamagedDataAreThrownAway)
 {
-    LowerFilter filter;
-    int transfers = 0;
-    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
-        auto& transfer = urb.UrbBulkOrInterruptTransfer;
-        const bool stream = urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
-                            transfer.TransferBufferLength == kReadBufferSize;
-        if (!stream || ++transfers > 2)
-            return {};
-        std::memcpy(transfer.TransferBuffer, "good", 4);
-        transfer.TransferBufferLength = 4;
-        urb.UrbHeader.Status = transfers == 1 ? USBD_STATUS_CRC : USBD_STATUS_SUCCESS;
-        return STATUS_SUCCESS;
-    });
     RigOptions options;
-    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
     options.source = nullptr;
-    Rig rig(std::move(options));
-    const Port port = rig.Open();
+    int transfers = 0;
+    Overheard machine(
+        [&](URB& urb) -> std::optional<NTSTATUS> {
+            if (!IsTransferOf(urb, kReadBufferSize) || ++transfers > 2)
+                return {};
+            urb.UrbHeader.Status = transfers == 1 ? USBD_STATUS_CRC : USBD_STATUS_SUCCESS;
+            return Give(urb, "good");
+        },
+        std::move(options));
+    const Port port = machine.rig.Open();
     EXPECT_EQ(port.Read(36).Text(), std::string(kEmptyFix) + "good");
-    rig.RunFor(5 * kSecond);
+    machine.rig.RunFor(5 * kSecond);
     EXPECT_EQ(port.InQueue(), 0U);
     EXPECT_EQ(transfers, 3);
 }
@@ -317,79 +304,52 @@ TEST(Urbs, ThatSucceedWithDamagedDataAreThrownAway)
 // A bus that claims to have brought more than there was room for is not believed.
 TEST(Urbs, ThatClaimTooMuchAreCut)
 {
-    LowerFilter filter;
     int transfers = 0;
-    filter.SetUrbHook([&](URB& urb) -> std::optional<NTSTATUS> {
-        auto& transfer = urb.UrbBulkOrInterruptTransfer;
-        const bool bulk = urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-        const bool answer = bulk && transfer.TransferBufferLength == 512;
-        const bool stream = bulk && transfer.TransferBufferLength == kReadBufferSize;
-        if ((!answer && !stream) || ++transfers > 2)
+    Overheard machine([&](URB& urb) -> std::optional<NTSTATUS> {
+        if ((!IsTransferOf(urb, 512) && !IsTransferOf(urb, kReadBufferSize)) || ++transfers > 2)
             return {};
+        auto& transfer = urb.UrbBulkOrInterruptTransfer;
         std::memset(transfer.TransferBuffer, '$', transfer.TransferBufferLength);
         transfer.TransferBufferLength = 0x7FFFFFFF;
         return STATUS_SUCCESS;
     });
-    RigOptions options;
-    options.on_arrival = [&](host::PnpNode& node) { filter.AttachTo(node); };
-    Rig rig(std::move(options));
-    const Port port = rig.OpenStreaming();
-    rig.RunFor(5 * kSecond);
+    const Port port = machine.rig.OpenStreaming();
+    machine.rig.RunFor(5 * kSecond);
     EXPECT_GT(port.InQueue(), 32U);
     EXPECT_GT(transfers, 2);
 }
 
 // Failing steps ----------------------------------------------------------------------------------------------
 
-struct Failure {
-    int number;
-    FaultPoint point;
-    host::FaultPlan plan;
-    NTSTATUS status;
-};
-
-host::FaultPlan Nth(const char* detail, std::uint64_t nth, NTSTATUS status)
+// The fault's status comes back, the state is as before, and the next start succeeds.
+void ExpectStartAfter(FaultPoint point, const char* detail, std::uint64_t nth, NTSTATUS status)
 {
-    return {.detail = detail, .nth = nth, .fault = {.status = status}};
-}
-
-class FailedStart : public ::testing::TestWithParam<Failure> {};
-
-// Its status comes back, the state is as before, and the next start succeeds.
-TEST_P(FailedStart, CanBeRepeated)
-{
-    const Failure& c = GetParam();
+    SCOPED_TRACE(std::string(detail) + " " + std::to_string(nth));
     Arrived arrived;
-    arrived.rig.kernel.Faults().Arm(c.point, c.plan);
-    EXPECT_EQ(arrived.Start(), c.status);
-    EXPECT_EQ(arrived.rig.kernel.Faults().Faults(c.point), 1U);
+    arrived.rig.kernel.Faults().Arm(point, {.detail = detail, .nth = nth, .fault = {.status = status}});
+    EXPECT_EQ(arrived.Start(), status);
+    EXPECT_EQ(arrived.rig.kernel.Faults().Faults(point), 1U);
     EXPECT_EQ(Inside(arrived.rig).DevicePnPState, STATE_NEVER_STARTED);
     EXPECT_TRUE(host::nt::Interfaces(GUID_DEVINTERFACE_COMPORT).empty());
     ASSERT_EQ(arrived.Start(), STATUS_SUCCESS);
     EXPECT_EQ(arrived.rig.OpenStreaming().Read(32).Text(), kEmptyFix);
 }
 
-constexpr const char* kGet = "GET_DESCRIPTOR_FROM_DEVICE";
-constexpr const char* kSelect = "SELECT_CONFIGURATION";
-constexpr NTSTATUS kNoMemory = STATUS_INSUFFICIENT_RESOURCES;
-INSTANTIATE_TEST_SUITE_P(
-    Table, FailedStart,
-    ::testing::Values(
-        Failure{1, FaultPoint::BusRequest, Nth(kGet, 1, STATUS_DEVICE_DATA_ERROR), STATUS_DEVICE_DATA_ERROR},
-        Failure{2, FaultPoint::BusRequest, Nth(kGet, 3, STATUS_NO_SUCH_DEVICE), STATUS_NO_SUCH_DEVICE},
-        Failure{3, FaultPoint::BusRequest, Nth(kSelect, 1, STATUS_DEVICE_NOT_READY), STATUS_DEVICE_NOT_READY},
-        Failure{4, FaultPoint::BusRequest, Nth(kSelect, 2, STATUS_IO_TIMEOUT), STATUS_IO_TIMEOUT},
-        // URB and buffer of the device descriptor, then of the configuration's head, then of all of it.
-        Failure{5, FaultPoint::PoolAllocate, Nth("NxDu", 1, 0), kNoMemory},
-        Failure{6, FaultPoint::PoolAllocate, Nth("NxDs", 1, 0), kNoMemory},
-        Failure{7, FaultPoint::PoolAllocate, Nth("NxDu", 2, 0), kNoMemory},
-        Failure{8, FaultPoint::PoolAllocate, Nth("NxDs", 2, 0), kNoMemory},
-        Failure{9, FaultPoint::PoolAllocate, Nth("NxDs", 3, 0), kNoMemory},
-        Failure{10, FaultPoint::PoolAllocate, Nth("USBD", 1, 0), kNoMemory},
-        Failure{11, FaultPoint::PoolAllocate, Nth("USBD", 2, 0), kNoMemory},
-        Failure{12, FaultPoint::IrpAllocate, Nth("", 1, 0), kNoMemory},
-        Failure{13, FaultPoint::IrpAllocate, Nth("", 5, 0), kNoMemory}),
-    [](const auto& info) { return "Case" + std::to_string(info.param.number); });
+TEST(FailedStart, CanBeRepeated)
+{
+    using enum FaultPoint;
+    ExpectStartAfter(BusRequest, "GET_DESCRIPTOR_FROM_DEVICE", 1, STATUS_DEVICE_DATA_ERROR);
+    ExpectStartAfter(BusRequest, "GET_DESCRIPTOR_FROM_DEVICE", 3, STATUS_NO_SUCH_DEVICE);
+    ExpectStartAfter(BusRequest, "SELECT_CONFIGURATION", 1, STATUS_DEVICE_NOT_READY);
+    ExpectStartAfter(BusRequest, "SELECT_CONFIGURATION", 2, STATUS_IO_TIMEOUT);
+    // URB and buffer of the device descriptor, then of the configuration's head, then of all of it.
+    for (const auto& [tag, nth] :
+         {std::pair("NxDu", 1U), std::pair("NxDs", 1U), std::pair("NxDu", 2U), std::pair("NxDs", 2U),
+          std::pair("NxDs", 3U), std::pair("USBD", 1U), std::pair("USBD", 2U)})
+        ExpectStartAfter(PoolAllocate, tag, nth, STATUS_INSUFFICIENT_RESOURCES);
+    for (const unsigned nth : {1U, 5U})
+        ExpectStartAfter(IrpAllocate, "", nth, STATUS_INSUFFICIENT_RESOURCES);
+}
 
 } // namespace
 } // namespace navox_test
