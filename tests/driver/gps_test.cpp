@@ -54,7 +54,6 @@ constexpr PrivateCode kCodes[] = {
 TEST(GpsControls, TakeAndGive)
 {
     struct Case {
-        int n;
         ULONG code;
         std::size_t input, output;
         NTSTATUS status;
@@ -66,49 +65,50 @@ TEST(GpsControls, TakeAndGive)
     const Bytes shortVersion = Text("7.2", 10);
     const Bytes buildDate = Text("Mar  1 2012", 20);
     const std::vector<Case> cases = {
-        {1, IOCTL_GPS_GET_COMM_PORT, 0, 4, STATUS_SUCCESS, 4, false, Words({5})},
-        {2, IOCTL_GPS_GET_COMM_PORT, 0, 100, STATUS_SUCCESS, 4, false, Words({5})},
-        {3, IOCTL_GPS_GET_COMM_PORT, 1, 4, kInvalid, 0},
-        {4, IOCTL_GPS_GET_COMM_PORT, 1, 0, kInvalid, 0},
-        {5, IOCTL_GPS_GET_COMM_PORT, 0, 3, kSmall, 4},
-        {6, IOCTL_GPS_GET_COMM_PORT, 0, 0, kSmall, 4},
-        {7, IOCTL_GPS_GET_APPLICATION_COUNT, 0, 4, STATUS_SUCCESS, 4, true, Words({1})},
-        {8, IOCTL_GPS_GET_APPLICATION_COUNT, 0, 9, STATUS_SUCCESS, 4, true, Words({1})},
-        {9, IOCTL_GPS_GET_APPLICATION_COUNT, 1, 4, kInvalid, 0, true},
-        {10, IOCTL_GPS_GET_APPLICATION_COUNT, 4, 0, kInvalid, 0, true},
-        {11, IOCTL_GPS_GET_APPLICATION_COUNT, 0, 3, kSmall, 0, true},
-        {12, IOCTL_GPS_GET_NMEA_MODE, 0, 4, STATUS_SUCCESS, 4, true, Words({0})},
-        {13, IOCTL_GPS_GET_NMEA_MODE, 4, 4, kInvalid, 0, true},
-        {14, IOCTL_GPS_GET_NMEA_MODE, 0, 2, kSmall, 4, true},
-        {15, IOCTL_GPS_SET_NMEA_MODE, 4, 1, kInvalid, 0, true},
-        {16, IOCTL_GPS_SET_NMEA_MODE, 0, 1, kInvalid, 0, true},
-        {17, IOCTL_GPS_SET_NMEA_MODE, 3, 0, kSmall, 4, true},
-        {18, IOCTL_GPS_SET_NMEA_MODE, 0, 0, kSmall, 4, true},
-        {19, IOCTL_GPS_GET_NMEA_MODE, 0, 4, STATUS_SUCCESS, 4, true, Words({0})}, // none of these set it
-        {20, IOCTL_GPS_SET_NMEA_MODE, 4, 0, STATUS_SUCCESS, 0, true},
-        {21, IOCTL_GPS_GET_NMEA_MODE, 0, 8, STATUS_SUCCESS, 4, true, Words({0xABABABAB})},
-        {22, IOCTL_GPS_SET_NMEA_MODE, 64, 0, STATUS_SUCCESS, 0, true},
-        {23, IOCTL_GPS_RESET_GPS, 0, 0, STATUS_SUCCESS, 8, true},
-        {24, IOCTL_GPS_RESET_GPS, 16, 0, STATUS_SUCCESS, 8, true},
-        {25, IOCTL_GPS_RESET_GPS, 0, 7, STATUS_SUCCESS, 8, true},
-        {26, IOCTL_GPS_RESET_GPS, 3, 100, STATUS_SUCCESS, 8, true},
-        {27, IOCTL_GPS_QUERY_VERSION, 0, 20, STATUS_SUCCESS, 20, false, version},
-        {28, IOCTL_GPS_QUERY_VERSION, 0, 64, STATUS_SUCCESS, 20, false, version},
-        {29, IOCTL_GPS_QUERY_VERSION, 0, 19, kSmall, 1},
-        {30, IOCTL_GPS_QUERY_VERSION, 0, 0, kSmall, 1},
-        {31, IOCTL_GPS_QUERY_VERSION, 1, 20, kInvalid, 0},
-        {32, IOCTL_GPS_QUERY_VERSION, 1, 19, kInvalid, 0},
-        {33, IOCTL_GPS_QUERY_SHORT_VERSION, 0, 10, STATUS_SUCCESS, 10, false, shortVersion},
-        {34, IOCTL_GPS_QUERY_SHORT_VERSION, 0, 9, kSmall, 1},
-        {35, IOCTL_GPS_QUERY_SHORT_VERSION, 1, 10, kInvalid, 0},
-        {36, IOCTL_GPS_QUERY_BUILD_DATE, 0, 20, STATUS_SUCCESS, 20, false, buildDate},
-        {37, IOCTL_GPS_QUERY_BUILD_DATE, 0, 19, kSmall, 1},
-        {38, IOCTL_GPS_QUERY_BUILD_DATE, 1, 20, kInvalid, 0},
+        {IOCTL_GPS_GET_COMM_PORT, 0, 4, STATUS_SUCCESS, 4, false, Words({5})},
+        {IOCTL_GPS_GET_COMM_PORT, 0, 100, STATUS_SUCCESS, 4, false, Words({5})},
+        {IOCTL_GPS_GET_COMM_PORT, 1, 4, kInvalid, 0},
+        {IOCTL_GPS_GET_COMM_PORT, 1, 0, kInvalid, 0},
+        {IOCTL_GPS_GET_COMM_PORT, 0, 3, kSmall, 4},
+        {IOCTL_GPS_GET_COMM_PORT, 0, 0, kSmall, 4},
+        {IOCTL_GPS_GET_APPLICATION_COUNT, 0, 4, STATUS_SUCCESS, 4, true, Words({1})},
+        {IOCTL_GPS_GET_APPLICATION_COUNT, 0, 9, STATUS_SUCCESS, 4, true, Words({1})},
+        {IOCTL_GPS_GET_APPLICATION_COUNT, 1, 4, kInvalid, 0, true},
+        {IOCTL_GPS_GET_APPLICATION_COUNT, 4, 0, kInvalid, 0, true},
+        {IOCTL_GPS_GET_APPLICATION_COUNT, 0, 3, kSmall, 0, true},
+        {IOCTL_GPS_GET_NMEA_MODE, 0, 4, STATUS_SUCCESS, 4, true, Words({0})},
+        {IOCTL_GPS_GET_NMEA_MODE, 4, 4, kInvalid, 0, true},
+        {IOCTL_GPS_GET_NMEA_MODE, 0, 2, kSmall, 4, true},
+        {IOCTL_GPS_SET_NMEA_MODE, 4, 1, kInvalid, 0, true},
+        {IOCTL_GPS_SET_NMEA_MODE, 0, 1, kInvalid, 0, true},
+        {IOCTL_GPS_SET_NMEA_MODE, 3, 0, kSmall, 4, true},
+        {IOCTL_GPS_SET_NMEA_MODE, 0, 0, kSmall, 4, true},
+        {IOCTL_GPS_GET_NMEA_MODE, 0, 4, STATUS_SUCCESS, 4, true, Words({0})}, // none of these set it
+        {IOCTL_GPS_SET_NMEA_MODE, 4, 0, STATUS_SUCCESS, 0, true},
+        {IOCTL_GPS_GET_NMEA_MODE, 0, 8, STATUS_SUCCESS, 4, true, Words({0xABABABAB})},
+        {IOCTL_GPS_SET_NMEA_MODE, 64, 0, STATUS_SUCCESS, 0, true},
+        {IOCTL_GPS_RESET_GPS, 0, 0, STATUS_SUCCESS, 8, true},
+        {IOCTL_GPS_RESET_GPS, 16, 0, STATUS_SUCCESS, 8, true},
+        {IOCTL_GPS_RESET_GPS, 0, 7, STATUS_SUCCESS, 8, true},
+        {IOCTL_GPS_RESET_GPS, 3, 100, STATUS_SUCCESS, 8, true},
+        {IOCTL_GPS_QUERY_VERSION, 0, 20, STATUS_SUCCESS, 20, false, version},
+        {IOCTL_GPS_QUERY_VERSION, 0, 64, STATUS_SUCCESS, 20, false, version},
+        {IOCTL_GPS_QUERY_VERSION, 0, 19, kSmall, 1},
+        {IOCTL_GPS_QUERY_VERSION, 0, 0, kSmall, 1},
+        {IOCTL_GPS_QUERY_VERSION, 1, 20, kInvalid, 0},
+        {IOCTL_GPS_QUERY_VERSION, 1, 19, kInvalid, 0},
+        {IOCTL_GPS_QUERY_SHORT_VERSION, 0, 10, STATUS_SUCCESS, 10, false, shortVersion},
+        {IOCTL_GPS_QUERY_SHORT_VERSION, 0, 9, kSmall, 1},
+        {IOCTL_GPS_QUERY_SHORT_VERSION, 1, 10, kInvalid, 0},
+        {IOCTL_GPS_QUERY_BUILD_DATE, 0, 20, STATUS_SUCCESS, 20, false, buildDate},
+        {IOCTL_GPS_QUERY_BUILD_DATE, 0, 19, kSmall, 1},
+        {IOCTL_GPS_QUERY_BUILD_DATE, 1, 20, kInvalid, 0},
     };
     Rig rig;
     Port port = rig.Open();
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.n);
+        SCOPED_TRACE(std::to_string(c.code) + " with " + std::to_string(c.input) + ", " +
+                     std::to_string(c.output) + " bytes");
         const Result result = port.Control(c.code, Filled(c.input), c.output);
         EXPECT_EQ(result.status, c.status);
         EXPECT_EQ(result.information, c.information);
@@ -124,24 +124,20 @@ TEST(GpsControls, TakeAndGive)
 // RESET_GPS counts bytes that it has not written. What comes out is the caller's own input, and zeros.
 TEST(GpsControls, ShowNoMemoryOfOthers)
 {
-    struct Case {
-        int n;
+    const struct {
         std::size_t input, output;
         Bytes given;
-    };
-    const std::vector<Case> cases = {
-        {1, 0, 8, Zeros(8)},
-        {2, 3, 8, BytesFrom({0xAB, 0xAB, 0xAB, 0, 0, 0, 0, 0})},
-        {3, 64, 64, Filled(8)},
-        {4, 0, 100, Zeros(8)},
+    } cases[] = {
+        {0, 8, Zeros(8)},
+        {3, 8, BytesFrom({0xAB, 0xAB, 0xAB, 0, 0, 0, 0, 0})},
+        {64, 64, Filled(8)},
+        {0, 100, Zeros(8)},
     };
     Rig rig;
     Port port = rig.Open();
     host::IoManager::Current().SetSystemBufferFill(std::byte{0x5A});
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.n);
+    for (const auto& c : cases)
         EXPECT_EQ(Hex(port.Control(IOCTL_GPS_RESET_GPS, Filled(c.input), c.output).data), Hex(c.given));
-    }
     // A buffer shorter than the count is left alone.
     EXPECT_EQ(Hex(SendDirect(rig, IOCTL_GPS_RESET_GPS, {}, 7).output), Hex(Zeros(7)));
 }
@@ -229,30 +225,6 @@ TEST(GpsControls, CountApplicationsByTheirOpens)
     EXPECT_EQ(count(), 1u);
     first.Close();
     EXPECT_EQ(count(), 0u);
-}
-
-TEST(GpsControls, TellThePortByItsName)
-{
-    struct Case {
-        int n;
-        std::string name;
-        ULONG number;
-        std::size_t length; // bytes, of the name
-    };
-    static const Case kCases[] = {
-        {1, "COM12", 12, 10},
-        {2, "GPS7", 7, 8},
-        {3, "COM256", 256, 12},
-        {4, "COM" + std::string(30, '0'), 0, 66},
-        {5, "COM" + std::string(30, '0') + "3", 3, 0}, // too long: the port's name is empty
-    };
-    for (const Case& c : kCases) {
-        SCOPED_TRACE(c.n);
-        Rig rig({.port_name = c.name});
-        Port port = rig.Open();
-        EXPECT_EQ(port.Get<ULONG>(IOCTL_GPS_GET_COMM_PORT), c.number);
-        EXPECT_EQ(port.Control(IOCTL_GPS_RESET_GPS).information, c.length);
-    }
 }
 
 TEST(GpsControls, ShareOneNmeaModeThatChangesNothing)

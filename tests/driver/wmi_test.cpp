@@ -116,28 +116,6 @@ TEST(Wmi, CommunicationSettings)
         EXPECT_EQ(Word(block, word.offset), word.value) << "at " << word.offset;
 }
 
-TEST(Wmi, TheSettingsFollowTheLineControl)
-{
-    Rig rig;
-    Port port = rig.Open();
-    EXPECT_EQ(port.Set(IOCTL_SERIAL_SET_LINE_CONTROL, SERIAL_LINE_CONTROL{STOP_BITS_2, EVEN_PARITY, 7}),
-              STATUS_SUCCESS);
-    SERIAL_CHARS chars{};
-    chars.XonChar = 'n';
-    chars.XoffChar = 'f';
-    EXPECT_EQ(port.Set(IOCTL_SERIAL_SET_CHARS, chars), STATUS_SUCCESS);
-    const Bytes block = Ask(kComm);
-    EXPECT_EQ(Word(block, 4), 7U);
-    EXPECT_EQ(Word(block, 8), 2U);
-    EXPECT_EQ(Word(block, 16), 2U);
-    EXPECT_EQ(Word(block, 20), ULONG{'f'});
-    EXPECT_EQ(Word(block, 28), ULONG{'n'});
-    // A restart leaves them.
-    port.Close();
-    EXPECT_EQ(host::PnpManager::Current().Rebalance(rig.Node()), STATUS_SUCCESS);
-    EXPECT_EQ(Ask(kComm), block);
-}
-
 TEST(Wmi, PropertiesAreASizeAndCountersStayZero)
 {
     Rig rig;
