@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <wdm/rtl.h>
 
 namespace host {
@@ -52,7 +53,9 @@ class RtlpPlatformArguments {
 template <class Character>
 class RtlpFormatter {
   public:
-    using String = std::basic_string<Character>;
+    // why: the C++ library has strings of wchar_t compiled in, with wider characters than the platform's.
+    using Unit = std::conditional_t<sizeof(Character) == 1, char, char16_t>;
+    using String = std::basic_string<Unit>;
 
     template <class Arguments>
     static String Format(const Character* format, Arguments& arguments)
@@ -61,7 +64,7 @@ class RtlpFormatter {
         while (*format != 0) {
             const Character* next = *format == '%' ? formatter.Convert(format, arguments) : nullptr;
             if (next == nullptr)
-                formatter.out_.push_back(*format++);
+                formatter.out_.push_back(static_cast<Unit>(*format++));
             else
                 format = next;
         }
@@ -154,7 +157,7 @@ class RtlpFormatter {
         case 'p': PrintPointer(arguments); return true;
         case 'c':
         case 'C':
-            PrintText(conversion, String(1, static_cast<Character>(arguments.template Next<int>())));
+            PrintText(conversion, String(1, static_cast<Unit>(arguments.template Next<int>())));
             return true;
         case 's':
         case 'S': PrintString(conversion, arguments); return true;
@@ -231,7 +234,7 @@ class RtlpFormatter {
             converted.assign(null.begin(), null.end());
         } else {
             for (int i = 0; (conversion.precision < 0 || i < conversion.precision) && text[i] != 0; ++i)
-                converted.push_back(static_cast<Character>(text[i]));
+                converted.push_back(static_cast<Unit>(text[i]));
         }
         PrintText(conversion, converted);
     }
@@ -243,10 +246,10 @@ class RtlpFormatter {
         if (conversion.size == Conversion::Wide) {
             if (const auto* string = arguments.template Next<const UNICODE_STRING*>())
                 for (unsigned i = 0; i < string->Length / sizeof(WCHAR); ++i)
-                    converted.push_back(static_cast<Character>(string->Buffer[i]));
+                    converted.push_back(static_cast<Unit>(string->Buffer[i]));
         } else if (const auto* string = arguments.template Next<const ANSI_STRING*>()) {
             for (unsigned i = 0; i < string->Length; ++i)
-                converted.push_back(static_cast<Character>(string->Buffer[i]));
+                converted.push_back(static_cast<Unit>(string->Buffer[i]));
         }
         PrintText(conversion, converted);
     }
