@@ -18,35 +18,12 @@ void Force(Rig& rig)
     SetPnpState(&ExtensionOf(rig), State);
 }
 
-void QueryStop(Rig& rig)
+// What the system asks of the device, one after the other.
+template <NTSTATUS (PnpManager::*... Asked)(const host::PnpNodePtr&)>
+void Ask(Rig& rig)
 {
-    EXPECT_EQ(PnpManager::Current().QueryStop(rig.Node()), STATUS_SUCCESS);
-}
-
-void CancelStop(Rig& rig)
-{
-    EXPECT_EQ(PnpManager::Current().CancelStop(rig.Node()), STATUS_SUCCESS);
-}
-
-void Stop(Rig& rig)
-{
-    QueryStop(rig);
-    EXPECT_EQ(PnpManager::Current().Stop(rig.Node()), STATUS_SUCCESS);
-}
-
-void Start(Rig& rig)
-{
-    EXPECT_EQ(PnpManager::Current().Start(rig.Node()), STATUS_SUCCESS);
-}
-
-void QueryRemove(Rig& rig)
-{
-    EXPECT_EQ(PnpManager::Current().QueryRemove(rig.Node()), STATUS_SUCCESS);
-}
-
-void CancelRemove(Rig& rig)
-{
-    EXPECT_EQ(PnpManager::Current().CancelRemove(rig.Node()), STATUS_SUCCESS);
+    for (const auto asked : {Asked...})
+        EXPECT_EQ((PnpManager::Current().*asked)(rig.Node()), STATUS_SUCCESS);
 }
 
 void Pull(Rig& rig)
@@ -135,9 +112,12 @@ const std::vector<DeviceState>& DeviceStates()
     static const std::vector<DeviceState> states = {
         {"started", STATE_STARTED, true, Stay, Stay},
         {"never started", STATE_NEVER_STARTED, true, Force<STATE_NEVER_STARTED>, Force<STATE_STARTED>},
-        {"stop pending", STATE_STOP_PENDING, false, QueryStop, CancelStop},
-        {"stopped", STATE_STOPPED, false, Stop, Start},
-        {"remove pending", STATE_REMOVE_PENDING, false, QueryRemove, CancelRemove},
+        {"stop pending", STATE_STOP_PENDING, false, Ask<&PnpManager::QueryStop>,
+         Ask<&PnpManager::CancelStop>},
+        {"stopped", STATE_STOPPED, false, Ask<&PnpManager::QueryStop, &PnpManager::Stop>,
+         Ask<&PnpManager::Start>},
+        {"remove pending", STATE_REMOVE_PENDING, false, Ask<&PnpManager::QueryRemove>,
+         Ask<&PnpManager::CancelRemove>},
         {"power queried", STATE_POWER_QUERIED, false, Force<STATE_POWER_QUERIED>, Force<STATE_STARTED>},
         {"removed", STATE_REMOVED, true, Force<STATE_REMOVED>, Force<STATE_STARTED>},
         {"surprise removed", STATE_SURPRISE_REMOVED, false, Pull, Stay},

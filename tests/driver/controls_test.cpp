@@ -405,16 +405,6 @@ TEST(SerialControls, AreAdmittedByTheStateOfTheDevice)
     }
 }
 
-TEST(SerialControls, CountNothingWhileDataFlow)
-{
-    Rig rig;
-    Port port = rig.OpenStreaming();
-    rig.RunFor(3 * kSecond);
-    EXPECT_GT(port.InQueue(), 32u);
-    EXPECT_EQ(Hex(port.Control(IOCTL_SERIAL_GET_STATS, {}, 24).data), Hex(Zeros(24)));
-    EXPECT_EQ(port.Get<ULONG>(IOCTL_SERIAL_GET_DTRRTS), 0u); // although the module's lines are up
-}
-
 TEST(SerialControls, PurgeNothing)
 {
     Rig rig({.source = nullptr});

@@ -163,19 +163,22 @@ TEST(GpsControls, NeedTheAccessThatTheirCodesSay)
     }
 }
 
-TEST(GpsControls, AreServedInEveryState)
+TEST(GpsControls, AndWritesAreServedInEveryState)
 {
     for (const DeviceState& state : DeviceStates()) {
+        SCOPED_TRACE(state.name);
         Rig rig;
         Port port = rig.Open();
         Port second = rig.Open();
         EXPECT_EQ(port.Set(IOCTL_GPS_SET_NMEA_MODE, ULONG{3}), STATUS_SUCCESS);
         state.enter(rig);
-        SCOPED_TRACE(state.name);
         EXPECT_EQ(port.Get<ULONG>(IOCTL_GPS_GET_COMM_PORT), 5u);
         EXPECT_EQ(port.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 2u);
         EXPECT_EQ(port.Get<ULONG>(IOCTL_GPS_GET_NMEA_MODE), 3u);
         EXPECT_EQ(port.Control(IOCTL_GPS_RESET_GPS).information, 8u);
+        const Result written = port.Write(Zeros(7));
+        EXPECT_EQ(written.status, STATUS_SUCCESS);
+        EXPECT_EQ(written.information, 7u);
         for (const PrivateCode& code : kCodes) {
             const NTSTATUS refusal = state.admits ? STATUS_INVALID_DEVICE_REQUEST : STATUS_DELETE_PENDING;
             EXPECT_EQ(port.Control(code.code, Zeros(code.input), code.output).status,
@@ -203,28 +206,18 @@ TEST(GpsControls, AreServedBeforeTheFirstStart)
     EXPECT_EQ(rig.Open().Get<ULONG>(IOCTL_GPS_GET_NMEA_MODE), 9u);
 }
 
+// One open, however many handles it has.
 TEST(GpsControls, CountApplicationsByTheirOpens)
 {
     Rig rig;
-    const auto count = [&] {
-        ULONG value = 0;
-        const Bytes output = SendDirect(rig, IOCTL_GPS_GET_APPLICATION_COUNT, {}, 4).output;
-        std::memcpy(&value, output.data(), sizeof value);
-        return value;
-    };
-    EXPECT_EQ(count(), 0u);
-    Port first = rig.Open();
+    const Port first = rig.Open();
     Port second = rig.Open();
-    EXPECT_EQ(second.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 2u);
-    {
-        const host::nt::File again = second.Duplicate();
-        EXPECT_EQ(count(), 2u); // one open, two handles
-        second.Close();
-        EXPECT_EQ(count(), 2u);
-    }
-    EXPECT_EQ(count(), 1u);
-    first.Close();
-    EXPECT_EQ(count(), 0u);
+    host::nt::File again = second.Duplicate();
+    EXPECT_EQ(first.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 2u);
+    second.Close();
+    EXPECT_EQ(first.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 2u);
+    again.Close();
+    EXPECT_EQ(first.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 1u);
 }
 
 TEST(GpsControls, ShareOneNmeaModeThatChangesNothing)

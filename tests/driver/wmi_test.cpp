@@ -123,6 +123,8 @@ TEST(Wmi, PropertiesAreASizeAndCountersStayZero)
     port.Read(2000);
     EXPECT_EQ(Ask(kProperties), Bytes(68));
     EXPECT_EQ(Ask(kPerformance), Bytes(24));
+    EXPECT_EQ(port.Control(IOCTL_SERIAL_GET_STATS, {}, 24).data, Bytes(24));
+    EXPECT_EQ(port.Get<ULONG>(IOCTL_SERIAL_GET_DTRRTS), 0U); // although the module's lines are up
 }
 
 // The smallest buffer that a query succeeds with is the one that a smaller one is told of.

@@ -39,20 +39,6 @@ TEST(Write, NeverReachesAModuleThatStreams)
     EXPECT_EQ(rig.module->Look().bytes_received, received);
 }
 
-TEST(Write, IsRefusedInNoState)
-{
-    for (const DeviceState& state : DeviceStates()) {
-        Rig rig;
-        Port port = rig.Open();
-        state.enter(rig);
-        const host::nt::Result result = port.Write(Zeros(7));
-        EXPECT_EQ(result.status, STATUS_SUCCESS) << state.name;
-        EXPECT_EQ(result.information, 7u) << state.name;
-        EXPECT_TRUE(IsNothingPending(&ExtensionOf(rig))) << state.name;
-        state.leave(rig);
-    }
-}
-
 // Whatever its time-outs, whoever reads, and however many there are.
 TEST(Write, IsDoneAtOnce)
 {
@@ -67,17 +53,12 @@ TEST(Write, IsDoneAtOnce)
     EXPECT_FALSE(read.Done());
 }
 
-TEST(Write, NeedsAHandleToWriteTo)
+TEST(Write, NeedsAHandleToWriteToAndCannotBeFlushed)
 {
     Rig rig;
     Port port;
     ASSERT_EQ(rig.TryOpen(&port, {.access = Access::Read}), STATUS_SUCCESS);
     EXPECT_EQ(port.Write(Zeros(1)).status, STATUS_ACCESS_DENIED);
-}
-
-TEST(Write, CannotBeFlushed)
-{
-    Rig rig;
     EXPECT_EQ(rig.Open().Flush().status, STATUS_INVALID_DEVICE_REQUEST);
 }
 
