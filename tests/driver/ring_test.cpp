@@ -115,21 +115,6 @@ TEST_P(RingAgainstRule, RandomTransfersAndReadsGiveTheSameBytes)
 
 INSTANTIATE_TEST_SUITE_P(Sizes, RingAgainstRule, ::testing::Values(2u, 3u, 7u, 64u, 4096u));
 
-TEST(Ring, AFullRingKeepsTheOldestBytes)
-{
-    Bytes storage(8);
-    ClientRing ring;
-    ring.Initialise(storage.data(), 8, 0);
-    const Bytes first = {1, 2, 3, 4, 5, 6};
-    const Bytes second = {7, 8, 9, 10};
-    EXPECT_FALSE(ring.Append(first.data(), 6));
-    EXPECT_FALSE(ring.Append(second.data(), 4));
-    Bytes out(8);
-    EXPECT_EQ(ring.Take(out.data(), 8), 8u);
-    EXPECT_EQ(out, (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
-    EXPECT_EQ(ring.ReadPosition, ring.RingBuffer) << "a take up to the end of the storage wraps";
-}
-
 TEST(Ring, ATransferThatFillsTheReadLeavesItsRestInTheRing)
 {
     Bytes storage(8);
