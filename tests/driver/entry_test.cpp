@@ -51,18 +51,10 @@ struct Installation {
     std::vector<Value> driver{};
 };
 
-RigOptions WithoutModule(host::KernelOptions kernel)
-{
-    RigOptions options;
-    options.kernel = std::move(kernel);
-    options.plug = false;
-    return options;
-}
-
 // A machine on which modules arrive one by one and nothing is done by itself.
 class Machine {
   public:
-    explicit Machine(host::KernelOptions kernel = {}) : rig(WithoutModule(std::move(kernel)))
+    explicit Machine(host::KernelOptions kernel = {}) : rig({.kernel = std::move(kernel), .plug = false})
     {
         PnpManager::Current().SetAutomatic(false);
         PnpManager::Current().SetInstaller([this](host::PnpNode& node) {
@@ -144,9 +136,7 @@ using Strings = std::vector<std::string>;
 
 TEST(Load, FailsAloudWhenThePathCannotBeKept)
 {
-    RigOptions options;
-    options.load = false;
-    Rig rig(options);
+    Rig rig({.load = false});
     rig.kernel.Faults().Arm(FaultPoint::PoolAllocate, {.detail = "NxRp"});
     EXPECT_EQ(rig.Load(), STATUS_INSUFFICIENT_RESOURCES);
     const Strings prints = rig.kernel.DebugPrints();
@@ -225,23 +215,11 @@ TEST(Arrival, APortNameIsTakenOnce)
     EXPECT_EQ(Machine::NameOf(third), "\\Device\\quorlex2");
 }
 
-TEST(Departure, TakesNamesAndOneOffTheSerialCount)
-{
-    Rig rig;
-    const ULONG before = IoGetConfigurationInformation()->SerialCount;
-    rig.Unplug();
-    EXPECT_EQ(IoGetConfigurationInformation()->SerialCount, before - 1); // nothing has ever added it
-    EXPECT_TRUE(Machine::Links().empty());
-    EXPECT_TRUE(rig.Registry().Values(rig.Registry().Open(kSerialComm)).empty());
-    EXPECT_EQ(IoGetConfigurationInformation()->SerialCount, before - 1);
-}
-
 // The link that goes is the one that the registry names then.
 TEST(Departure, OfARenamedPortLeavesItsFirstLink)
 {
-    RigOptions options;
-    options.kernel.excuses = {{.rule = host::Rule::SymbolicLinkLeak, .reason = "the port was renamed"}};
-    Rig rig(options);
+    Rig rig(
+        {.kernel = {.excuses = {{.rule = host::Rule::SymbolicLinkLeak, .reason = "the port was renamed"}}}});
     rig.Registry().SetString(rig.Node()->HardwareKey(), u"PortName", u"COM6");
     rig.Unplug();
     EXPECT_EQ(Machine::Links(), (Strings{"\\DosDevices\\COM5 -> \\Device\\quorlex0"}));
@@ -350,9 +328,7 @@ TEST(Setting, OfAnyTypeIsTakenAsItIs)
 TEST(Setting, OfSelectiveSuspendLetsAnIdleModuleSleep)
 {
     for (const std::uint32_t setting : {0U, 1U, 0x80000000U}) {
-        RigOptions options;
-        options.settings = {{"EnableSelectiveSuspend", setting}};
-        Rig rig(options);
+        Rig rig({.settings = {{"EnableSelectiveSuspend", setting}}});
         rig.usb_port->AllowIdle(false); // what follows is the hub's affair
         rig.RunFor(6 * kSecond);
         EXPECT_EQ(rig.usb_port->IdleRequested(), setting != 0) << setting;

@@ -42,6 +42,7 @@ ULONG ApplicationCount(const Port& port)
     return port.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT);
 }
 
+// As one word in the hardware key.
 TEST(OpenHandles, FollowsEveryOpenAndClose)
 {
     Rig rig;
@@ -54,19 +55,12 @@ TEST(OpenHandles, FollowsEveryOpenAndClose)
     EXPECT_EQ(ApplicationCount(one), 2U);
     one.Close();
     three.Close();
+    for (const host::CmWrite& write : rig.Registry().Writes()) {
+        EXPECT_EQ(write.kind, host::CmWrite::Kind::SetValue);
+        EXPECT_EQ(write.key, rig.Node()->HardwareKey());
+        EXPECT_EQ(write.type, static_cast<std::uint32_t>(host::CmType::Dword));
+    }
     EXPECT_EQ(TakeCounts(rig), (std::vector<std::uint32_t>{1, 2, 3, 2, 1, 0}));
-}
-
-TEST(OpenHandles, IsWrittenAsOneWordInTheHardwareKey)
-{
-    Rig rig;
-    rig.Registry().ClearWrites();
-    const Port port = rig.Open();
-    const auto writes = rig.Registry().Writes();
-    ASSERT_EQ(writes.size(), 1U);
-    EXPECT_EQ(writes[0].kind, host::CmWrite::Kind::SetValue);
-    EXPECT_EQ(writes[0].key, rig.Node()->HardwareKey());
-    EXPECT_EQ(writes[0].type, static_cast<std::uint32_t>(host::CmType::Dword));
 }
 
 // A registry that refuses the count refuses neither open nor close.
@@ -220,10 +214,9 @@ TEST(Line, OfASlowModuleHoldsUpTheFirstOpenOnly)
 // A module that never answers holds it up until it is pulled; the handle is then one of a device that is gone.
 TEST(Line, OfAModuleThatNeverAnswersBlocksTheOpenUntilItIsPulled)
 {
-    RigOptions options;
-    options.module.faults.packets = {
-        {.kind = PacketFault::Kind::Silence, .pipe = Pipe::Control, .bRequest = std::uint8_t{0x04}}};
-    Rig rig(options);
+    Rig rig({.module = {.faults = {.packets = {{.kind = PacketFault::Kind::Silence,
+                                                .pipe = Pipe::Control,
+                                                .bRequest = std::uint8_t{0x04}}}}}});
     Port port;
     host::ThreadHandle opener = rig.kernel.Spawn("opener", [&] { port = rig.Open(); });
     rig.RunFor(60 * kSecond);
@@ -264,9 +257,7 @@ TEST(Open, WithoutMemoryForTheSetUpSucceeds)
 
 TEST(Open, BeforeTheStartIsRefusedAsIfMemoryWereShort)
 {
-    RigOptions options;
-    options.plug = false;
-    Rig rig(options);
+    Rig rig({.plug = false});
     PnpManager::Current().SetAutomatic(false);
     rig.Plug();
     ASSERT_EQ(PnpManager::Current().AddDevice(rig.Node()), STATUS_SUCCESS);
@@ -278,9 +269,7 @@ TEST(Open, BeforeTheStartIsRefusedAsIfMemoryWereShort)
 
 TEST(Close, CancelsWhatItsApplicationStillWaitsFor)
 {
-    RigOptions options;
-    options.source = nullptr;
-    Rig rig(options);
+    Rig rig({.source = nullptr});
     Port port = rig.Open();
     const Port other = rig.Open();
     const host::nt::Request theirs = other.StartRead(100);

@@ -139,30 +139,38 @@ TEST(Exchange, WithAModuleThatNeverSpeaksGoesOnForeverAndEndsWithTheLastClose)
     EXPECT_TRUE(ReaderLog().empty());
 }
 
-// The command is not checked by itself: the module's silence tells.
-TEST(Exchange, OvercomesACommandThatWasStalled)
+// A stalled answer is asked for again at once. The command is not checked by itself: the module's silence tells.
+TEST(Exchange, OvercomesWhatTheModuleDoesWrong)
 {
-    RigOptions options;
-    options.module.faults.packets = {{.kind = PacketFault::Kind::Stall, .pipe = Pipe::BulkOut}};
-    Rig rig(options);
-    const Port port = rig.Open();
-    EXPECT_FALSE(rig.kernel.RunUntil([&] { return rig.module->Look().nmea_flowing; }, 8 * kSecond));
-    EXPECT_TRUE(rig.kernel.RunUntil([&] { return rig.module->Look().nmea_flowing; }, kSecond));
-}
-
-TEST(Exchange, OvercomesAnAnswerThatWasStalled)
-{
-    for (const unsigned nth : {1U, 2U}) {
-        RigOptions options;
-        options.module.faults.packets = {
-            {.kind = PacketFault::Kind::Stall, .pipe = Pipe::BulkIn, .nth = nth}};
-        Rig rig(options);
+    const auto stall = [](Pipe pipe, unsigned nth) {
+        return module::Faults{.packets = {{.kind = PacketFault::Kind::Stall, .pipe = pipe, .nth = nth}}};
+    };
+    struct {
+        const char* what;
+        module::Faults faults;
+        host::Time silent; // at least so long after the first command
+        int commands, aborts;
+    } const rows[] = {
+        {"the command stalls", stall(Pipe::BulkOut, 1), 6 * kSecond, 2, 1},
+        {"the first packet of the answer stalls", stall(Pipe::BulkIn, 1), 0, 2, 0},
+        {"the second packet of the answer stalls", stall(Pipe::BulkIn, 2), 0, 2, 0},
+        {"the answer is late",
+         {.answers = {{.kind = AnswerFault::Kind::Late, .delay = 6 * kSecond}}},
+         5 * kSecond,
+         1,
+         0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        Rig rig({.module = {.faults = row.faults}});
         host::UsbBus::Current().ClearLog();
-        const Port port = rig.OpenStreaming();
-        rig.RunFor(kSecond);
+        const Port port = rig.Open();
+        rig.RunFor(1'500 * kMillisecond + row.silent);
+        EXPECT_EQ(port.InQueue(), kEmptyFix.size());
+        EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > kEmptyFix.size(); }, 4 * kSecond));
         const Strings log = ReaderLog();
-        EXPECT_EQ(std::ranges::count(log, "command"), 2) << nth;
-        EXPECT_EQ(std::ranges::count(log, "abort 82"), 0) << nth;
+        EXPECT_EQ(std::ranges::count(log, "command"), row.commands);
+        EXPECT_EQ(std::ranges::count(log, "abort 82"), row.aborts);
         EXPECT_EQ(log.back(), "stream");
     }
 }
@@ -176,16 +184,6 @@ TEST(Exchange, IsRepeatedWhenMemoryIsShort)
         EXPECT_EQ(rig.kernel.Faults().Faults(FaultPoint::PoolAllocate), 1U) << tag;
         EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 20 * kSecond)) << tag;
     }
-}
-
-TEST(Exchange, WaitsForAModuleThatIsLate)
-{
-    RigOptions options;
-    options.module.faults.answers = {{.kind = AnswerFault::Kind::Late, .delay = 6 * kSecond}};
-    Rig rig(options);
-    const Port port = rig.Open();
-    EXPECT_TRUE(rig.kernel.RunUntil([&] { return port.InQueue() > 32; }, 10 * kSecond));
-    EXPECT_EQ(std::ranges::count(ReaderLog(), "abort 82"), 0);
 }
 
 // Who closes and opens again while the module is being asked must not have it asked twice at a time.
