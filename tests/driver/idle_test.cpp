@@ -207,9 +207,7 @@ TEST(Idle, AModuleThatWakesTheBusIsBroughtBackAndSuspendedAgain)
 {
     Machine machine(Suspending());
     Rig& rig = machine.rig;
-    rig.usb_port->WithDevice([](module::Device& device) {
-        device.Control({.bRequest = USB_REQUEST_SET_FEATURE, .wValue = USB_FEATURE_REMOTE_WAKEUP}, {});
-    });
+    ArmRemoteWake(rig);
     rig.RunFor(6 * kSecond);
     Story story(rig);
     rig.module->WakeAt(rig.kernel.Now() + kSecond);

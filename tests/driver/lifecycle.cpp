@@ -3,6 +3,7 @@
 #include "io/device.h"
 #include "io/irp.h"
 #include "po/power_manager.h"
+#include "usbd/usb_port.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -139,6 +140,13 @@ std::unique_ptr<Machine> MachineIn(ULONG state, RigOptions options)
         EXPECT_EQ(SendDevicePower(rig, IRP_MN_QUERY_POWER, PowerDeviceD2), STATUS_SUCCESS);
     EXPECT_EQ(StateText(StateOf(rig)), StateText(state));
     return machine;
+}
+
+void ArmRemoteWake(Rig& rig)
+{
+    rig.usb_port->WithDevice([](module::Device& device) {
+        device.Control({.bRequest = USB_REQUEST_SET_FEATURE, .wValue = USB_FEATURE_REMOTE_WAKEUP}, {});
+    });
 }
 
 class PowerRequest::Waiter : public host::IopRequest {

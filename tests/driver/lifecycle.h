@@ -62,6 +62,9 @@ NTSTATUS SendPnp(Rig& rig, UCHAR minor);
 // A machine whose device is in the state; not STATE_REMOVED.
 std::unique_ptr<Machine> MachineIn(ULONG state, RigOptions options = {});
 
+// The bus lets the module wake it.
+void ArmRemoteWake(Rig& rig);
+
 // A power request to the top of the stack, as the power manager sends it.
 class PowerRequest {
   public:

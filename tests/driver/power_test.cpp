@@ -27,9 +27,7 @@ Lines WithoutRepeats(Lines lines)
 
 RigOptions WithFastResume(std::uint32_t value = 1)
 {
-    RigOptions options;
-    options.settings["EnableFR"] = value;
-    return options;
+    return {.settings = {{"EnableFR", value}}};
 }
 
 // What a test of the verifier would report, and the test brings about.
@@ -63,21 +61,6 @@ TEST(Power, EveryRequestFailsUnlessTheDeviceIsStarted)
             }
         }
     }
-}
-
-TEST(Power, SystemRequestsFailWhileARemovalWaits)
-{
-    Machine machine;
-    Rig& rig = machine.rig;
-    machine.filter.Hold("IRP_MN_SET_POWER D0");
-    const PowerRequest held(rig, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-    host::ThreadHandle removal =
-        rig.kernel.Spawn("removal", [&] { EXPECT_EQ(SendPnp(rig, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS); });
-    EXPECT_FALSE(rig.kernel.RunUntil([&] { return removal.Done(); }, kSecond));
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_QUERY_POWER, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_SET_POWER, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(SendSystemPower(rig, IRP_MN_WAIT_WAKE, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
-    machine.filter.Release();
 }
 
 struct Request {
@@ -458,14 +441,6 @@ TEST(Power, ADeviceRequestThatCannotBeMadeFailsTheSystemRequest)
 }
 
 // Wait-wake -----------------------------------------------------------------------------------------------------
-
-// The bus lets the module wake the system.
-void ArmRemoteWake(Rig& rig)
-{
-    rig.usb_port->WithDevice([](module::Device& device) {
-        device.Control({.bRequest = USB_REQUEST_SET_FEATURE, .wValue = USB_FEATURE_REMOTE_WAKEUP}, {});
-    });
-}
 
 // The first one that completes stays with the driver for ever, those after it come back.
 TEST(Power, WaitWakeRequests)
