@@ -115,21 +115,4 @@ TEST_P(RingAgainstRule, RandomTransfersAndReadsGiveTheSameBytes)
 
 INSTANTIATE_TEST_SUITE_P(Sizes, RingAgainstRule, ::testing::Values(2u, 3u, 7u, 64u, 4096u));
 
-TEST(Ring, ATransferThatFillsTheReadLeavesItsRestInTheRing)
-{
-    Bytes storage(8);
-    Bytes read(4);
-    ClientRing ring;
-    ring.Initialise(storage.data(), 8, 0);
-    ring.EnterDirectFill(read.data(), 4, 1); // one byte is there already
-    const Bytes transfer = {10, 11, 12, 13, 14};
-    EXPECT_TRUE(ring.Append(transfer.data(), 5));
-    EXPECT_EQ(read, (Bytes{0, 10, 11, 12}));
-    EXPECT_FALSE(ring.IsDirectFill());
-    EXPECT_EQ(ring.RingCount, 2u);
-    Bytes out(2);
-    EXPECT_EQ(ring.Take(out.data(), 2), 2u);
-    EXPECT_EQ(out, (Bytes{13, 14}));
-}
-
 } // namespace
