@@ -86,7 +86,7 @@ class Machine {
 
     host::PnpNodePtr ArriveAndStart(Installation installation = {})
     {
-        const host::PnpNodePtr node = Arrive(std::move(installation));
+        host::PnpNodePtr node = Arrive(std::move(installation));
         EXPECT_EQ(Add(node), STATUS_SUCCESS);
         EXPECT_EQ(PnpManager::Current().Start(node), STATUS_SUCCESS);
         return node;
