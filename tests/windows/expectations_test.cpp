@@ -1,5 +1,5 @@
 // The table of tests/win32/expectations.cpp, on Windows' API and Wine's kernel.
-#include "tests/windows/rig_test.h"
+#include "windows/rig/program/rig_test.h"
 
 #include "tests/win32/expectations.h"
 #include "tests/win32/status_errors.h"

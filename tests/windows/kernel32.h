@@ -1,7 +1,7 @@
 // Windows' own API in the shape that tests/win32 gives it on the user-mode kernel, so that a test can be written once.
 #pragma once
 
-#include "tests/windows/rig_test.h" // and with it the API
+#include "windows/rig/program/rig_test.h" // and with it the API
 
 #include <utility>
 

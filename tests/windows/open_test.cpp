@@ -1,4 +1,4 @@
-#include "tests/windows/rig_test.h"
+#include "windows/rig/program/rig_test.h"
 
 #include <setupapi.h>
 

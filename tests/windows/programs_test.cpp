@@ -1,5 +1,5 @@
 // Programs on the port, and what the system's own tools show of it.
-#include "tests/windows/rig_test.h"
+#include "windows/rig/program/rig_test.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 // What the system asks of the driver: Plug and Play, power, WMI.
-#include "tests/windows/rig_test.h"
+#include "windows/rig/program/rig_test.h"
 
 #include <cstring>
 

@@ -4,7 +4,7 @@
 //                                                            other, each in a process of its own with a time limit
 //   rig_test.exe run <scenario or role> [argument...]        what `all` and Child start
 //
-// To add a scenario, write in a file of this folder
+// To add a scenario, write in a file of tests/windows
 //
 //   SCENARIO(ReadsWhatIsSent)
 //   {

@@ -1,5 +1,5 @@
 // Puts the driver and the bus into Wine, as far as a user's machine would do it by itself.
-#include "tests/windows/rig_test.h"
+#include "windows/rig/program/rig_test.h"
 
 #include <newdev.h>
 #include <setupapi.h>

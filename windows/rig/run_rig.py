@@ -18,7 +18,7 @@ import time
 WINE = pathlib.Path("/usr/lib/wine/wine64")  # the `wine` in the path only adds advice about 32 bits
 SERVER = pathlib.Path("/usr/lib/wine/wineserver64")
 SKIPPED = 77
-BUS_INF = pathlib.Path(__file__).resolve().parents[2] / "windows" / "rig" / "navox_bus.inf"
+BUS_INF = pathlib.Path(__file__).resolve().with_name("navox_bus.inf")
 # Wine's setup knows neither versions of the system in section names nor the driver store.
 FOR_WINE = ((rb"NTamd64\.10\.0\.\.\.16299", b"NTamd64"), (rb"(DefaultDestDir\s*=\s*)13", rb"\g<1>12"), (rb"%13%", b"%12%"))
 
