@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cmath>
+#include <filesystem>
 #include <fmt/core.h>
 #include <iostream>
 #include <regex>
@@ -36,6 +37,19 @@ spdlog::level::level_enum ParseLevel(const std::string& name)
         throw UsageError(
             fmt::format("--log: \"{}\" is none of trace, debug, info, warn, error, critical, off", name));
     return level;
+}
+
+// Pipes and devices may have no end, or make one wait for ever. Whether a file can be read is said by who reads it.
+void CheckFile(const CLI::App& cli, const char* option, const std::string& file)
+{
+    if (cli.count(option) == 0)
+        return;
+    if (file.empty())
+        throw UsageError(fmt::format("{}: no file is named", option));
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(file, error);
+    if (std::filesystem::is_other(status))
+        throw UsageError(fmt::format("{}: {} is a pipe or a device, not a file", option, file));
 }
 
 } // namespace
@@ -82,7 +96,10 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv)
         CheckPort(*options.port);
     if (options.ptys < 0 || options.ptys > kMostPtys)
         throw UsageError(fmt::format("--pty: 0 to {} are possible", kMostPtys));
-    if (!tcp.empty())
+    CheckFile(cli, "--replay", options.replay);
+    CheckFile(cli, "--registry", options.registry);
+    CheckFile(cli, "--script", options.script);
+    if (cli.count("--tcp") != 0)
         options.tcp = ParseEndpoint(tcp);
     if (!level.empty())
         options.log_level = ParseLevel(level);

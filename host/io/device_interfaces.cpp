@@ -79,6 +79,9 @@ NTSTATUS DeviceInterfaces::SetState(std::u16string_view name, bool enable)
     Interface* item = FindLocked(name);
     if (item == nullptr)
         return STATUS_OBJECT_NAME_NOT_FOUND;
+    item->wanted = enable;
+    if (const NTSTATUS fault = FaultStatus("IoSetDeviceInterfaceState"); !NT_SUCCESS(fault))
+        return fault;
     if (item->enabled == enable)
         return enable ? STATUS_OBJECT_NAME_EXISTS : STATUS_OBJECT_NAME_NOT_FOUND;
     item->enabled = enable;
@@ -87,15 +90,18 @@ NTSTATUS DeviceInterfaces::SetState(std::u16string_view name, bool enable)
     return enable ? names.AddLink(item->name, names.NameOf(item->pdo)) : names.RemoveLink(item->name);
 }
 
-void DeviceInterfaces::DisableAll(PDEVICE_OBJECT pdo)
+bool DeviceInterfaces::DisableAll(PDEVICE_OBJECT pdo)
 {
+    bool any = false;
     const MutexLock lock(mutex_);
     for (Interface& item : interfaces_) {
         if (item.pdo != pdo || !item.enabled)
             continue;
         item.enabled = false;
         IoManager::Current().Names().RemoveLink(item.name);
+        any = any || item.wanted;
     }
+    return any;
 }
 
 std::vector<std::string> DeviceInterfaces::Enabled(const GUID& interface_class)
@@ -139,8 +145,7 @@ NTSTATUS NTAPI IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLE
     const std::optional<std::u16string> name = IopText(SymbolicLinkName);
     if (!name || name->empty())
         return STATUS_INVALID_PARAMETER;
-    const NTSTATUS fault = FaultStatus("IoSetDeviceInterfaceState");
-    return NT_SUCCESS(fault) ? DeviceInterfaces::Current().SetState(*name, Enable != FALSE) : fault;
+    return DeviceInterfaces::Current().SetState(*name, Enable != FALSE);
 }
 
 } // extern "C"

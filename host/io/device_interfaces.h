@@ -19,8 +19,8 @@ class DeviceInterfaces : public Component {
     // The name of the interface, registered now or before.
     std::u16string Register(PDEVICE_OBJECT pdo, const GUID& interface_class, std::u16string_view reference);
     NTSTATUS SetState(std::u16string_view name, bool enable);
-    // Takes down what a removed device left enabled.
-    void DisableAll(PDEVICE_OBJECT pdo);
+    // Takes down what a removed device left enabled; whether its driver had not even tried.
+    bool DisableAll(PDEVICE_OBJECT pdo);
 
     // Enabled interfaces of a class, in the order of their registration: "\??\USB#VID_...#{...}".
     std::vector<std::string> Enabled(const GUID& interface_class);
@@ -31,6 +31,7 @@ class DeviceInterfaces : public Component {
         GUID interface_class{};
         PDEVICE_OBJECT pdo = nullptr;
         bool enabled = false;
+        bool wanted = false; // what the driver last asked for, done or not
     };
     Interface* FindLocked(std::u16string_view name) HOST_REQUIRES(mutex_);
 

@@ -47,7 +47,8 @@ struct IrpTurn {
     bool started_next = false;     // PoStartNextPowerIrp was called in this turn
     bool returned_pending = false; // its dispatch routine answered STATUS_PENDING
     NTSTATUS entry_status = 0;     // what the request said when it came
-    NTSTATUS status = 0;           // and when its completion passed
+    ULONG_PTR entry_information = 0;
+    NTSTATUS status = 0; // and when its completion passed
 };
 
 struct IrpRecord {

@@ -271,7 +271,7 @@ NTSTATUS PnpManager::DoRemove(const PnpNodePtr& node)
     const NTSTATUS status = SendTo(IopTopOf(node->pdo), IRP_MN_REMOVE_DEVICE);
     removing_ = false;
     VfDeviceRemoved(node->pdo, before, status);
-    DeviceInterfaces::Current().DisableAll(node->pdo);
+    (void)DeviceInterfaces::Current().DisableAll(node->pdo);
     // The bus may have lost the device, and let go of it here, before its departure comes to our turn.
     if (node->pdo->DeviceObjectExtension->delete_pending)
         node->departed = true;
@@ -289,7 +289,8 @@ NTSTATUS PnpManager::DoSurpriseRemove(const PnpNodePtr& node)
     if (!NT_SUCCESS(status))
         VfReport(Rule::PnpMayNotFail, "IRP_MN_SURPRISE_REMOVAL",
                  "it came back with " + IopStatusText(status));
-    DeviceInterfaces::Current().DisableAll(node->pdo);
+    if (DeviceInterfaces::Current().DisableAll(node->pdo))
+        VfReport(Rule::PnpInterfaceLeft, "IRP_MN_SURPRISE_REMOVAL", node->Path());
     SetState(node, PnpState::SurpriseRemoved);
     return status;
 }

@@ -22,7 +22,7 @@
     R(IrpCompletedCancellable,  0xC9, 0x07,   "a request was completed with its cancel routine still set")            \
     R(IrpCompletedAtHighIrql,   0xC9, 0x0E,   "a request was completed above DISPATCH_LEVEL")                         \
     R(IrpGarbageStatus,         0xC9, 0x225,  "a request was completed with a value that is not a status")            \
-    R(IrpInformationTooLarge,   0xC9, 0x245,  "a request was completed with more information than its buffer holds")  \
+    R(IrpInformationTooLarge,   0x50, 0x00,   "a request was completed with more information than its buffer holds")  \
     R(SpinLockSafe,             0xC4, 0x1030, "a request was completed or passed down with a spin lock held")         \
     /* Forwarding */                                                                                                  \
     R(IrpForwardedAtHighIrql,   0xC9, 0x10,   "IoCallDriver was called above DISPATCH_LEVEL")                         \
@@ -50,7 +50,7 @@
     R(DeviceDeletedUnder,       0xC9, 0x201,  "a device object was deleted that another is attached to")              \
     R(DeviceDetachNothing,      0xC9, 0x241,  "IoDetachDevice was called where nothing is attached")                  \
     R(DeviceDeletedWithPower,   0x9F, 0x01,   "a device object was deleted with a power request outstanding")         \
-    R(DeviceBothIoFlags,        0xC9, 0x246,  "a device object has both DO_BUFFERED_IO and DO_DIRECT_IO")             \
+    R(DeviceBothIoFlags,        0xC9, 0x245,  "a device object has both DO_BUFFERED_IO and DO_DIRECT_IO")             \
     R(DeviceLeak,               0xC4, 0x66,   "a device object was not deleted")                                      \
     R(PagableFlagLost,          0xC9, 0x23F,  "a device above a pageable one does not have DO_POWER_PAGABLE")         \
     R(SymbolicLinkLeak,         0xC4, 0x67,   "a symbolic link leads to a device that is gone")                         \
@@ -58,7 +58,10 @@
     /* Plug and Play */                                                                                               \
     R(PnpCompleted,             0xC9, 0x22D,  "a Plug and Play request was completed instead of passed down")         \
     R(PnpFailedPassedDown,      0xC9, 0x215,  "a Plug and Play request was passed down with a failure in it")         \
-    R(PnpStatusTouched,         0xC9, 0x213,  "the status of a Plug and Play request was changed to not-supported")   \
+    R(PnpStatusTouched,         0xC9, 0x216,  "the status of a Plug and Play request was changed to not-supported")   \
+    R(PnpUnknownTouched,        0xC9, 0x213,  "a Plug and Play request that is not known was changed")                \
+    R(PnpInitialStatus,         0xC9, 0x20E,  "a Plug and Play request was sent with a status in it")                 \
+    R(PnpInterfaceLeft,         0x00, 0x03,   "an interface was left enabled by a surprise removal")                  \
     R(PnpMayNotFail,            0xC9, 0x247,  "a Plug and Play request was failed that may not fail")                 \
     R(PnpRemoveNoDetach,        0xC9, 0x21D,  "a device was not detached by IRP_MN_REMOVE_DEVICE")                    \
     R(PnpRemoveNoDelete,        0xC9, 0x21E,  "a device was not deleted by IRP_MN_REMOVE_DEVICE")                     \
@@ -73,14 +76,17 @@
     R(PowerWrongCall,           0xC9, 0x249,  "a power request was passed down with IoCallDriver")                    \
     R(PowerCompleted,           0xC9, 0x22F,  "a power request was completed instead of passed down")                 \
     R(PowerFailedPassedDown,    0xC9, 0x219,  "a power request was passed down with a failure in it")                 \
+    R(PowerStatusTouched,       0xC9, 0x21A,  "the status of a power request was changed to not-supported")           \
     R(PowerMayNotFail,          0xC9, 0x24A,  "a power request was failed that may not fail")                         \
     R(RequestedPowerIrp,        0xC9, 0x24B,  "PoRequestPowerIrp was asked for the request itself")                   \
     R(PowerUpDownOrder,         0xC9, 0x24C,  "a lower power state was not reported before the device lost power")    \
     /* WMI */                                                                                                         \
-    R(WmiNotDeregistered,       0xC9, 0xDB,   "a device was deleted that is still registered with WMI")               \
+    R(WmiNotDeregistered,       0xC4, 0xDB,   "a device was deleted that is still registered with WMI")               \
     R(WmiWrongProvider,         0xC9, 0x220,  "a WMI request was completed by a device that it was not meant for")    \
     R(WmiNotCompleted,          0xC9, 0x221,  "a WMI request was not completed by the device that it was meant for")  \
-    R(WmiBadAnswer,             0xC4, 0xDD,   "the answer to a WMI request is malformed")                             \
+    R(WmiUnknownTouched,        0xC9, 0x23B,  "a WMI request that is not known was changed")                          \
+    R(WmiInitialStatus,         0xC9, 0x210,  "a WMI request was sent with a status in it")                           \
+    R(WmiBadAnswer,             0x00, 0x02,   "the answer to a WMI request is malformed")                             \
     /* USB */                                                                                                         \
     R(UrbReused,                0xFE, 0x01,   "a URB was submitted while it was still in flight")                     \
     R(UrbMalformed,             0xFE, 0x02,   "the length of a URB does not fit its function")                        \

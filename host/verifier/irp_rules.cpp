@@ -144,6 +144,7 @@ IrpTicket VfIrpEnter(const IrpRecordPtr& record, PDEVICE_OBJECT device, PIRP irp
     turn.call = ++record->calls;
     turn.device = device;
     turn.entry_status = irp->IoStatus.Status;
+    turn.entry_information = irp->IoStatus.Information;
     return {record, index, turn.call, location->MajorFunction};
 }
 

@@ -48,6 +48,62 @@ bool ReachedBelow(const IrpRecord& record, int index)
     return index > 1 && record.turns[static_cast<std::size_t>(index) - 1].call != 0;
 }
 
+// Nobody turns what a driver above has said into "not supported".
+void CheckNotTakenBack(const IRP& irp, const IrpTurn& turn, const IO_STACK_LOCATION& location,
+                       const void* caller)
+{
+    if (irp.IoStatus.Status != STATUS_NOT_SUPPORTED || turn.entry_status == STATUS_NOT_SUPPORTED)
+        return;
+    VfReport(location.MajorFunction == IRP_MJ_PNP ? Rule::PnpStatusTouched : Rule::PowerStatusTouched,
+             IopMinorName(location.MajorFunction, location.MinorFunction),
+             IopDescribeDevice(turn.device) + " was given it with " + IopStatusText(turn.entry_status),
+             caller);
+}
+
+// A driver passes a request that it cannot know as it came.
+void CheckUnknownUntouched(const IRP& irp, const IrpTurn& turn, const IO_STACK_LOCATION& location,
+                           const void* caller)
+{
+    struct Kind {
+        UCHAR major;
+        UCHAR last_minor;
+        Rule rule;
+    };
+    static constexpr Kind kKinds[] = {{IRP_MJ_PNP, IRP_MN_DEVICE_ENUMERATED, Rule::PnpUnknownTouched},
+                                      {IRP_MJ_SYSTEM_CONTROL, IRP_MN_REGINFO_EX, Rule::WmiUnknownTouched}};
+    for (const Kind& kind : kKinds) {
+        if (kind.major == location.MajorFunction && location.MinorFunction > kind.last_minor &&
+            (irp.IoStatus.Status != turn.entry_status || irp.IoStatus.Information != turn.entry_information))
+            VfReport(kind.rule, IopMinorName(location.MajorFunction, location.MinorFunction),
+                     IopDescribeDevice(turn.device) + " passed it down with " +
+                         IopStatusText(irp.IoStatus.Status),
+                     caller);
+    }
+}
+
+// The turn of the driver that passes the request down; it has skipped its stack location, or not.
+IrpTurn PassingTurn(const IrpRecord& record, const IRP& irp)
+{
+    const MutexLock lock(IrpTable::Current().mutex);
+    const auto index = static_cast<std::size_t>(irp.CurrentLocation);
+    const IrpTurn& below = record.turns[index - 1];
+    return below.call != 0 && !below.completed ? below : record.turns[index];
+}
+
+void CheckSender(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATION& location,
+                 const void* caller)
+{
+    if (record.origin == IrpOrigin::System)
+        return;
+    const char* minor = IopMinorName(location.MajorFunction, location.MinorFunction);
+    if (location.MajorFunction == IRP_MJ_POWER ||
+        (location.MajorFunction == IRP_MJ_PNP && IsPnpState(location.MinorFunction)))
+        VfReport(Rule::PnpSystemOnly, minor, std::string(minor) + " was sent by a driver", caller);
+    else if (irp.IoStatus.Status != STATUS_NOT_SUPPORTED)
+        VfReport(location.MajorFunction == IRP_MJ_PNP ? Rule::PnpInitialStatus : Rule::WmiInitialStatus,
+                 minor, std::string(minor) + " holds " + IopStatusText(irp.IoStatus.Status), caller);
+}
+
 void CheckPnpCompletion(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATION& location,
                         const void* caller)
 {
@@ -63,10 +119,7 @@ void CheckPnpCompletion(const IrpRecord& record, const IRP& irp, const IO_STACK_
     if (function_driver && handling != Handling::Free && NT_SUCCESS(status) &&
         !ReachedBelow(record, irp.CurrentLocation))
         VfReport(Rule::PnpCompleted, IopMinorName(IRP_MJ_PNP, location.MinorFunction), text, caller);
-    const NTSTATUS entry = record.turns[static_cast<std::size_t>(irp.CurrentLocation)].entry_status;
-    if (status == STATUS_NOT_SUPPORTED && entry != STATUS_NOT_SUPPORTED)
-        VfReport(Rule::PnpStatusTouched, IopMinorName(IRP_MJ_PNP, location.MinorFunction),
-                 text + ", it came with " + IopStatusText(entry), caller);
+    CheckNotTakenBack(irp, record.turns[static_cast<std::size_t>(irp.CurrentLocation)], location, caller);
 }
 
 void CheckPowerCompletion(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATION& location,
@@ -81,6 +134,7 @@ void CheckPowerCompletion(const IrpRecord& record, const IRP& irp, const IO_STAC
         VfReport(Rule::PowerMayNotFail, IopMinorName(IRP_MJ_POWER, location.MinorFunction), text, caller);
     if (function_driver && !reached && NT_SUCCESS(status) && location.MinorFunction != IRP_MN_WAIT_WAKE)
         VfReport(Rule::PowerCompleted, IopMinorName(IRP_MJ_POWER, location.MinorFunction), text, caller);
+    CheckNotTakenBack(irp, record.turns[static_cast<std::size_t>(irp.CurrentLocation)], location, caller);
 }
 
 void CheckWmiCompletion(const IrpRecord& record, const IO_STACK_LOCATION& location, const void* caller)
@@ -151,18 +205,24 @@ bool VfDeviceDetach(PDEVICE_OBJECT target, const void* caller)
 
 void VfPnpForward(const IrpRecord& record, const IRP& irp, const void* caller)
 {
-    const IO_STACK_LOCATION* next = irp.Tail.Overlay.CurrentStackLocation - 1;
-    const bool pnp = next->MajorFunction == IRP_MJ_PNP;
-    const bool power = next->MajorFunction == IRP_MJ_POWER;
-    if (!pnp && !power)
+    const IO_STACK_LOCATION& next = *(irp.Tail.Overlay.CurrentStackLocation - 1);
+    const bool pnp = next.MajorFunction == IRP_MJ_PNP;
+    const bool power = next.MajorFunction == IRP_MJ_POWER;
+    if (!pnp && !power && next.MajorFunction != IRP_MJ_SYSTEM_CONTROL)
         return;
-    const char* minor = IopMinorName(next->MajorFunction, next->MinorFunction);
-    if (record.calls == 0 && record.origin != IrpOrigin::System && (power || IsPnpState(next->MinorFunction)))
-        VfReport(Rule::PnpSystemOnly, minor, std::string(minor) + " was sent by a driver", caller);
     const NTSTATUS status = irp.IoStatus.Status;
-    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED)
+    const char* minor = IopMinorName(next.MajorFunction, next.MinorFunction);
+    if ((pnp || power) && !NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED)
         VfReport(pnp ? Rule::PnpFailedPassedDown : Rule::PowerFailedPassedDown, minor,
                  std::string(minor) + " holds " + IopStatusText(status), caller);
+    if (record.calls == 0) {
+        CheckSender(record, irp, next, caller);
+        return;
+    }
+    const IrpTurn turn = PassingTurn(record, irp);
+    CheckUnknownUntouched(irp, turn, next, caller);
+    if (pnp || power)
+        CheckNotTakenBack(irp, turn, next, caller);
 }
 
 void VfPnpComplete(const IrpRecord& record, const IRP& irp, const void* caller)

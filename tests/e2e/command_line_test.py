@@ -29,6 +29,8 @@ class CommandLine(unittest.TestCase):
             (["--pty", "-1"], ["--pty"]),
             (["--pty", "many"], ["--pty", "many"]),
             (["--tcp", "10110"], ["--tcp"]),
+            (["--script", "/dev/full"], ["/dev/full", "a pipe or a device"]),
+            (["--replay", ""], ["--replay"]),
             (["--tcp", "127.0.0.1:65536"], ["--tcp"]),
             (["--tcp", "somewhere:1"], ["somewhere"]),
             (["--tcp", "192.0.2.1:0"], ["192.0.2.1"]),

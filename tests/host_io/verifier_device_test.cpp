@@ -141,6 +141,58 @@ constexpr POWER_STATE DeviceState(DEVICE_POWER_STATE state)
     return {.DeviceState = state};
 }
 
+// A filter above says yes, and the driver `answer`s.
+Story TakesBack(UCHAR major, UCHAR minor, const Dispatch& answer)
+{
+    return [=](UsbBench& bench) {
+        PDEVICE_OBJECT upper = nullptr;
+        PlugAnother(bench, [&](PDEVICE_OBJECT device) { upper = device; });
+        PDEVICE_OBJECT filter = MakeDevice(bench.driver, u"");
+        filter->Flags |= DO_POWER_PAGABLE;
+        IoAttachDeviceToDeviceStack(filter, upper);
+        OnMinor(bench, major, minor, [=](PDEVICE_OBJECT device, PIRP irp) {
+            return (device == upper ? answer : PassDownWith(STATUS_SUCCESS))(device, irp);
+        });
+        const host::PnpNodePtr node = PnpManager::Current().NodeOf(upper);
+        if (major == IRP_MJ_PNP)
+            PnpManager::Current().Send(node, minor);
+        else
+            PoRequestPowerIrp(node->pdo, minor, DeviceState(PowerDeviceD0), nullptr, nullptr, nullptr);
+        bench.kernel.RunUntilIdle();
+        bench.OnRequest(major, nullptr);
+    };
+}
+
+constexpr UCHAR kUnknown = 0x7F; // a minor code
+
+Story ChangesTheUnknown(UCHAR major)
+{
+    return [=](UsbBench& bench) {
+        OnMinor(bench, major, kUnknown, [](PDEVICE_OBJECT device, PIRP irp) {
+            irp->IoStatus.Information = 1;
+            return PassDown(device, irp);
+        });
+        host::IopSendAndWait(bench.script.device, major, kUnknown, STATUS_NOT_SUPPORTED,
+                             [](PIRP, PIO_STACK_LOCATION) {});
+    };
+}
+
+// A driver makes a request of its own, without a status, and sends it to its own stack.
+void SendOwn(UsbBench& bench, UCHAR major, UCHAR minor, NTSTATUS status, ULONG_PTR provider)
+{
+    PIRP irp = IoAllocateIrp(2, FALSE);
+    irp->IoStatus.Status = status;
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction = major;
+    next->MinorFunction = minor;
+    next->Parameters.WMI.ProviderId = provider;
+    IoSetCompletionRoutine(
+        irp, [](PDEVICE_OBJECT, PIRP, PVOID) NTAPI -> NTSTATUS { return STATUS_MORE_PROCESSING_REQUIRED; },
+        nullptr, TRUE, TRUE, TRUE);
+    IoCallDriver(bench.script.device, irp);
+    IoFreeIrp(irp);
+}
+
 // The device is registered with WMI for a while.
 Story Registers(const Dispatch& answer)
 {
@@ -205,20 +257,7 @@ const BrokenStack kStacks[] = {
     {Rule::PnpFailedPassedDown, "passes a failed request down",
      Stops(IRP_MN_QUERY_STOP_DEVICE, PassDownWith(STATUS_UNSUCCESSFUL))},
     {Rule::PnpStatusTouched, "takes back the success of another driver",
-     [](UsbBench& bench) {
-         PDEVICE_OBJECT upper = nullptr;
-         PlugAnother(bench, [&](PDEVICE_OBJECT device) { upper = device; });
-         PDEVICE_OBJECT filter = MakeDevice(bench.driver, u"");
-         filter->Flags |= DO_POWER_PAGABLE;
-         IoAttachDeviceToDeviceStack(filter, upper);
-         OnMinor(bench, IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE, [=](PDEVICE_OBJECT device, PIRP irp) {
-             const bool takes_back = device == upper;
-             return (takes_back ? CompleteWith(STATUS_NOT_SUPPORTED) : PassDownWith(STATUS_SUCCESS))(device,
-                                                                                                     irp);
-         });
-         PnpManager::Current().Send(PnpManager::Current().NodeOf(upper), IRP_MN_QUERY_PNP_DEVICE_STATE);
-         bench.OnRequest(IRP_MJ_PNP, nullptr);
-     }},
+     TakesBack(IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE, CompleteWith(STATUS_NOT_SUPPORTED))},
     {Rule::PnpRemoveNoDetach, "stays attached after its removal",
      [](UsbBench& bench) {
          PDEVICE_OBJECT stale = bench.script.device;
@@ -245,7 +284,22 @@ const BrokenStack kStacks[] = {
          PnpManager::Current().SurpriseRemove(bench.Node());
          IoDeleteDevice(stale);
      }},
+    {Rule::PnpInterfaceLeft, "leaves its interface enabled when it is surprised",
+     [](UsbBench& bench) {
+         static constexpr GUID kClass = {1, 2, 3, {}};
+         UNICODE_STRING name{};
+         IoRegisterDeviceInterface(bench.Node()->pdo, &kClass, nullptr, &name);
+         IoSetDeviceInterfaceState(&name, TRUE);
+         PnpManager::Current().SurpriseRemove(bench.Node());
+         RtlFreeUnicodeString(&name);
+     }},
+    {Rule::PnpUnknownTouched, "changes a Plug and Play request that it cannot know",
+     ChangesTheUnknown(IRP_MJ_PNP)},
+    {Rule::PnpInitialStatus, "sends a query that is answered already",
+     [](UsbBench& bench) { SendOwn(bench, IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE, STATUS_SUCCESS, 0); }},
     // Power.
+    {Rule::PowerStatusTouched, "takes back the consent of another driver",
+     TakesBack(IRP_MJ_POWER, IRP_MN_QUERY_POWER, CompletePowerWith(STATUS_NOT_SUPPORTED))},
     {Rule::PowerNotStartedNext, "does not start the next power request",
      PowersUp([](PDEVICE_OBJECT device, PIRP irp) {
          IoSkipCurrentIrpStackLocation(irp);
@@ -297,17 +351,14 @@ const BrokenStack kStacks[] = {
     // WMI.
     {Rule::WmiWrongProvider, "completes a WMI request of another device",
      [](UsbBench& bench) {
-         PIRP irp = IoAllocateIrp(2, FALSE);
-         PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-         next->MajorFunction = IRP_MJ_SYSTEM_CONTROL;
-         next->Parameters.WMI.ProviderId = 1;
-         IoSetCompletionRoutine(
-             irp,
-             [](PDEVICE_OBJECT, PIRP, PVOID) NTAPI -> NTSTATUS { return STATUS_MORE_PROCESSING_REQUIRED; },
-             nullptr, TRUE, TRUE, TRUE);
          bench.OnRequest(IRP_MJ_SYSTEM_CONTROL, CompleteWith(STATUS_SUCCESS));
-         IoCallDriver(bench.script.device, irp);
-         IoFreeIrp(irp);
+         SendOwn(bench, IRP_MJ_SYSTEM_CONTROL, IRP_MN_QUERY_ALL_DATA, STATUS_NOT_SUPPORTED, 1);
+     }},
+    {Rule::WmiUnknownTouched, "changes a WMI request that it cannot know",
+     ChangesTheUnknown(IRP_MJ_SYSTEM_CONTROL)},
+    {Rule::WmiInitialStatus, "sends a WMI request that is answered already",
+     [](UsbBench& bench) {
+         SendOwn(bench, IRP_MJ_SYSTEM_CONTROL, IRP_MN_QUERY_ALL_DATA, STATUS_SUCCESS, 0);
      }},
     {Rule::WmiNotCompleted, "lets its WMI request pass", Registers(nullptr)},
     {Rule::WmiBadAnswer, "gives a WMI answer that is none", Registers([](PDEVICE_OBJECT, PIRP irp) {

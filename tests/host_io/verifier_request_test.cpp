@@ -243,7 +243,19 @@ const BrokenDriver kDrivers[] = {
          IoCallDriver(top.device, irp);
          IoFreeIrp(irp);
      }},
+    {Rule::IrpCompletedAtHighIrql, "completes above DISPATCH_LEVEL",
+     [](Bench& bench) {
+         ReadOnce(bench, [](PDEVICE_OBJECT, PIRP irp) {
+             const KIRQL old = KfRaiseIrql(DISPATCH_LEVEL + 1);
+             const NTSTATUS status = Complete(irp, STATUS_SUCCESS);
+             KeLowerIrql(old);
+             return status;
+         });
+         KeepFirst(bench);
+     }},
     // Forwarding.
+    {Rule::IrpForwardedAtHighIrql, "sends a read above DISPATCH_LEVEL",
+     Sends(IRP_MJ_READ, 0, DISPATCH_LEVEL + 1)},
     {Rule::ForwardedAtBadIrql, "sends a create from a spin lock's IRQL",
      Sends(IRP_MJ_CREATE, 0, DISPATCH_LEVEL)},
     {Rule::IrpForwardedCancellable, "passes down with the cancel routine set",
