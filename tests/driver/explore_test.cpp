@@ -8,6 +8,23 @@
 namespace navox_test {
 namespace {
 
+// A machine whose order of things is as usual until the scenario asks for another.
+RigOptions InUsualOrder(const host::KernelOptions& kernel)
+{
+    RigOptions options;
+    options.kernel = kernel;
+    options.kernel.in_focus = false;
+    return options;
+}
+
+// The same, and what its module says.
+RigOptions InUsualOrder(const host::KernelOptions& kernel, ScriptedSource::Script script)
+{
+    RigOptions options = InUsualOrder(kernel);
+    options.source = [script = std::move(script)] { return std::make_unique<ScriptedSource>(script); };
+    return options;
+}
+
 struct Timeouts {
     ULONG interval, multiplier, constant;
 };
@@ -45,10 +62,7 @@ void OpenAndClose(Rig& rig, std::uint32_t seed)
 
 bool UnpluggedAtARandomMoment(const host::KernelOptions& kernel)
 {
-    RigOptions options;
-    options.kernel = kernel;
-    options.kernel.in_focus = false;
-    Rig rig(std::move(options));
+    Rig rig(InUsualOrder(kernel));
     rig.kernel.SetFocus(true);
     std::mt19937_64 random(kernel.seed);
     {
@@ -84,13 +98,7 @@ TEST(Exploration, ClientsReadOpenAndCloseWhileTheModuleIsPulled)
 // The burst fills the read, its time runs out, and it is cancelled, all at one moment.
 bool ReadEndsThreeWaysAtOnce(const host::KernelOptions& kernel)
 {
-    RigOptions options;
-    options.kernel = kernel;
-    options.kernel.in_focus = false;
-    options.source = [] {
-        return std::make_unique<ScriptedSource>(ScriptedSource::Script{{{kSecond, "$GPTXT,a\r\n"}}});
-    };
-    Rig rig(std::move(options));
+    Rig rig(InUsualOrder(kernel, {{{kSecond, "$GPTXT,a\r\n"}}}));
     Port port = rig.OpenStreaming();
     EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
     EXPECT_EQ(port.SetTimeouts(0, 0, 1'000), STATUS_SUCCESS);
@@ -119,14 +127,7 @@ TEST(Exploration, AReadIsCancelledAtEveryPointOfItsCompletion)
 // One handle reads and is cancelled while a second read waits behind the first.
 bool OneOfTwoReadsIsCancelled(const host::KernelOptions& kernel)
 {
-    RigOptions options;
-    options.kernel = kernel;
-    options.kernel.in_focus = false;
-    options.source = [] {
-        return std::make_unique<ScriptedSource>(
-            ScriptedSource::Script{{{kSecond, "$GPTXT,1\r\n"}, {2 * kSecond, "$GPTXT,2\r\n"}}});
-    };
-    Rig rig(std::move(options));
+    Rig rig(InUsualOrder(kernel, {{{kSecond, "$GPTXT,1\r\n"}, {2 * kSecond, "$GPTXT,2\r\n"}}}));
     Port port = rig.OpenStreaming();
     EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
     const host::nt::Request first = port.StartRead(10);
@@ -157,13 +158,7 @@ TEST(Exploration, ACancelledReadLosesNothingForTheOneBehindIt)
 // The last handle is closed while the transfer it waits for arrives.
 bool LastCloseMeetsATransfer(const host::KernelOptions& kernel)
 {
-    RigOptions options;
-    options.kernel = kernel;
-    options.kernel.in_focus = false;
-    options.source = [] {
-        return std::make_unique<ScriptedSource>(ScriptedSource::Script{{{kSecond, "$GPTXT,a\r\n"}}});
-    };
-    Rig rig(std::move(options));
+    Rig rig(InUsualOrder(kernel, {{{kSecond, "$GPTXT,a\r\n"}}}));
     Port port = rig.OpenStreaming();
     rig.RunFor(kSecond - kMillisecond);
     rig.kernel.SetFocus(true);
