@@ -13,13 +13,25 @@ bool IsSignalled(const DISPATCHER_HEADER& header)
     return header.SignalState > 0;
 }
 
+// Zero for what is no dispatcher object.
+UCHAR SizeInLongs(ObjectType type)
+{
+    switch (type) {
+    case ObjectType::NotificationEvent:
+    case ObjectType::SynchronizationEvent: return sizeof(KEVENT) / sizeof(LONG);
+    case ObjectType::NotificationTimer:
+    case ObjectType::SynchronizationTimer: return sizeof(KTIMER) / sizeof(LONG);
+    case ObjectType::Thread: return sizeof(DISPATCHER_HEADER) / sizeof(LONG);
+    }
+    return 0;
+}
+
 // What a satisfied wait does to the object.
 void Consume(DISPATCHER_HEADER& header)
 {
     switch (static_cast<ObjectType>(header.Type)) {
     case ObjectType::SynchronizationEvent:
     case ObjectType::SynchronizationTimer: header.SignalState = 0; break;
-    case ObjectType::Semaphore: header.SignalState = header.SignalState - 1; break;
     case ObjectType::NotificationEvent:
     case ObjectType::NotificationTimer:
     case ObjectType::Thread: break;
@@ -107,16 +119,20 @@ void KiInitializeHeader(DISPATCHER_HEADER& header, ObjectType type, LONG state)
 {
     header.Lock = 0;
     header.Type = static_cast<UCHAR>(type);
+    header.Size = SizeInLongs(type);
     header.SignalState = state;
     InitializeListHead(&header.WaitListHead);
 }
 
+bool KiIsInitialized(const DISPATCHER_HEADER& header)
+{
+    const UCHAR size = SizeInLongs(static_cast<ObjectType>(header.Type));
+    return size != 0 && header.Size == size;
+}
+
 void KiSignal(DISPATCHER_HEADER& header)
 {
-    header.SignalState =
-        header.SignalState + (static_cast<ObjectType>(header.Type) == ObjectType::Semaphore ? 1 : 0);
-    if (static_cast<ObjectType>(header.Type) != ObjectType::Semaphore)
-        header.SignalState = 1;
+    header.SignalState = 1;
     for (LIST_ENTRY* entry = header.WaitListHead.Flink;
          entry != &header.WaitListHead && IsSignalled(header);) {
         KWAIT_BLOCK* const block = CONTAINING_RECORD(entry, KWAIT_BLOCK, WaitListEntry);

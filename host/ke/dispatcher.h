@@ -13,7 +13,6 @@ namespace host {
 enum class ObjectType : UCHAR {
     NotificationEvent = 0,
     SynchronizationEvent = 1,
-    Semaphore = 5,
     Thread = 6,
     NotificationTimer = 8,
     SynchronizationTimer = 9,
@@ -24,6 +23,8 @@ enum class ObjectType : UCHAR {
 Mutex& KiDispatcher();
 
 void KiInitializeHeader(DISPATCHER_HEADER& header, ObjectType type, LONG state);
+// Its type and size are those of an object that can be waited for. They never change: no lock is needed.
+bool KiIsInitialized(const DISPATCHER_HEADER& header);
 
 // Makes `header` signalled and lets the threads go whose wait that satisfies.
 void KiSignal(DISPATCHER_HEADER& header) HOST_REQUIRES(KiDispatcher());

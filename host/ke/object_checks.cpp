@@ -6,19 +6,13 @@
 
 namespace host {
 
-bool KiIsInitialized(const DISPATCHER_HEADER& header)
-{
-    const MutexLock lock(KiDispatcher()); // which guards the list
-    return header.WaitListHead.Flink != nullptr;
-}
-
 void KiRequireInitialized(DISPATCHER_HEADER& header, const char* routine, const void* caller)
 {
     if (KiIsInitialized(header))
         return;
     VfReport(Rule::ObjectUninitialized, routine,
              std::string(routine) + " was given an object that was never initialised", caller);
-    InitializeListHead(&header.WaitListHead);
+    KiInitializeHeader(header, ObjectType::NotificationEvent, 0);
 }
 
 void KiRequireResident(const void* object, const char* routine, const void* caller)

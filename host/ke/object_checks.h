@@ -6,8 +6,6 @@
 
 namespace host {
 
-// Its wait list points somewhere.
-bool KiIsInitialized(const DISPATCHER_HEADER& header);
 // The object was initialised. Reports and makes it usable if not.
 void KiRequireInitialized(DISPATCHER_HEADER& header, const char* routine, const void* caller);
 // Dispatcher objects and DPCs are touched at DISPATCH_LEVEL by the kernel itself: they must not be paged.

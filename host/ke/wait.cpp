@@ -35,7 +35,6 @@ const char* WhatIs(const DISPATCHER_HEADER& header)
     switch (static_cast<ObjectType>(header.Type)) {
     case ObjectType::NotificationEvent:
     case ObjectType::SynchronizationEvent: return "an event";
-    case ObjectType::Semaphore: return "a semaphore";
     case ObjectType::Thread: return "the end of a thread";
     case ObjectType::NotificationTimer:
     case ObjectType::SynchronizationTimer: return "a timer";
