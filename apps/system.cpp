@@ -54,6 +54,7 @@ System::System(SystemOptions options)
     const NTSTATUS status = host::IoLoadDriver(kDriverName, DriverEntry);
     if (!NT_SUCCESS(status))
         throw std::runtime_error(fmt::format("the driver did not load: 0x{:08x}", std::uint32_t(status)));
+    loaded_ = true;
 
     host::PnpManager& pnp = host::PnpManager::Current();
     pnp.SetFunctionDriver(kDriverName);
@@ -66,7 +67,13 @@ System::System(SystemOptions options)
     });
 }
 
-System::~System() = default;
+System::~System()
+{
+    if (kernel_ == nullptr || !loaded_)
+        return;
+    Unplug();
+    (void)Unload(); // what cannot go, the kernel's audit names
+}
 
 void System::Plug()
 {
@@ -150,8 +157,11 @@ bool System::IdleRequested() const
 
 bool System::Unload()
 {
-    const auto unloaded = [] { return host::IoUnloadDriver(kDriverName) == STATUS_SUCCESS; };
-    return kernel_->RunUntil(unloaded, kRemovalPatience);
+    const auto unload = [this] {
+        loaded_ = loaded_ && host::IoUnloadDriver(kDriverName) != STATUS_SUCCESS;
+        return !loaded_;
+    };
+    return kernel_->RunUntil(unload, kRemovalPatience);
 }
 
 std::string System::PortState() const

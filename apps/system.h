@@ -35,6 +35,8 @@ class System {
     // Starts the kernel, loads the registry and the driver. The driver's excuses join those in `options`.
     // Throws RegistryError or std::runtime_error.
     explicit System(SystemOptions options);
+    // Pulls the module and unloads the driver first, where nobody has: what was begun and did not start leaves
+    // nothing behind.
     ~System();
     System(const System&) = delete;
     System& operator=(const System&) = delete;
@@ -64,7 +66,7 @@ class System {
     bool IdleRequested() const;
 
     // Waits until the device has gone, and unloads the driver, which is then audited. False when it cannot be
-    // unloaded. Every handle must be closed.
+    // unloaded. Every handle must be closed. Once done, does nothing.
     [[nodiscard]] bool Unload();
     // Ends the kernel, which audits what is left. Of no use after it is all but Module and Findings.
     void End() { kernel_.reset(); }
@@ -90,6 +92,7 @@ class System {
     host::UsbPortPtr port_;
     host::PnpNodePtr node_;
     std::string port_name_;
+    bool loaded_ = false;
 };
 
 // The registry file cannot be used: its name, the line, and why.
