@@ -1,10 +1,12 @@
-// What the tests share that run one scenario many times: how often, and what is said when a run fails.
+// What the tests share that run one scenario many times: how often, what is said when a run fails, and how that run is
+// played again.
 #pragma once
 
 #include "rig.h"
 
 #include "ke/explorer.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -17,11 +19,40 @@ inline std::uint64_t Setting(const char* name, std::uint64_t usual)
     return text != nullptr ? std::strtoull(text, nullptr, 10) : usual;
 }
 
+// The command that runs this test alone, with `settings` before it.
+inline std::string ReplayCommand(const std::string& settings)
+{
+    const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
+    return settings + ' ' + program_invocation_name + " --gtest_filter=" + test.test_suite_name() + '.' +
+           test.name();
+}
+
 inline void ExpectNoFailure(const host::Exploration& exploration)
 {
     EXPECT_FALSE(exploration.failure) << exploration.failure->Describe();
     ::testing::Test::RecordProperty("runs", static_cast<int>(exploration.runs));
     ::testing::Test::RecordProperty("every_schedule", exploration.exhausted ? 1 : 0);
+}
+
+// The scenario in every order with at most two pre-emptions, `most` orders at most. NAVOX_SCHEDULE names one of them:
+// it alone is played, on this thread, and stops where the verifier finds something.
+inline void ExpectGoodInEveryOrder(std::uint64_t most, const host::Scenario& scenario)
+{
+    if (const char* schedule = std::getenv("NAVOX_SCHEDULE")) {
+        EXPECT_TRUE(scenario({.strategy = host::StrategyKind::Replay, .schedule = schedule}));
+        return;
+    }
+    const host::KernelOptions options = {.replay_command = ReplayCommand("NAVOX_SCHEDULE='{schedule}'")};
+    ExpectNoFailure(host::ExploreSchedules(options, 2, most, scenario));
+}
+
+// The scenario in `count` orders by chance, from the seed NAVOX_FIRST_SEED on.
+inline void ExpectGoodByChance(host::KernelOptions options, std::uint64_t count,
+                               const host::Scenario& scenario)
+{
+    options.seed = Setting("NAVOX_FIRST_SEED", 1);
+    options.replay_command = ReplayCommand("NAVOX_FIRST_SEED={seed} NAVOX_SEEDS=1");
+    ExpectNoFailure(host::ExploreSeeds(options, count, scenario));
 }
 
 } // namespace navox_test

@@ -1,10 +1,8 @@
 // Serial events: the mask, the history of what it lets through, the wait for it, and what ends a wait.
 // And what happens at once: events, reads, cancels, closes.
+#include "exploration.h"
 #include "scripted_module.h"
 
-#include "ke/explorer.h"
-
-#include <cstdlib>
 #include <cstring>
 
 namespace navox_test {
@@ -192,7 +190,7 @@ TEST(Wait, EndsWhenTheModuleIsPulledAndNoneFollows)
 // Races ------------------------------------------------------------------------------------------------------
 
 // Things that are done at once, in the orders of their steps that two preemptions give, one after the other, and in
-// orders from all over by chance; NAVOX_SCHEDULES sets how many of each. `good` judges what came out.
+// orders from all over by chance; NAVOX_SCHEDULES and NAVOX_SEEDS set how many. `good` judges what came out.
 struct Race {
     const char* name;
     std::vector<Step> before, at_once;
@@ -310,14 +308,12 @@ TEST_P(Races, LoseNothing)
         bench.rig().RunFor(kMillisecond);
         bench.rig().kernel.SetFocus(false);
         const bool good = race.good(bench);
+        EXPECT_TRUE(good);
         bench.port.Close();
         return good;
     };
-    const char* setting = std::getenv("NAVOX_SCHEDULES");
-    const std::uint64_t runs = setting != nullptr ? std::strtoull(setting, nullptr, 10) : 60;
-    for (const host::Exploration& exploration :
-         {host::ExploreSchedules({}, 2, runs, play), host::ExploreSeeds({.pct_length = 100}, runs, play)})
-        EXPECT_FALSE(exploration.failure) << exploration.failure->Describe();
+    ExpectGoodInEveryOrder(Setting("NAVOX_SCHEDULES", 60), play);
+    ExpectGoodByChance({.pct_length = 100}, Setting("NAVOX_SEEDS", 60), play);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Races, ::testing::ValuesIn(kRaces),

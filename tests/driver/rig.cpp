@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 namespace navox_test {
 namespace {
@@ -19,8 +22,31 @@ std::u16string Wide(std::string_view text)
     return {text.begin(), text.end()};
 }
 
-host::KernelOptions WithExcuses(host::KernelOptions options)
+// Writes the events of a run that failed to the folder that NAVOX_TRACE_DIR names.
+void KeepTrace()
 {
+    host::Kernel& kernel = host::Kernel::Current();
+    const char* const folder = std::getenv("NAVOX_TRACE_DIR");
+    const ::testing::TestInfo* const test = ::testing::UnitTest::GetInstance()->current_test_info();
+    if (folder == nullptr || test == nullptr ||
+        (kernel.GetVerifier().Clean() && !::testing::Test::HasFailure()))
+        return;
+    std::string name = std::string(test->test_suite_name()) + '.' + test->name() + ".json";
+    std::replace(name.begin(), name.end(), '/', '.');
+    const std::filesystem::path path = std::filesystem::path(folder) / name;
+    std::ofstream out(path);
+    kernel.Log().WriteJson(out);
+    std::fprintf(stderr, "%s %s\n", out.flush() ? "trace" : "could not write the trace", path.c_str());
+}
+
+// What every run of the driver's tests has.
+host::KernelOptions ForTests(host::KernelOptions options)
+{
+    options.on_end = [inner = std::move(options.on_end)](const host::Kernel& kernel) {
+        KeepTrace();
+        if (inner != nullptr)
+            inner(kernel);
+    };
     options.clock_tick = 156'250; // 15.625 ms, so that a timer due "at once" does not come at every 100 ns
     for (host::Excuse& excuse : app::KeptOnPurpose())
         options.excuses.push_back(std::move(excuse));
@@ -96,7 +122,7 @@ ULONG Port::InQueue() const
     return Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInInQueue;
 }
 
-Rig::Rig(RigOptions options) : kernel(WithExcuses(options.kernel)), options_(std::move(options))
+Rig::Rig(RigOptions options) : kernel(ForTests(options.kernel)), options_(std::move(options))
 {
     host::PnpManager::Current().SetInstaller([this](host::PnpNode& node) {
         if (options_.port_name)
