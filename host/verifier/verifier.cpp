@@ -74,7 +74,7 @@ void Verifier::Report(Rule rule, std::string detail, std::string text, const voi
     if (TakeIfExcused(finding))
         return;
     if (policy_ == Policy::Stop)
-        PrintAndAbort(finding);
+        PrintAndAbort(std::move(finding));
     kernel_.Log().Note("verifier", NameOf(rule), finding.detail);
     Record(std::move(finding));
 }
@@ -84,7 +84,7 @@ void Verifier::ReportFatal(Rule rule, std::string detail, std::string text, cons
     Finding finding = Describe(rule, std::move(detail), std::move(text), caller);
     IsolatedRun* const run = kernel_.impl().isolated_run;
     if (policy_ == Policy::Stop || !kernel_.Simulated() || run == nullptr)
-        PrintAndAbort(finding);
+        PrintAndAbort(std::move(finding));
     Record(std::move(finding));
     kernel_.Abandon();
     KiAbandonRun(*run);
@@ -98,10 +98,16 @@ void Verifier::Record(Finding finding)
     findings_.push_back(std::move(finding));
 }
 
-void Verifier::PrintAndAbort(const Finding& finding) const
+void Verifier::PrintAndAbort(Finding finding)
 {
     std::fprintf(stderr, "\n%s\n%s\n", FormatFinding(finding).c_str(), kernel_.RunDescription().c_str());
     std::fflush(stderr);
+    {
+        const MutexLock lock(mutex_);
+        findings_.push_back(std::move(finding));
+    }
+    if (kernel_.Options().on_end != nullptr)
+        kernel_.Options().on_end(kernel_);
     std::abort();
 }
 

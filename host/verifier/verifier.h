@@ -90,7 +90,7 @@ class Verifier {
     Finding Describe(Rule rule, std::string detail, std::string text, const void* caller) const;
     void Record(Finding finding);
     bool TakeIfExcused(const Finding& finding);
-    [[noreturn]] void PrintAndAbort(const Finding& finding) const;
+    [[noreturn]] void PrintAndAbort(Finding finding);
 
     Kernel& kernel_;
     const bool enabled_;
