@@ -141,6 +141,11 @@ void OsSleepForever()
         nobody_posts.Wait();
 }
 
+void OsName(const std::string& name)
+{
+    (void)pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+}
+
 void OsBind(int processor)
 {
     OsThreadPool::Instance().Bind(processor);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 namespace host {
 
@@ -14,6 +15,8 @@ void OsRun(std::function<void()> job, int processor);
 // The calling thread does nothing any more.
 [[noreturn]] void OsSleepForever();
 
+// What debuggers call the calling thread: the first 15 characters of `name`.
+void OsName(const std::string& name);
 // Binds the calling thread, as above.
 void OsBind(int processor);
 // The processor the calling thread runs on now.

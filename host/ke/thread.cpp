@@ -49,6 +49,7 @@ void EndThread(Thread& self)
 
 void ThreadMain(Thread& self)
 {
+    OsName(self.kernel.impl().threads.NameOf(self.id));
     try {
         self.body();
     } catch (...) {
