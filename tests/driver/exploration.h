@@ -34,25 +34,27 @@ inline void ExpectNoFailure(const host::Exploration& exploration)
     ::testing::Test::RecordProperty("every_schedule", exploration.exhausted ? 1 : 0);
 }
 
-// The scenario in every order with at most two pre-emptions, `most` orders at most. NAVOX_SCHEDULE names one of them:
-// it alone is played, on this thread, and stops where the verifier finds something.
-inline void ExpectGoodInEveryOrder(std::uint64_t most, const host::Scenario& scenario)
+// The scenario in every order with at most two pre-emptions, NAVOX_SCHEDULES orders at most. NAVOX_SCHEDULE names one of
+// them: it alone is played, on this thread, and stops where the verifier finds something.
+inline void ExpectGoodInEveryOrder(std::uint64_t usual, const host::Scenario& scenario)
 {
     if (const char* schedule = std::getenv("NAVOX_SCHEDULE")) {
         EXPECT_TRUE(scenario({.strategy = host::StrategyKind::Replay, .schedule = schedule}));
         return;
     }
     const host::KernelOptions options = {.replay_command = ReplayCommand("NAVOX_SCHEDULE='{schedule}'")};
-    ExpectNoFailure(host::ExploreSchedules(options, 2, most, scenario));
+    ExpectNoFailure(host::ExploreSchedules(options, 2, Setting("NAVOX_SCHEDULES", usual), scenario));
 }
 
-// The scenario in `count` orders by chance, from the seed NAVOX_FIRST_SEED on.
-inline void ExpectGoodByChance(host::KernelOptions options, std::uint64_t count,
-                               const host::Scenario& scenario)
+// The scenario in NAVOX_SEEDS orders by chance, from the seed NAVOX_FIRST_SEED on. Returns how many.
+inline std::uint64_t ExpectGoodByChance(host::KernelOptions options, std::uint64_t usual,
+                                        const host::Scenario& scenario)
 {
+    const std::uint64_t seeds = Setting("NAVOX_SEEDS", usual);
     options.seed = Setting("NAVOX_FIRST_SEED", 1);
     options.replay_command = ReplayCommand("NAVOX_FIRST_SEED={seed} NAVOX_SEEDS=1");
-    ExpectNoFailure(host::ExploreSeeds(options, count, scenario));
+    ExpectNoFailure(host::ExploreSeeds(options, seeds, scenario));
+    return seeds;
 }
 
 } // namespace navox_test

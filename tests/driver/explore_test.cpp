@@ -1,6 +1,5 @@
 // The order of things, left to chance and to exhaustion: clients that read, open and close while the module is pulled,
-// and a read that is cancelled at every point of its life. NAVOX_SEEDS sets how many seeds are run, NAVOX_FIRST_SEED
-// where they begin.
+// and a read that is cancelled at every point of its life.
 #include "exploration.h"
 
 #include <random>
@@ -91,7 +90,7 @@ bool UnpluggedAtARandomMoment(const host::KernelOptions& kernel)
 
 TEST(Exploration, ClientsReadOpenAndCloseWhileTheModuleIsPulled)
 {
-    ExpectGoodByChance({}, Setting("NAVOX_SEEDS", 200), UnpluggedAtARandomMoment);
+    ExpectGoodByChance({}, 200, UnpluggedAtARandomMoment);
 }
 
 // The burst fills the read, its time runs out, and it is cancelled, all at one moment.

@@ -164,11 +164,11 @@ class DeviceInUse : public ::testing::TestWithParam<Change> {};
 
 TEST_P(DeviceInUse, GoesThroughItsLife)
 {
-    const std::uint64_t seeds = Setting("NAVOX_SEEDS", 30);
     int happened = 0;
-    ExpectGoodByChance({.max_steps = 500'000}, seeds, [&](const host::KernelOptions& kernel) {
-        return InUse(kernel, GetParam(), happened);
-    });
+    const std::uint64_t seeds =
+        ExpectGoodByChance({.max_steps = 500'000}, 30, [&](const host::KernelOptions& kernel) {
+            return InUse(kernel, GetParam(), happened);
+        });
     EXPECT_GE(static_cast<std::uint64_t>(happened), seeds) << "half of the changes did not come about";
 }
 
@@ -342,9 +342,8 @@ class TwoActors : public ::testing::TestWithParam<Race> {};
 TEST_P(TwoActors, MeetInEveryOrder)
 {
     const host::Time moment = GetParam().moment != nullptr ? FindMoment(GetParam()) : 0;
-    ExpectGoodInEveryOrder(Setting("NAVOX_SCHEDULES", 100), [&](const host::KernelOptions& kernel) {
-        return Meet(kernel, GetParam(), moment);
-    });
+    ExpectGoodInEveryOrder(
+        100, [&](const host::KernelOptions& kernel) { return Meet(kernel, GetParam(), moment); });
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -190,7 +190,7 @@ TEST(Wait, EndsWhenTheModuleIsPulledAndNoneFollows)
 // Races ------------------------------------------------------------------------------------------------------
 
 // Things that are done at once, in the orders of their steps that two preemptions give, one after the other, and in
-// orders from all over by chance; NAVOX_SCHEDULES and NAVOX_SEEDS set how many. `good` judges what came out.
+// orders from all over by chance. `good` judges what came out.
 struct Race {
     const char* name;
     std::vector<Step> before, at_once;
@@ -312,8 +312,8 @@ TEST_P(Races, LoseNothing)
         bench.port.Close();
         return good;
     };
-    ExpectGoodInEveryOrder(Setting("NAVOX_SCHEDULES", 60), play);
-    ExpectGoodByChance({.pct_length = 100}, Setting("NAVOX_SEEDS", 60), play);
+    ExpectGoodInEveryOrder(60, play);
+    ExpectGoodByChance({.pct_length = 100}, 60, play);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Races, ::testing::ValuesIn(kRaces),
