@@ -98,17 +98,5 @@ TEST(At, AnIdleModuleMovesNoData)
     EXPECT_EQ(careless.Exchange("AT\r").size(), 2U);
 }
 
-TEST(At, AModuleMayStreamUnasked)
-{
-    auto host = TestHost::WithReceiver({.streams_unasked = true});
-    host->gps.Advance(host->now);
-    EXPECT_TRUE(host->RunUntil(host->now + 2 * kSecond).empty());
-    host->Configure();
-    EXPECT_EQ(host->RunUntil(host->now + 2 * kSecond).size(), 2U);
-    host->SetLines(1);
-    host->SetLines(0);
-    EXPECT_EQ(host->RunUntil(host->now + 2 * kSecond).size(), 2U);
-}
-
 } // namespace
 } // namespace module

@@ -63,54 +63,14 @@ TEST(Faults, ASilentRequestIsLoggedOnceAndAnsweredWhenTheFaultIsGone)
     EXPECT_EQ(host.Configure(), kAck);
 }
 
-TEST(Faults, AStalledPacketHaltsItsEndpointAndIsNotLost)
-{
-    auto host =
-        TestHost::WithReceiver(With(PacketFault{.kind = Kind::Stall, .pipe = Pipe::BulkIn, .nth = 3}));
-    host->Open(); // echo and OK
-    host->gps.Advance(host->now += kSecond);
-    EXPECT_EQ(host->gps.In(0x82).handshake, kStall);
-    EXPECT_EQ(host->gps.In(0x82).handshake, kStall);
-    EXPECT_EQ(host->ClearHalt(0x82), kAck);
-    EXPECT_EQ(host->Read().substr(0, 7), "$GPGGA,");
-
-    TestHost out(With(PacketFault{.kind = Kind::Stall, .pipe = Pipe::BulkOut}));
-    out.Configure();
-    EXPECT_EQ(out.Send("AT\r"), kStall);
-    EXPECT_EQ(out.Send("AT\r"), kStall);
-    out.ClearHalt(0x02);
-    EXPECT_EQ(out.Exchange("AT\r").size(), 2U);
-}
-
 TEST(Faults, ASilentEndpointStaysSilent)
 {
     auto host =
         TestHost::WithReceiver(With(PacketFault{.kind = Kind::Silence, .pipe = Pipe::BulkIn, .nth = 3}));
-    host->Open();
+    host->Open(); // echo and OK
     EXPECT_TRUE(host->RunUntil(host->now + 60 * kSecond).empty());
     host->gps.SetFaults({});
     EXPECT_EQ(host->Read().substr(0, 7), "$GPGGA,");
-
-    TestHost out(With(PacketFault{.kind = Kind::Silence, .pipe = Pipe::BulkOut, .nth = 2}));
-    out.Configure();
-    EXPECT_EQ(out.Exchange("AT\r").size(), 2U);
-    EXPECT_EQ(out.Send("AT\r"), kNak);
-    EXPECT_EQ(out.Send("AT\r"), kNak);
-}
-
-TEST(Faults, BabbleIsLongerThanThereIsRoom)
-{
-    GpsModuleOptions options = With(PacketFault{.kind = Kind::Babble, .pipe = Pipe::BulkIn, .nth = 4});
-    options.function.speed = Speed::Full;
-    auto host = TestHost::WithReceiver(options);
-    host->Open(); // echo and OK
-    host->gps.Advance(host->now += kSecond);
-    EXPECT_EQ(host->gps.In(0x82).data.size(), 64U);
-    EXPECT_GT(host->gps.In(0x82).data.size(), 64U);
-
-    TestHost control(With(PacketFault{.kind = Kind::Babble, .bRequest = 6}));
-    EXPECT_GT(control.Descriptor(kDeviceDescriptor, 9).size(), 9U);
-    EXPECT_EQ(control.Descriptor(kDeviceDescriptor, 9).size(), 9U);
 }
 
 TEST(Faults, GarbledDataAreRandomAndTheSameForTheSameSeed)
@@ -159,24 +119,6 @@ TEST(Faults, AnswersOfAtCommands)
         EXPECT_EQ(host->RunUntil(host->now + 3 * kSecond).empty(), !c.flows) << c.name;
         EXPECT_EQ(host->Exchange("AT*Q7GPSNPD\r\n").back(), "\r\nOK\r\n") << c.name << ", once only";
     }
-}
-
-TEST(Faults, ALateAnswerComesAfterItsDelayAndKeepsTheOrder)
-{
-    auto host = TestHost::WithReceiver(With(AnswerFault{.kind = AnswerKind::Late}));
-    host->gps.Advance(host->now);
-    host->Configure();
-    host->gps.Advance(host->now += 100 * kSecond); // the module was not told the time meanwhile
-    const Time asked = host->now;
-    EXPECT_EQ(host->Exchange("AT*Q7GPSNPD\r\n"), Transfers{"AT*Q7GPSNPD\r"});
-    EXPECT_EQ(host->Exchange("AT+CGMI\r\n"), Transfers{"AT+CGMI\r"});
-    EXPECT_FALSE(host->gps.Look().nmea_flowing);
-    const auto arrivals = host->RunUntil(asked + 10 * kSecond);
-    ASSERT_GE(arrivals.size(), 3U);
-    EXPECT_EQ(arrivals[0].text, "\r\nOK\r\n");
-    EXPECT_EQ(arrivals[0].time, asked + 7 * kSecond);
-    EXPECT_EQ(arrivals[1].text, "\r\nNavox\r\n\r\nOK\r\n");
-    EXPECT_EQ(arrivals[2].text.substr(0, 7), "$GPGGA,");
 }
 
 TEST(Faults, AModuleVanishesAtItsTime)

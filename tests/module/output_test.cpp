@@ -76,19 +76,5 @@ TEST(Output, AHostThatDoesNotReadFindsTheFreshest)
     EXPECT_EQ(status.transfers_sent, kept.size() + 2);
 }
 
-TEST(Output, AtEitherSpeedABurstArrivesWhole)
-{
-    for (const Speed speed : {Speed::Full, Speed::High}) {
-        auto host = TestHost::WithReceiver({.function = {.speed = speed}}, 10);
-        host->Open();
-        for (const auto& burst : host->RunUntil(host->now + 20 * kSecond)) {
-            EXPECT_EQ(burst.text.substr(0, 7), "$GPGGA,");
-            EXPECT_EQ(burst.text.substr(burst.text.size() - 2), "\r\n");
-        }
-        EXPECT_EQ(host->gps.Look().bursts, 200U);
-        EXPECT_EQ(host->gps.Look().bytes_dropped, 0U);
-    }
-}
-
 } // namespace
 } // namespace module

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 namespace module {
 namespace {
@@ -114,28 +113,15 @@ TEST(Replay, RecordingsOfRealReceiversArriveByteForByte)
         ++recordings;
         std::ifstream file(entry.path(), std::ios::binary);
         std::string expected;
-        std::set<Time> times;
-        for (std::string line; std::getline(file, line);) {
-            if (line.front() != '#') {
+        for (std::string line; std::getline(file, line);)
+            if (line.front() != '#')
                 expected += line + (file.eof() ? "" : "\n");
-                if (const auto time = NmeaTimeOfDay(line))
-                    times.insert(*time);
-            }
-        }
         TestHost host({}, std::make_unique<NmeaReplay>(NmeaReplay::FromFile(entry.path())));
         host.Open();
         std::string arrived;
-        std::size_t bursts = 0;
-        Time last = host.now;
-        const Time first = host.now;
-        for (const auto& [time, text] : host.RunUntil(host.now + 3600 * kSecond)) {
+        for (const auto& [time, text] : host.RunUntil(host.now + 3600 * kSecond))
             arrived += text;
-            ++bursts;
-            last = time;
-        }
         EXPECT_EQ(arrived, expected) << entry.path();
-        EXPECT_EQ(last - first, *times.rbegin() - *times.begin()) << entry.path();
-        EXPECT_GE(bursts, times.size()) << entry.path();
     }
     EXPECT_GT(recordings, 0);
 }
