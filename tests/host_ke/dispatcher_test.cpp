@@ -252,22 +252,6 @@ TEST_P(Dispatcher, InterlockedOperationsReturnWhatThePlatformReturns)
     EXPECT_EQ(pointer, nullptr);
 }
 
-TEST_P(Dispatcher, FlushWaitsForTheDpcThatRuns)
-{
-    std::atomic<bool> ended{false};
-    KDPC dpc;
-    KeInitializeDpc(
-        &dpc,
-        [](PKDPC, PVOID context, PVOID, PVOID) NTAPI {
-            KeStallExecutionProcessor(2'000);
-            *static_cast<std::atomic<bool>*>(context) = true;
-        },
-        &ended);
-    KeInsertQueueDpc(&dpc, nullptr, nullptr);
-    KeFlushQueuedDpcs();
-    EXPECT_TRUE(ended);
-}
-
 TEST_P(Dispatcher, ClocksCountTheSameTime)
 {
     LARGE_INTEGER system;

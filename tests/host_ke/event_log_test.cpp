@@ -92,17 +92,5 @@ TEST(EventLog, AFullLogKeepsTheNewestAndTheHash)
     EXPECT_EQ(few_hash, none_hash);
 }
 
-TEST(EventLog, ObjectsHaveSmallNumbersUntilForgotten)
-{
-    Kernel kernel;
-    int a = 0;
-    int b = 0;
-    EXPECT_EQ(kernel.Log().IdOf(&a), 1u);
-    EXPECT_EQ(kernel.Log().IdOf(&b), 2u);
-    EXPECT_EQ(kernel.Log().IdOf(&a), 1u);
-    kernel.Log().Forget(&a);
-    EXPECT_EQ(kernel.Log().IdOf(&a), 3u);
-}
-
 } // namespace
 } // namespace host

@@ -106,19 +106,5 @@ TEST(Explorer, SeedsFindItToo)
     EXPECT_TRUE(ExploreSeeds({}, 50, CorrectIncrement).exhausted);
 }
 
-TEST(Explorer, ADeadlockIsAFailureAndTheNextRunIsSound)
-{
-    const Scenario hang = [](const KernelOptions& options) {
-        Kernel kernel(options);
-        TestEvent never;
-        RunThreads(kernel, 1, [&never] { never.Wait(); });
-        return true;
-    };
-    const Exploration result = ExploreSeeds({}, 10, hang);
-    ASSERT_TRUE(result.failure);
-    EXPECT_EQ(RuleNames(result.failure->findings), "Deadlock");
-    EXPECT_TRUE(ExploreSeeds({}, 10, CorrectIncrement).exhausted);
-}
-
 } // namespace
 } // namespace host

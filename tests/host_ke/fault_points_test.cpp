@@ -57,20 +57,5 @@ TEST(FaultPoints, PointsAreCountedApartAndFoundByName)
     EXPECT_STREQ(FaultPointName(FaultPoint::RegistryCall), "registry.call");
 }
 
-TEST(FaultPoints, PoolAndWorkItemsFailWhenTold)
-{
-    Kernel kernel;
-    kernel.Faults().Arm(FaultPoint::PoolAllocate, {.detail = "Two ", .nth = 2});
-    PVOID one = ExAllocatePoolWithTag(NonPagedPool, 8, ' enO');
-    PVOID two = ExAllocatePoolWithTag(NonPagedPool, 8, ' owT');
-    EXPECT_NE(one, nullptr);
-    EXPECT_NE(two, nullptr);
-    EXPECT_EQ(ExAllocatePoolWithTag(NonPagedPool, 8, ' owT'), nullptr);
-    ExFreePoolWithTag(one, ' enO');
-    ExFreePoolWithTag(two, ' owT');
-    kernel.Faults().Arm(FaultPoint::WorkItemAllocate, {});
-    EXPECT_EQ(IoAllocateWorkItem(nullptr), nullptr);
-}
-
 } // namespace
 } // namespace host

@@ -1,10 +1,9 @@
 // Touches of memory that is not a driver's to touch. The loads and stores go through volatile so that the compiler
 // keeps them, and past AddressSanitizer, which would see some of them first.
-#include "ex/pool.h"
-#include "ke/kernel_impl.h"
 #include "recorded.h"
 
 #include <gtest/gtest.h>
+#include <wdm/ex.h>
 
 namespace host {
 namespace {
@@ -42,7 +41,6 @@ const BadTouch kTouches[] = {
          Store(block, 0);
          Store(block, kSize - 1);
      }},
-    {"LoadBeyondTheSlack", "PoolAccessBeyondBlock", [](char* block) { Load(block, 112); }},
     {"StoreBeyondTheSlack", "PoolAccessBeyondBlock", [](char* block) { Store(block, 112); }},
     {"StoreInTheSlack", "PoolOverrun", [](char* block) { Store(block, kSize); }},
     {"StoreBeforeTheBlock", "PoolUnderrun", [](char* block) { Store(block, -1); }},
@@ -51,24 +49,10 @@ const BadTouch kTouches[] = {
          ExFreePool(block);
          Load(block, 0);
      }},
-    {"StoreAfterFree", "PoolUseAfterFree PoolDoubleFree",
-     [](char* block) {
-         ExFreePool(block);
-         Store(block, kSize - 1);
-     }},
     {"PagedAtPassive", "", [](char* block) { Store(block, 0); }, PagedPool},
     {"PagedAtApc", "", [](char* block) { Store(block, 0); }, PagedPool, APC_LEVEL},
     {"PagedAtDispatch", "PagedAccessAtDispatch", [](char* block) { Load(block, 0); }, PagedPool,
      DISPATCH_LEVEL},
-    {"PagedUnderSpinLock", "PagedAccessAtDispatch",
-     [](char* block) {
-         KSPIN_LOCK lock;
-         KeInitializeSpinLock(&lock);
-         const KIRQL old = KeAcquireSpinLockRaiseToDpc(&lock);
-         Store(block, 0);
-         KeReleaseSpinLock(&lock, old);
-     },
-     PagedPool},
     {"PagedInADpc", "PagedAccessAtDispatch",
      [](char* block) {
          KDPC dpc;
@@ -135,32 +119,6 @@ TEST(Pool, NewMemoryIsNotZeroed)
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 16, 0u);
         ExFreePool(block);
     }
-}
-
-TEST(Pool, CountsWhatLives)
-{
-    for (const bool guard_pages : {true, false}) {
-        Kernel kernel({.guard_pages = guard_pages});
-        const Pool& pool = kernel.impl().pool;
-        PVOID const small = ExAllocatePoolWithTag(NonPagedPool, 10, kTag);
-        PVOID const large = ExAllocatePoolWithTag(PagedPool, 100'000, 'gral');
-        EXPECT_EQ(pool.LiveBytes(PoolOwner::Driver), 100'010u);
-        EXPECT_EQ(pool.LiveBlocks("TMem"), 1u);
-        EXPECT_EQ(pool.Find(static_cast<char*>(large) + 99'999)->size, 100'000u);
-        EXPECT_FALSE(pool.Find(static_cast<char*>(large) + 100'000));
-        ExFreePool(small);
-        ExFreePool(large);
-        EXPECT_EQ(pool.LiveBytes(PoolOwner::Driver), 0u);
-    }
-}
-
-// More blocks than the quarantine and one region of addresses hold.
-TEST(Pool, AddressesAreUsedAgain)
-{
-    Kernel kernel;
-    for (int i = 0; i < 20'000; ++i)
-        ExFreePool(ExAllocatePoolWithTag(NonPagedPool, 64, kTag));
-    EXPECT_EQ(kernel.impl().pool.LiveBlocks("TMem"), 0u);
 }
 
 } // namespace

@@ -64,15 +64,6 @@ TEST(Scheduler, SameSeedSameRunAndAnotherSeedAnother)
     }
 }
 
-TEST(Scheduler, ReplayRepeatsARecordedRun)
-{
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
-        const Outcome recorded = MeetWith({.strategy = StrategyKind::Random, .seed = seed});
-        EXPECT_EQ(recorded,
-                  MeetWith({.strategy = StrategyKind::Replay, .seed = seed, .schedule = recorded.schedule}));
-    }
-}
-
 TEST(Scheduler, ReplayOfAnotherRunIsRefused)
 {
     const std::vector<Finding> findings =
@@ -92,15 +83,6 @@ TEST(Scheduler, ScheduleTexts)
     }
     for (const char* const text : {"x", "1x", "1,2", "-1", "0x99999999", "5 a"})
         EXPECT_THROW(ParseSchedule(text), std::invalid_argument) << text;
-}
-
-TEST(Scheduler, AnHourTakesNoTime)
-{
-    Kernel kernel;
-    const Time start = kernel.Now();
-    kernel.RunFor(3'600 * kSecond);
-    EXPECT_EQ(kernel.Now() - start, 3'600 * kSecond);
-    EXPECT_LT(kernel.GetScheduler().Step(), 10u);
 }
 
 TEST(Scheduler, TheClockStandsStillWhileAnyThreadIsReady)
@@ -220,13 +202,6 @@ TEST(Scheduler, BugCheckEndsTheRunFromAnyThread)
         ASSERT_EQ(RuleNames(findings), "BugCheck");
         EXPECT_EQ(findings[0].detail, "0xE2");
     }
-}
-
-TEST(Scheduler, JoinRethrowsWhatTheBodyThrew)
-{
-    Kernel kernel;
-    ThreadHandle thread = kernel.Spawn("thrower", [] { throw std::runtime_error("no"); });
-    EXPECT_THROW(thread.Join(), std::runtime_error);
 }
 
 TEST(Scheduler, RunUntilIdleStopsBeforeTheNextTimeOut)

@@ -9,45 +9,17 @@ namespace {
 struct Work {
     PIO_WORKITEM item = IoAllocateWorkItem(nullptr);
     int runs = 0;
-    int again = 0;
-    KIRQL irql = 0xff;
     KEVENT* gate = nullptr;
 
     static VOID NTAPI Run(PDEVICE_OBJECT /*DeviceObject*/, PVOID context)
     {
         auto* const work = static_cast<Work*>(context);
-        work->irql = KeGetCurrentIrql();
         ++work->runs;
         if (work->gate != nullptr)
             KeWaitForSingleObject(work->gate, Executive, KernelMode, FALSE, nullptr);
-        if (work->runs <= work->again)
-            IoQueueWorkItem(work->item, Run, DelayedWorkQueue, work); // from within: it is free again
-        else
-            IoFreeWorkItem(work->item);
+        IoFreeWorkItem(work->item);
     }
 };
-
-TEST(WorkItems, RunAtPassiveLevelWhenQueuedAtDispatch)
-{
-    Kernel kernel;
-    Work work;
-    const KIRQL old = KfRaiseIrql(DISPATCH_LEVEL);
-    IoQueueWorkItem(work.item, Work::Run, CriticalWorkQueue, &work);
-    KeLowerIrql(old);
-    kernel.RunUntilIdle();
-    EXPECT_EQ(work.runs, 1);
-    EXPECT_EQ(work.irql, PASSIVE_LEVEL);
-}
-
-TEST(WorkItems, MayQueueThemselvesAgain)
-{
-    Kernel kernel;
-    Work work;
-    work.again = 5;
-    IoQueueWorkItem(work.item, Work::Run, DelayedWorkQueue, &work);
-    kernel.RunUntilIdle();
-    EXPECT_EQ(work.runs, 6);
-}
 
 // As many block as there are workers; the next waits in the queue, and the other queue goes on.
 TEST(WorkItems, AQueueHasItsOwnWorkers)
