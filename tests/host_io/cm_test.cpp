@@ -6,8 +6,6 @@
 
 #include <array>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <wdm/rtl.h>
 #include <wdm/zw.h>
 
@@ -141,44 +139,6 @@ TEST(RegText, WhatIsSavedLoadsAgain)
             }
         }
     }
-    const std::string text = CmSaveRegText(from, kKey, host::CmRegEncoding::Utf8);
-    for (std::size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
-        const std::size_t end = text.find('\r', at);
-        EXPECT_LE(end - at, 81U) << text.substr(at, end - at);
-        if (text.find('\n', at) == std::string::npos)
-            break;
-    }
-}
-
-TEST(RegText, SavingReplacesTheFileInOneStep)
-{
-    const std::filesystem::path file = std::filesystem::path(testing::TempDir()) / "navox_reg_test.reg";
-    CmRegistry registry;
-    registry.SetDword(kKey, u"x", 7);
-    EXPECT_FALSE(CmSaveRegFile(registry, kKey, file));
-    CmRegistry again;
-    EXPECT_FALSE(CmLoadRegFile(again, file));
-    EXPECT_EQ(again.Dword(kKey, u"x"), 7U);
-    EXPECT_TRUE(CmSaveRegFile(registry, u"\\Registry\\Machine\\None", file));
-    EXPECT_TRUE(CmLoadRegFile(again, file / "missing"));
-    std::filesystem::remove(file);
-}
-
-TEST(Registry, RemembersChangesInOrder)
-{
-    CmRegistry registry;
-    registry.SetDword(kKey, u"OpenHandles", 1);
-    registry.SetDword(kKey, u"openhandles", 2);
-    registry.SetString(kKey, u"PortName", u"COM5");
-    registry.DeleteValue(registry.Open(kKey), u"OPENHANDLES");
-    const auto writes = registry.Writes();
-    ASSERT_EQ(writes.size(), 5U);
-    EXPECT_EQ(writes[0].kind, host::CmWrite::Kind::CreateKey);
-    EXPECT_EQ(writes[1].Dword(), 1U);
-    EXPECT_EQ(writes[2].Dword(), 2U);
-    EXPECT_EQ(writes[3].Text(), "COM5");
-    EXPECT_EQ(writes[4].kind, host::CmWrite::Kind::DeleteValue);
-    EXPECT_EQ(host::ToUtf8(writes[4].key), "\\Registry\\Machine\\A");
 }
 
 // The routines that drivers call.
@@ -296,36 +256,6 @@ TEST_F(KeyTest, HandlesAreChecked)
     EXPECT_TRUE(kernel.GetVerifier().Clean());
     EXPECT_EQ(ZwClose(key), STATUS_INVALID_HANDLE);
     EXPECT_EQ(kernel.GetVerifier().Count(host::Rule::HandleInvalid), 1U);
-}
-
-TEST_F(KeyTest, DeviceMapIsWrittenByName)
-{
-    WCHAR path[] = L"SERIALCOMM";
-    WCHAR name[] = L"\\Device\\t0";
-    WCHAR port[] = L"COM5";
-    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name, REG_SZ, port, sizeof port),
-              STATUS_SUCCESS);
-    EXPECT_EQ(registry.String(u"\\Registry\\Machine\\Hardware\\DeviceMap\\SERIALCOMM", u"\\Device\\t0"),
-              "COM5");
-    EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name), STATUS_SUCCESS);
-    EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(RtlWriteRegistryValue(99, path, name, REG_SZ, port, sizeof port), STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(KeyTest, ACallCanBeMadeToFail)
-{
-    kernel.Faults().Arm(
-        host::FaultPoint::RegistryCall,
-        {.detail = "RtlWriteRegistryValue", .nth = 2, .fault = {.status = STATUS_ACCESS_DENIED}});
-    WCHAR path[] = L"SERIALCOMM";
-    WCHAR name[] = L"n";
-    ULONG value = 0;
-    const auto write = [&] {
-        return RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, path, name, REG_DWORD, &value, sizeof value);
-    };
-    EXPECT_EQ(write(), STATUS_SUCCESS);
-    EXPECT_EQ(write(), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(write(), STATUS_SUCCESS);
 }
 
 } // namespace

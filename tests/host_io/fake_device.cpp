@@ -3,27 +3,6 @@
 #include <algorithm>
 
 namespace host_test {
-namespace {
-
-Octets OctetsOf(std::string_view text)
-{
-    return {text.begin(), text.end()};
-}
-
-module::Packet Answer(Octets data, std::uint16_t most)
-{
-    if (data.size() > most)
-        data.resize(most);
-    return {module::Handshake::Ack, std::move(data)};
-}
-
-} // namespace
-
-Octets FakeDevice::DeviceDescriptor()
-{
-    return {18, 1, 0x00, 0x02, 0, 0, 0, 64, 0x34, 0x12, 0x78, 0x56, 1, 0, 0, 0, 0, 1};
-}
-
 Octets FakeDevice::ConfigurationDescriptor()
 {
     return {
@@ -37,31 +16,23 @@ Octets FakeDevice::ConfigurationDescriptor()
     };
 }
 
-module::Packet FakeDevice::Control(const module::SetupPacket& setup, std::span<const std::uint8_t> data)
+module::Packet FakeDevice::Control(const module::SetupPacket& setup, std::span<const std::uint8_t>)
 {
-    control.push_back({setup, {data.begin(), data.end()}});
-    if ((setup.bmRequestType & 0x60) != 0) {
-        if (nak_control)
-            return {module::Handshake::Nak, {}};
-        if (setup.bRequest == stalls_request)
-            return {module::Handshake::Stall, {}};
-        if (babble_control)
-            return {module::Handshake::Ack, Octets(setup.wLength + 1U)};
-        return Answer({0xAA, 0xBB}, (setup.bmRequestType & 0x80) != 0 ? setup.wLength : std::uint16_t{0});
-    }
     if (setup.bRequest == 1 && setup.bmRequestType == 2)
         stalled[static_cast<std::uint8_t>(setup.wIndex)] = false;
     if (setup.bRequest != 6)
         return {module::Handshake::Ack, {}};
-    return Answer(setup.wValue >> 8 == 1 ? DeviceDescriptor() : ConfigurationDescriptor(), setup.wLength);
+    Octets descriptor = setup.wValue >> 8 == 1
+                            ? Octets{18, 1, 0x00, 0x02, 0, 0, 0, 64, 0x34, 0x12, 0x78, 0x56, 1, 0, 0, 0, 0, 1}
+                            : ConfigurationDescriptor();
+    descriptor.resize(std::min<std::size_t>(descriptor.size(), setup.wLength));
+    return {module::Handshake::Ack, std::move(descriptor)};
 }
 
 module::Handshake FakeDevice::Out(std::uint8_t endpoint, std::span<const std::uint8_t> data)
 {
     if (stalled[endpoint])
         return module::Handshake::Stall;
-    if (nak_out)
-        return module::Handshake::Nak;
     out.emplace_back(data.begin(), data.end());
     return module::Handshake::Ack;
 }
@@ -78,28 +49,9 @@ module::Packet FakeDevice::In(std::uint8_t endpoint)
     return packet;
 }
 
-void FakeDevice::Advance(module::Time time)
-{
-    now = time;
-    while (!later_.empty() && later_.front().when <= now) {
-        in[later_.front().endpoint].push_back({module::Handshake::Ack, later_.front().data});
-        later_.pop_front();
-    }
-}
-
-std::optional<module::Time> FakeDevice::NextEvent() const
-{
-    return later_.empty() ? std::nullopt : std::optional(later_.front().when);
-}
-
 void FakeDevice::Send(std::uint8_t endpoint, std::string_view data)
 {
-    in[endpoint].push_back({module::Handshake::Ack, OctetsOf(data)});
-}
-
-void FakeDevice::SendAt(module::Time when, std::uint8_t endpoint, std::string_view data)
-{
-    later_.push_back({when, endpoint, OctetsOf(data)});
+    in[endpoint].push_back({module::Handshake::Ack, {data.begin(), data.end()}});
 }
 
 } // namespace host_test

@@ -88,23 +88,6 @@ TEST_F(Machine, MakesADeviceAsItsDriverAsks)
     EXPECT_EQ(host::nt::File::Open("\\Device\\made", &file), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
-TEST_F(Machine, StacksDevicesAndTakesThemDownAtTheTop)
-{
-    PDEVICE_OBJECT bottom = bench.script.device;
-    PDEVICE_OBJECT middle = host_test::MakeDevice(bench.driver, u"");
-    PDEVICE_OBJECT top = host_test::MakeDevice(bench.driver, u"");
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(middle, bottom), bottom);
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(top, bottom), middle) << "on top of what is there";
-    EXPECT_EQ(top->StackSize, 3);
-    EXPECT_EQ(host::IopTopOf(bottom), top);
-    EXPECT_EQ(host::IopBottomOf(top), bottom);
-    IoDetachDevice(middle);
-    IoDeleteDevice(top);
-    EXPECT_EQ(host::IopTopOf(bottom), middle);
-    IoDetachDevice(bottom);
-    IoDeleteDevice(middle);
-}
-
 TEST_F(Machine, KeepsADeviceUntilTheLastReferenceGoes)
 {
     PDEVICE_OBJECT device = bench.script.device;
@@ -126,17 +109,6 @@ TEST_F(Machine, LoadsADriverUnderItsServicesKey)
     EXPECT_TRUE(host::ConfigurationManager::Current().Registry().Open(key));
     EXPECT_EQ(host::IoUnloadDriver("scripted"), STATUS_DEVICE_BUSY) << "it has a device";
     EXPECT_EQ(host::IoUnloadDriver("another"), STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
-TEST(Driver, ThatFailsItsEntryIsNotThere)
-{
-    Bench bench(Bench::Recording(), false);
-    EXPECT_EQ(host::IoUnloadDriver("scripted"), STATUS_SUCCESS);
-    bench.script.entry = [](PDRIVER_OBJECT) { return STATUS_INSUFFICIENT_RESOURCES; };
-    EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(host::IoDriverByName("scripted"), nullptr);
-    bench.script.entry = nullptr;
-    EXPECT_EQ(host::IoLoadDriver("scripted", host_test::ScriptedEntry, &bench.driver), STATUS_SUCCESS);
 }
 
 TEST_F(Machine, FailsARequestWithoutARoutine)

@@ -48,17 +48,6 @@ TEST_F(NtFile, OpensCleansUpAndCloses)
     EXPECT_EQ(bench.script.device->ReferenceCount, 0);
 }
 
-TEST_F(NtFile, ThatIsRefusedIsNeverClosed)
-{
-    bench.OnRequest(IRP_MJ_CREATE,
-                    [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_INSUFFICIENT_RESOURCES); });
-    File file;
-    EXPECT_EQ(File::Open("T", &file), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_FALSE(file.IsOpen());
-    EXPECT_EQ(bench.script.seen, std::vector<std::string>{"IRP_MJ_CREATE"});
-    EXPECT_EQ(bench.script.device->ReferenceCount, 0);
-}
-
 TEST_F(NtFile, IsCleanedUpWithItsLastHandleAndClosedWithItsLastRequest)
 {
     bench.OnRequest(IRP_MJ_READ, Keep);
@@ -199,15 +188,6 @@ TEST_F(NtFile, CancelIoTakesTheCallersRequestsAndCancelIoExAll)
     EXPECT_TRUE(elsewhere.Cancel());
 }
 
-TEST_F(NtFile, AThreadsEndCancelsItsRequests)
-{
-    bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
-    const File file = bench.Open();
-    host::nt::Request read;
-    host::nt::SpawnClient("client", [&] { read = file.StartRead(1); }).Join();
-    EXPECT_EQ(read.Status(), STATUS_CANCELLED);
-}
-
 TEST_F(NtFile, ARequestThatWillNotBeCancelledIsReported)
 {
     bench.OnRequest(IRP_MJ_READ, Keep);
@@ -234,19 +214,6 @@ TEST_F(NtFile, ASynchronousHandleDoesOneThingAtATime)
     reader.Join();
     asker.Join();
     EXPECT_TRUE(bench.script.Saw("IRP_MJ_DEVICE_CONTROL"));
-}
-
-TEST_F(NtFile, TellsWhenARequestIsDone)
-{
-    bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
-    const File file = bench.Open();
-    int told = 0;
-    const host::nt::Request read = file.StartRead(1, [&] { ++told; });
-    EXPECT_FALSE(read.WaitFor(host::kSecond));
-    EXPECT_EQ(told, 0);
-    read.Cancel();
-    EXPECT_TRUE(read.WaitFor(host::kSecond));
-    EXPECT_EQ(told, 1);
 }
 
 } // namespace

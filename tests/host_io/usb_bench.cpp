@@ -121,35 +121,12 @@ std::unique_ptr<URB> UsbBench::PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe)
     return urb;
 }
 
-UsbBench::Sent UsbBench::ClassRequest(UCHAR request, bool in, USHORT value, std::vector<UCHAR> data)
+void UsbBench::Configure()
 {
-    auto urb = EmptyUrb();
-    auto& control = urb->UrbControlVendorClassRequest;
-    control.Hdr.Length = sizeof control;
-    control.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
-    control.TransferFlags = in ? USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK : USBD_SHORT_TRANSFER_OK;
-    control.TransferBuffer = data.data();
-    control.TransferBufferLength = static_cast<ULONG>(data.size());
-    control.Request = request;
-    control.Value = value;
-    return Land(Submit(std::move(urb), std::move(data)));
-}
-
-UsbBench::Sent UsbBench::Descriptor(UCHAR type, std::size_t length)
-{
-    std::vector<UCHAR> buffer(length);
-    auto urb = EmptyUrb();
-    UsbBuildGetDescriptorRequest(urb.get(), sizeof(_URB_CONTROL_DESCRIPTOR_REQUEST), type, 0, 0,
-                                 buffer.data(), nullptr, static_cast<ULONG>(length), nullptr);
-    return Land(Submit(std::move(urb), std::move(buffer)));
-}
-
-UsbBench::Sent UsbBench::Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCHAR interface_number,
-                                std::vector<USBD_PIPE_INFORMATION>* pipes)
-{
-    auto* found =
-        USBD_ParseConfigurationDescriptorEx(configuration, configuration, interface_number, 0, -1, -1, -1);
-    USBD_INTERFACE_LIST_ENTRY list[] = {{found, nullptr}, {nullptr, nullptr}};
+    std::vector<UCHAR> descriptor = FakeDevice::ConfigurationDescriptor();
+    auto* configuration = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(descriptor.data());
+    auto* data = USBD_ParseConfigurationDescriptorEx(configuration, configuration, 1, 0, -1, -1, -1);
+    USBD_INTERFACE_LIST_ENTRY list[] = {{data, nullptr}, {nullptr, nullptr}};
     PURB urb = USBD_CreateConfigurationRequestEx(configuration, list);
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
@@ -159,27 +136,11 @@ UsbBench::Sent UsbBench::Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCH
     IoGetNextIrpStackLocation(irp)->Parameters.Others.Argument1 = urb;
     if (IoCallDriver(Lower(), irp) == STATUS_PENDING)
         KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
-    if (pipes != nullptr)
-        pipes->assign(list[0].Interface->Pipes, list[0].Interface->Pipes + list[0].Interface->NumberOfPipes);
-    Sent sent{block.Status, urb->UrbHeader.Status, 0, {}};
+    EXPECT_EQ(block.Status, STATUS_SUCCESS);
+    ASSERT_EQ(list[0].Interface->NumberOfPipes, 2U);
+    bulk_out = list[0].Interface->Pipes[0].PipeHandle;
+    bulk_in = list[0].Interface->Pipes[1].PipeHandle;
     ExFreePool(urb);
-    return sent;
-}
-
-void UsbBench::Configure()
-{
-    std::vector<UCHAR> descriptor = Descriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, 55).data;
-    auto* configuration = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(descriptor.data());
-    std::vector<USBD_PIPE_INFORMATION> pipes;
-    EXPECT_EQ(Select(configuration, 1, &pipes).status, STATUS_SUCCESS);
-    ASSERT_EQ(pipes.size(), 2U);
-    bulk_out = pipes[0].PipeHandle;
-    bulk_in = pipes[1].PipeHandle;
-    EXPECT_EQ(Select(configuration, 0, &pipes).status, STATUS_SUCCESS);
-    ASSERT_EQ(pipes.size(), 1U);
-    interrupt_in = pipes[0].PipeHandle;
-    host::UsbBus::Current().ClearLog();
-    device->control.clear();
 }
 
 NTSTATUS UsbBench::RequestPower(DEVICE_POWER_STATE state)

@@ -23,7 +23,7 @@ class UsbBench : public Bench {
     ~UsbBench();
 
     host::PnpNodePtr Node();
-    // Opens both interfaces and remembers the pipes.
+    // Opens the data interface and remembers its pipes.
     void Configure();
 
     struct Sent {
@@ -41,7 +41,6 @@ class UsbBench : public Bench {
         KIRQL completed_at = HIGH_LEVEL;
         NTSTATUS returned = 0;
         IO_STATUS_BLOCK block{};
-        bool Done() { return KeReadStateEvent(&done) != 0; }
     };
     using FlightPtr = std::shared_ptr<Flight>;
 
@@ -52,10 +51,6 @@ class UsbBench : public Bench {
     FlightPtr StartOut(std::string_view data);
     static std::unique_ptr<URB> PipeUrb(USHORT function, USBD_PIPE_HANDLE pipe);
     Sent PipeRequest(USHORT function, USBD_PIPE_HANDLE pipe) { return Land(Submit(PipeUrb(function, pipe))); }
-    Sent ClassRequest(UCHAR request, bool in, USHORT value, std::vector<UCHAR> data);
-    Sent Descriptor(UCHAR type, std::size_t length);
-    Sent Select(PUSB_CONFIGURATION_DESCRIPTOR configuration, UCHAR interface_number,
-                std::vector<USBD_PIPE_INFORMATION>* pipes);
 
     static void Unplug(const host::UsbPortPtr& which);
     // Another device, or the same one again.
@@ -72,7 +67,6 @@ class UsbBench : public Bench {
     host::UsbPortPtr port;
     USBD_PIPE_HANDLE bulk_in = nullptr;
     USBD_PIPE_HANDLE bulk_out = nullptr;
-    USBD_PIPE_HANDLE interrupt_in = nullptr;
 };
 
 } // namespace host_test
