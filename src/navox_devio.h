@@ -16,12 +16,11 @@
 
 KDEFERRED_ROUTINE ReaderDpc;
 
-// Queues ReaderDpc, unless the device has been removed: removal flushes the DPCs once. IRQL <=
-// DISPATCH_LEVEL.
-void QueueReader(DEVICE_EXTENSION* extension);
+// Queues ReaderDpc, unless the device has been removed: removal flushes the DPCs once.
+_IRQL_requires_max_(DISPATCH_LEVEL) void QueueReader(DEVICE_EXTENSION* extension);
 
-// Cancels the reader's transfer if one is outstanding. Its data are not delivered. IRQL <= DISPATCH_LEVEL.
-void CancelReader(DEVICE_EXTENSION* extension);
+// Cancels the reader's transfer if one is outstanding. Its data are not delivered.
+_IRQL_requires_max_(DISPATCH_LEVEL) void CancelReader(DEVICE_EXTENSION* extension);
 
-// Copies a transfer to every client. `bytes` has at least one byte, even if `length` is 0. PASSIVE_LEVEL.
-void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes);
+// Copies a transfer to every client. `bytes` has at least one byte, even if `length` is 0.
+_IRQL_requires_(PASSIVE_LEVEL) void FanOut(DEVICE_EXTENSION* extension, ULONG length, const UCHAR* bytes);

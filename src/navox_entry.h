@@ -7,8 +7,9 @@ extern "C" DRIVER_INITIALIZE DriverEntry;
 DRIVER_ADD_DEVICE AddDevice;
 DRIVER_UNLOAD DriverUnload;
 
-// A 32-bit setting of the device's driver key. Absent, too large or unreadable: 0 and FALSE. PASSIVE_LEVEL.
-BOOLEAN ReadDeviceSetting(DEVICE_EXTENSION* extension, PCWSTR valueName, ULONG* value);
+// A 32-bit setting of the device's driver key. Absent, too large or unreadable: 0 and FALSE.
+_IRQL_requires_(PASSIVE_LEVEL) BOOLEAN
+    ReadDeviceSetting(DEVICE_EXTENSION* extension, PCWSTR valueName, ULONG* value);
 
-// Whether the system is at least of this NTDDI version. PASSIVE_LEVEL.
-[[nodiscard]] bool IsOsVersionAtLeast(ULONG version);
+// Whether the system is at least of this NTDDI version.
+[[nodiscard]] _IRQL_requires_(PASSIVE_LEVEL) bool IsOsVersionAtLeast(ULONG version);

@@ -5,4 +5,5 @@
 
 // Serves and completes the request if its code is one of the private ones that are served; `status` is then
 // what the dispatch routine returns. False: it is not ours.
-[[nodiscard]] bool ServeGpsControl(PDEVICE_OBJECT device, PIRP irp, NTSTATUS* status);
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) bool ServeGpsControl(PDEVICE_OBJECT device, PIRP irp,
+                                                                       NTSTATUS* status);

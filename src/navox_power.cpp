@@ -34,6 +34,13 @@ NTSTATUS SendDownPending(DEVICE_EXTENSION* extension, PIRP irp, PIO_COMPLETION_R
     return STATUS_PENDING;
 }
 
+// The reader that was queued while the device was still on its way up found no power.
+void ResumeDeferredReader(DEVICE_EXTENSION* extension)
+{
+    if (InterlockedExchange(&extension->ReaderDeferred, FALSE) != FALSE)
+        QueueReader(extension);
+}
+
 // Wait-wake -----------------------------------------------------------------------------------------------
 
 // The request is not counted: the bus may keep it until the removal. A reference to the device keeps the extension
@@ -64,13 +71,6 @@ NTSTATUS WaitWake(DEVICE_EXTENSION* extension, PIRP irp)
     PoCallDriver(extension->LowerDeviceObject, irp);
     DecrementIoCount(extension);
     return STATUS_PENDING;
-}
-
-// The reader that was queued while the device was still on its way up found no power.
-void ResumeDeferredReader(DEVICE_EXTENSION* extension)
-{
-    if (InterlockedExchange(&extension->ReaderDeferred, FALSE) != FALSE)
-        QueueReader(extension);
 }
 
 // System power --------------------------------------------------------------------------------------------

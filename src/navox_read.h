@@ -20,4 +20,4 @@ KDEFERRED_ROUTINE TotalTimerDpc;
 KDEFERRED_ROUTINE IntervalTimerDpc;
 
 // Whether SERIAL_ERROR_ABORT in the device's handshake word cancels this request.
-bool IsErrorAborted(const DEVICE_EXTENSION* extension, PIRP irp);
+_IRQL_requires_max_(DISPATCH_LEVEL) bool IsErrorAborted(const DEVICE_EXTENSION* extension, PIRP irp);

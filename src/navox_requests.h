@@ -53,45 +53,49 @@ extern const REQUEST_SLOT WaitSlot; // navox_write
 
 // Whether the request must not begin to wait: it was cancelled, or the device is going. Cancel spin lock
 // held.
-[[nodiscard]] bool IsCancelled(const CLIENT* client, PIRP irp);
+[[nodiscard]] _IRQL_requires_(DISPATCH_LEVEL) bool IsCancelled(const CLIENT* client, PIRP irp);
 
 // Makes the request current and starts it, or queues it behind those that are there. Returns the request's
 // status.
-[[nodiscard]] NTSTATUS StartOrQueue(CLIENT* client, PIRP irp, const REQUEST_SLOT& slot);
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS
+    StartOrQueue(CLIENT* client, PIRP irp, const REQUEST_SLOT& slot);
 
 // Moves the head of the queue into the slot and returns it, or empties the slot. Cancel spin lock held.
-PIRP PromoteNext(CLIENT* client, const REQUEST_SLOT& slot);
+_IRQL_requires_(DISPATCH_LEVEL) PIRP PromoteNext(CLIENT* client, const REQUEST_SLOT& slot);
 
 // Completes `finished`, which is current in the slot, with the status it holds, after the next request has
-// taken its place. Returns that next request. IRQL <= DISPATCH_LEVEL.
-PIRP NextRequest(CLIENT* client, PIRP finished, const REQUEST_SLOT& slot);
+// taken its place. Returns that next request.
+_IRQL_requires_max_(DISPATCH_LEVEL) PIRP NextRequest(CLIENT* client, PIRP finished, const REQUEST_SLOT& slot);
 
 // Clears the reference bit of the slot's current request, takes back every other reference that it can, and
 // returns the request when the last one is gone: out of the slot, with its final status, for the caller to
 // give to CompleteCounted. Otherwise null: who holds the last reference completes it. Cancel spin lock held.
-PIRP ReleaseReference(CLIENT* client, LeaveRoutine* leave, NTSTATUS status, const REQUEST_SLOT& slot,
-                      ULONG_PTR reference);
+_IRQL_requires_(DISPATCH_LEVEL) PIRP ReleaseReference(CLIENT* client, LeaveRoutine* leave, NTSTATUS status,
+                                                      const REQUEST_SLOT& slot, ULONG_PTR reference);
 
 // ReleaseReference, then release of the cancel spin lock at `cancelIrql`, then completion and start of the
 // next.
-void CompleteCurrent(CLIENT* client, LeaveRoutine* leave, KIRQL cancelIrql, NTSTATUS status,
-                     const REQUEST_SLOT& slot, ULONG_PTR reference);
+_IRQL_requires_(DISPATCH_LEVEL) void CompleteCurrent(CLIENT* client, LeaveRoutine* leave, KIRQL cancelIrql,
+                                                     NTSTATUS status, const REQUEST_SLOT& slot,
+                                                     ULONG_PTR reference);
 
 // Cancels a request that is still queued. Entered with the cancel spin lock, which it releases.
 DRIVER_CANCEL CancelQueued;
 
 // Cancels every request of the client, queued and current, as its own cancel routine would, but for the completion:
-// that is left to CompleteAllCounted, when no lock is held. IRQL <= DISPATCH_LEVEL.
-void TakeClientRequests(CLIENT* client, LIST_ENTRY* cancelled);
+// that is left to CompleteAllCounted, when no lock is held.
+_IRQL_requires_max_(DISPATCH_LEVEL) void TakeClientRequests(CLIENT* client, LIST_ENTRY* cancelled);
 
 // CompleteCounted for each request of the list.
-void CompleteAllCounted(DEVICE_EXTENSION* extension, LIST_ENTRY* requests);
+_IRQL_requires_max_(DISPATCH_LEVEL) void CompleteAllCounted(DEVICE_EXTENSION* extension,
+                                                            LIST_ENTRY* requests);
 
 // Time-out timers -----------------------------------------------------------------------------------------
 //
 // Armed timers and queued completion DPCs are counted per client and per device.
 
-void RaiseTimerCounts(CLIENT* client);
-void LowerTimerCounts(CLIENT* client);
-void StartTimer(CLIENT* client, KTIMER* timer, LONGLONG dueTime, KDPC* dpc);
-bool CancelTimer(CLIENT* client, KTIMER* timer); // true: it was armed
+_IRQL_requires_max_(DISPATCH_LEVEL) void RaiseTimerCounts(CLIENT* client);
+_IRQL_requires_max_(DISPATCH_LEVEL) void LowerTimerCounts(CLIENT* client);
+_IRQL_requires_max_(DISPATCH_LEVEL) void StartTimer(CLIENT* client, KTIMER* timer, LONGLONG dueTime,
+                                                    KDPC* dpc);
+_IRQL_requires_max_(DISPATCH_LEVEL) bool CancelTimer(CLIENT* client, KTIMER* timer); // true: it was armed

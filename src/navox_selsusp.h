@@ -13,22 +13,23 @@
 
 #include "navox.h"
 
-// Sets up the objects of the idle monitor. PASSIVE_LEVEL, at device creation, only when
-// EnableSelectiveSuspend is set: nothing here touches them otherwise.
-void InitialiseIdleMonitor(DEVICE_EXTENSION* extension);
+// Sets up the objects of the idle monitor, at device creation, and only when EnableSelectiveSuspend is set: nothing here
+// touches them otherwise.
+_IRQL_requires_(PASSIVE_LEVEL) void InitialiseIdleMonitor(DEVICE_EXTENSION* extension);
 
-// Arms the idle check. PASSIVE_LEVEL.
-void StartIdleMonitor(DEVICE_EXTENSION* extension);
+// Arms the idle check.
+_IRQL_requires_(PASSIVE_LEVEL) void StartIdleMonitor(DEVICE_EXTENSION* extension);
 
-// Disarms it and waits for a check and a request that are under way. PASSIVE_LEVEL.
-void StopIdleMonitor(DEVICE_EXTENSION* extension);
+// Disarms it and waits for a check and a request that are under way.
+_IRQL_requires_(PASSIVE_LEVEL) void StopIdleMonitor(DEVICE_EXTENSION* extension);
 
-// Takes the idle request back, unless the device is as idle as before. IRQL <= DISPATCH_LEVEL.
-void CancelIdleRequest(DEVICE_EXTENSION* extension);
+// Takes the idle request back, unless the device is as idle as before.
+_IRQL_requires_max_(DISPATCH_LEVEL) void CancelIdleRequest(DEVICE_EXTENSION* extension);
 
 // The same, and waits until a device that was suspended, or on its way there, is back in D0 (or cannot come).
-// PASSIVE_LEVEL; the caller is counted as pending I/O, so that no further request is sent meanwhile.
-void WakeFromIdle(DEVICE_EXTENSION* extension);
+// The caller is counted as pending I/O, so that no further request is sent meanwhile.
+_IRQL_requires_(PASSIVE_LEVEL) void WakeFromIdle(DEVICE_EXTENSION* extension);
 
-// Asks the hub to suspend the module. PASSIVE_LEVEL.
-[[nodiscard]] NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension);
+// Asks the hub to suspend the module: STATUS_PENDING. STATUS_POWER_STATE_INVALID, STATUS_DEVICE_NOT_CONNECTED: the device
+// is not in D0, not started. STATUS_DEVICE_BUSY: an earlier request is not through. STATUS_UNSUCCESSFUL: it is in use.
+[[nodiscard]] _IRQL_requires_(PASSIVE_LEVEL) NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension);

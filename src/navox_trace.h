@@ -22,14 +22,15 @@ enum TraceFlag : ULONGLONG {
 enum TraceLevel : UCHAR { LEVEL_ERROR = 2, LEVEL_WARNING = 3, LEVEL_INFORMATION = 4, LEVEL_VERBOSE = 5 };
 
 // Finds the trace facility and registers with it. Where the system has none, nothing is traced.
-// PASSIVE_LEVEL.
-void TraceRegister();
-void TraceUnregister();
+_IRQL_requires_(PASSIVE_LEVEL) void TraceRegister();
+// Nothing is traced from here on.
+_IRQL_requires_(PASSIVE_LEVEL) void TraceUnregister();
 
-bool TraceEnabled(TraceFlag flag, TraceLevel level);
+_IRQL_requires_max_(DISPATCH_LEVEL) bool TraceEnabled(TraceFlag flag, TraceLevel level);
 
-// Formats and writes one line of at most 255 characters. IRQL <= DISPATCH_LEVEL.
-void TraceWrite(TraceFlag flag, TraceLevel level, const char* format, ...);
+// Formats and writes one line of at most 255 characters.
+_IRQL_requires_max_(DISPATCH_LEVEL) void TraceWrite(TraceFlag flag, TraceLevel level, const char* format,
+                                                    ...);
 
 #define TRACE(flag, level, ...)                                                                              \
     do {                                                                                                     \
@@ -37,7 +38,7 @@ void TraceWrite(TraceFlag flag, TraceLevel level, const char* format, ...);
             TraceWrite(flag, level, __VA_ARGS__);                                                            \
     } while (false)
 
-// Names for traces; an unknown value has a name too.
+// Names for traces, at any IRQL; an unknown value has a name too.
 const char* PnpStateName(ULONG state);
 const char* PnpMinorName(UCHAR minor);
 const char* PowerMinorName(UCHAR minor);

@@ -1,5 +1,4 @@
-// The request gate, the pending-I/O count, and the few ways in which a request leaves the driver. IRQL <=
-// DISPATCH_LEVEL, where nothing else is said.
+// The request gate, the pending-I/O count, and the few ways in which a request leaves the driver.
 #pragma once
 
 #include "navox.h"
@@ -14,29 +13,29 @@
 // trace.
 
 // The count as a device starts with it: 1, the bias that only removal takes away.
-void InitialiseIoCount(DEVICE_EXTENSION* extension);
+_IRQL_requires_max_(DISPATCH_LEVEL) void InitialiseIoCount(DEVICE_EXTENSION* extension);
 
-void IncrementIoCount(DEVICE_EXTENSION* extension, const char* caller = __builtin_FUNCTION(),
-                      ULONG line = __builtin_LINE());
-void DecrementIoCount(DEVICE_EXTENSION* extension, const char* caller = __builtin_FUNCTION(),
-                      ULONG line = __builtin_LINE());
+_IRQL_requires_max_(DISPATCH_LEVEL) void IncrementIoCount(DEVICE_EXTENSION* extension,
+                                                          const char* caller = __builtin_FUNCTION(),
+                                                          ULONG line = __builtin_LINE());
+_IRQL_requires_max_(DISPATCH_LEVEL) void DecrementIoCount(DEVICE_EXTENSION* extension,
+                                                          const char* caller = __builtin_FUNCTION(),
+                                                          ULONG line = __builtin_LINE());
 
 // Counts a request that the driver itself sends down, unless the device has been removed: then there is
 // nothing below any more that could take it. False: not counted.
-[[nodiscard]] bool IncrementIoCountUnlessRemoved(DEVICE_EXTENSION* extension,
-                                                 const char* caller = __builtin_FUNCTION(),
-                                                 ULONG line = __builtin_LINE());
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) bool IncrementIoCountUnlessRemoved(
+    DEVICE_EXTENSION* extension, const char* caller = __builtin_FUNCTION(), ULONG line = __builtin_LINE());
 
 // Counts a request only in STATE_STARTED. False: not counted.
-[[nodiscard]] bool IncrementIoCountIfStarted(DEVICE_EXTENSION* extension,
-                                             const char* caller = __builtin_FUNCTION(),
-                                             ULONG line = __builtin_LINE());
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) bool IncrementIoCountIfStarted(
+    DEVICE_EXTENSION* extension, const char* caller = __builtin_FUNCTION(), ULONG line = __builtin_LINE());
 
 // Whether nothing but the bias is counted.
-[[nodiscard]] bool IsNothingPending(DEVICE_EXTENSION* extension);
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) bool IsNothingPending(DEVICE_EXTENSION* extension);
 
 // Lowers the count without a matching increment. What is signalled still waits for everybody who is inside.
-void DecrementIoCountUnpaired(DEVICE_EXTENSION* extension);
+_IRQL_requires_max_(DISPATCH_LEVEL) void DecrementIoCountUnpaired(DEVICE_EXTENSION* extension);
 
 // Counts a request for as long as it is in scope.
 class PendingIo {
@@ -81,14 +80,14 @@ class PendingIoIfStarted {
     ULONG line_;
 };
 
-void SetPnpState(DEVICE_EXTENSION* extension, ULONG state);
-[[nodiscard]] ULONG GetPnpState(DEVICE_EXTENSION* extension);
+_IRQL_requires_max_(DISPATCH_LEVEL) void SetPnpState(DEVICE_EXTENSION* extension, ULONG state);
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) ULONG GetPnpState(DEVICE_EXTENSION* extension);
 
 // To STATE_POWER_QUERIED, unless Plug and Play has other plans with the device.
-void SetPowerQueriedIfStarted(DEVICE_EXTENSION* extension);
+_IRQL_requires_max_(DISPATCH_LEVEL) void SetPowerQueriedIfStarted(DEVICE_EXTENSION* extension);
 
 // Back to STATE_STARTED after a power-up, unless Plug and Play has other plans with the device.
-void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension);
+_IRQL_requires_max_(DISPATCH_LEVEL) void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension);
 
 //     NEVER_STARTED, STARTED, REMOVED                                              admitted
 //     STOP_PENDING, STOPPED, REMOVE_PENDING, SURPRISE_REMOVED, POWER_QUERIED       refused
@@ -96,33 +95,35 @@ void SetStartedUnlessLeaving(DEVICE_EXTENSION* extension);
 // Counts the request, then admits it (STATUS_SUCCESS) or refuses it by the device's state
 // (STATUS_DELETE_PENDING, also stored in the request). Either way the caller completes the request and lowers
 // the count.
-[[nodiscard]] NTSTATUS AdmitRequest(PIRP irp, DEVICE_EXTENSION* extension,
-                                    const char* caller = __builtin_FUNCTION(), ULONG line = __builtin_LINE());
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS
+    AdmitRequest(PIRP irp, DEVICE_EXTENSION* extension, const char* caller = __builtin_FUNCTION(),
+                 ULONG line = __builtin_LINE());
 
-// Whether a handle is open. IRQL <= DISPATCH_LEVEL.
-[[nodiscard]] bool HasClients(DEVICE_EXTENSION* extension);
+// Whether a handle is open.
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) bool HasClients(DEVICE_EXTENSION* extension);
 
-// Tells the power manager of the device's state. IRQL <= DISPATCH_LEVEL.
-void ReportDevicePower(DEVICE_EXTENSION* extension, DEVICE_POWER_STATE state);
+// Tells the power manager of the device's state.
+_IRQL_requires_max_(DISPATCH_LEVEL) void ReportDevicePower(DEVICE_EXTENSION* extension,
+                                                           DEVICE_POWER_STATE state);
 
 // Requests ------------------------------------------------------------------------------------------------
 
 // Completes the request and returns `status`.
-NTSTATUS CompleteRequest(PIRP irp, NTSTATUS status, ULONG_PTR information = 0, CCHAR boost = IO_NO_INCREMENT);
+_IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS
+    CompleteRequest(PIRP irp, NTSTATUS status, ULONG_PTR information = 0, CCHAR boost = IO_NO_INCREMENT);
 
 // Completes the request, lowers the count and returns `status`.
-NTSTATUS CompleteAndUncount(DEVICE_EXTENSION* extension, PIRP irp, NTSTATUS status,
-                            ULONG_PTR information = 0);
+_IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS
+    CompleteAndUncount(DEVICE_EXTENSION* extension, PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
 
 // Completes a request whose status is set and lowers the pending-I/O count. No spin lock held.
-void CompleteCounted(DEVICE_EXTENSION* extension, PIRP irp);
+_IRQL_requires_max_(DISPATCH_LEVEL) void CompleteCounted(DEVICE_EXTENSION* extension, PIRP irp);
 
 // Passes the request down as it is and returns what the lower driver returned.
-NTSTATUS SkipAndForward(DEVICE_EXTENSION* extension, PIRP irp);
+_IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS SkipAndForward(DEVICE_EXTENSION* extension, PIRP irp);
 
 // Passes the request down, waits for it and returns its status. The request is the caller's to complete.
-// PASSIVE_LEVEL.
-NTSTATUS ForwardAndWait(DEVICE_EXTENSION* extension, PIRP irp);
+_IRQL_requires_(PASSIVE_LEVEL) NTSTATUS ForwardAndWait(DEVICE_EXTENSION* extension, PIRP irp);
 
 // Takes a request out of a field that several parties go for; null: somebody else has it.
-[[nodiscard]] PIRP TakeIrp(PIRP* field);
+[[nodiscard]] _IRQL_requires_max_(DISPATCH_LEVEL) PIRP TakeIrp(PIRP* field);

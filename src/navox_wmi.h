@@ -5,5 +5,5 @@
 
 DRIVER_DISPATCH SystemControl;
 
-// Sets the blocks to their initial values and registers them. PASSIVE_LEVEL.
-[[nodiscard]] NTSTATUS WmiRegister(DEVICE_EXTENSION* extension);
+// Sets the blocks to their initial values and registers them. Returns what IoWMIRegistrationControl did.
+[[nodiscard]] _IRQL_requires_(PASSIVE_LEVEL) NTSTATUS WmiRegister(DEVICE_EXTENSION* extension);
