@@ -86,76 +86,69 @@ NTSTATUS Feed(Port& port, void* buffer)
     return WithModule(port, [&](RigModule* module) { RigModuleFeed(module, feed.text, feed.length); });
 }
 
-// A request for the top of the port's stack; null without a device or memory.
-PIRP MakeIrp(Port& port, UCHAR major, UCHAR minor, PDEVICE_OBJECT* top)
+// Sends a request to the top of the port's stack. `fill` is given the request's stack location and the device on top,
+// `answer` gets the status that it ends with. Fails without a device or memory.
+template <class Fill>
+NTSTATUS Send(Port& port, UCHAR major, UCHAR minor, Fill fill, long& answer, ULONG_PTR* information = nullptr)
 {
     if (port.pdo == nullptr)
-        return nullptr;
-    *top = IoGetAttachedDeviceReference(port.pdo);
-    const PIRP irp = IoAllocateIrp((*top)->StackSize, FALSE);
-    if (irp == nullptr) {
-        ObDereferenceObject(*top);
-        return nullptr;
+        return STATUS_DEVICE_NOT_CONNECTED;
+    const PDEVICE_OBJECT top = IoGetAttachedDeviceReference(port.pdo);
+    const PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+    if (irp != nullptr) {
+        irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+        const PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(irp);
+        location->MajorFunction = major;
+        location->MinorFunction = minor;
+        fill(*location, top);
+        answer = SendAndWait(top, irp, information);
     }
-    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
-    const PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(irp);
-    location->MajorFunction = major;
-    location->MinorFunction = minor;
-    return irp;
+    ObDereferenceObject(top);
+    return irp != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
 }
 
 NTSTATUS SendPnp(Port& port, void* buffer)
 {
-    const RigIrpRequest request = *static_cast<const RigIrpRequest*>(buffer);
-    PDEVICE_OBJECT top = nullptr;
-    const PIRP irp = MakeIrp(port, IRP_MJ_PNP, request.minor, &top);
-    if (irp == nullptr)
-        return STATUS_DEVICE_NOT_CONNECTED;
-    static_cast<RigIrpAnswer*>(buffer)->status = SendAndWait(top, irp);
-    ObDereferenceObject(top);
-    return STATUS_SUCCESS;
+    const UCHAR minor = static_cast<const RigIrpRequest*>(buffer)->minor;
+    return Send(
+        port, IRP_MJ_PNP, minor, [](IO_STACK_LOCATION&, PDEVICE_OBJECT) {},
+        static_cast<RigIrpAnswer*>(buffer)->status);
 }
 
 NTSTATUS SendPower(Port& port, void* buffer)
 {
     const RigIrpRequest request = *static_cast<const RigIrpRequest*>(buffer);
-    PDEVICE_OBJECT top = nullptr;
-    const PIRP irp = MakeIrp(port, IRP_MJ_POWER, request.minor, &top);
-    if (irp == nullptr)
-        return STATUS_DEVICE_NOT_CONNECTED;
-    auto& power = IoGetNextIrpStackLocation(irp)->Parameters.Power;
-    power.Type = request.system != 0 ? SystemPowerState : DevicePowerState;
-    if (request.system != 0)
-        power.State.SystemState = static_cast<SYSTEM_POWER_STATE>(request.state);
-    else
-        power.State.DeviceState = static_cast<DEVICE_POWER_STATE>(request.state);
-    static_cast<RigIrpAnswer*>(buffer)->status = SendAndWait(top, irp);
-    ObDereferenceObject(top);
-    return STATUS_SUCCESS;
+    const auto fill = [&request](IO_STACK_LOCATION& location, PDEVICE_OBJECT) {
+        auto& power = location.Parameters.Power;
+        power.Type = request.system != 0 ? SystemPowerState : DevicePowerState;
+        if (request.system != 0)
+            power.State.SystemState = static_cast<SYSTEM_POWER_STATE>(request.state);
+        else
+            power.State.DeviceState = static_cast<DEVICE_POWER_STATE>(request.state);
+    };
+    return Send(port, IRP_MJ_POWER, request.minor, fill, static_cast<RigIrpAnswer*>(buffer)->status);
 }
 
 NTSTATUS SendWmi(Port& port, void* buffer)
 {
     static constinit RigWmiRequest request = {}; // of the one control thread
     request = *static_cast<const RigWmiRequest*>(buffer);
-    PDEVICE_OBJECT top = nullptr;
     if (request.length > sizeof request.data)
         return STATUS_INVALID_PARAMETER;
-    const PIRP irp = MakeIrp(port, IRP_MJ_SYSTEM_CONTROL, request.minor, &top);
-    if (irp == nullptr)
-        return STATUS_DEVICE_NOT_CONNECTED;
-    auto& wmi = IoGetNextIrpStackLocation(irp)->Parameters.WMI;
-    wmi.ProviderId = reinterpret_cast<ULONG_PTR>(top);
-    wmi.DataPath = request.minor == IRP_MN_REGINFO ? nullptr : request.guid;
-    wmi.BufferSize = request.length;
-    wmi.Buffer = request.data;
+    const auto fill = [](IO_STACK_LOCATION& location, PDEVICE_OBJECT top) {
+        auto& wmi = location.Parameters.WMI;
+        wmi.ProviderId = reinterpret_cast<ULONG_PTR>(top);
+        wmi.DataPath = request.minor == IRP_MN_REGINFO ? nullptr : request.guid;
+        wmi.BufferSize = request.length;
+        wmi.Buffer = request.data;
+    };
     ULONG_PTR information = 0;
     auto& answer = *static_cast<RigWmiAnswer*>(buffer);
-    answer.status = SendAndWait(top, irp, &information);
+    const NTSTATUS status =
+        Send(port, IRP_MJ_SYSTEM_CONTROL, request.minor, fill, answer.status, &information);
     answer.length = static_cast<unsigned>(information);
     RtlCopyMemory(answer.data, request.data, sizeof answer.data);
-    ObDereferenceObject(top);
-    return STATUS_SUCCESS;
+    return status;
 }
 
 NTSTATUS Counters(Port& port, void* buffer)

@@ -6,6 +6,8 @@
 //   READ, WRITE, DEVICE_CONTROL
 //                   end at once, with the status of the CREATE, on such a file; the driver knows nothing of it
 //   CLOSE           sends the CLEANUP that Wine never sends
+//   CLEANUP, POWER, SYSTEM_CONTROL
+//                   go straight on: only the level is looked at, as with all of them
 //   PNP             keeps REMOVE, and with it Wine's thread for it, until the last file is closed; Wine sends it while
 //                   files are open, and then neither CLEANUP nor CLOSE for them. It does not take STATUS_PENDING for it
 #include "windows/rig/bus/bus.h"
@@ -71,7 +73,7 @@ Refused* FindRefused(PFILE_OBJECT file)
 }
 
 // The driver's own routine. The level must be back where it was when it returns.
-NTSTATUS Call(PDEVICE_OBJECT device, PIRP irp)
+NTSTATUS NTAPI Call(PDEVICE_OBJECT device, PIRP irp)
 {
     const UCHAR before = RigIrql();
     const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
@@ -186,6 +188,9 @@ void AskCapabilities(PDEVICE_OBJECT device)
     location->MinorFunction = IRP_MN_QUERY_CAPABILITIES;
     location->Parameters.DeviceCapabilities.Capabilities = &capabilities;
     SendAndWait(device, irp);
+    // The port's own device leaves this to the driver.
+    if (!capabilities.SurpriseRemovalOK)
+        RigReport("the driver does not say that its device may be pulled");
 }
 
 NTSTATUS StartDevice(PDEVICE_OBJECT device, PIRP irp)
@@ -241,6 +246,8 @@ void StepInFront(PDRIVER_OBJECT driver)
     StepInFront(driver, IRP_MJ_READ, FileRequest);
     StepInFront(driver, IRP_MJ_WRITE, FileRequest);
     StepInFront(driver, IRP_MJ_DEVICE_CONTROL, FileRequest);
+    for (const auto major : {UCHAR{IRP_MJ_CLEANUP}, UCHAR{IRP_MJ_POWER}, UCHAR{IRP_MJ_SYSTEM_CONTROL}})
+        StepInFront(driver, major, Call);
     StepInFront(driver, IRP_MJ_PNP, Pnp);
 }
 

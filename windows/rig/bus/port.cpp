@@ -41,12 +41,12 @@ NTSTATUS QueryCapabilities(PIRP irp)
     DEVICE_CAPABILITIES* capabilities =
         IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceCapabilities.Capabilities;
     capabilities->Removable = TRUE;
-    capabilities->SurpriseRemovalOK = TRUE;
     capabilities->UniqueID = TRUE;
-    capabilities->SystemWake = PowerSystemSleeping3;
+    capabilities->SystemWake = PowerSystemSleeping2;
     capabilities->DeviceWake = PowerDeviceD2;
-    constexpr DEVICE_POWER_STATE states[] = {PowerDeviceUnspecified, PowerDeviceD0, PowerDeviceD2,
-                                             PowerDeviceD2,          PowerDeviceD2, PowerDeviceD3,
+    // All different, to tell which of them a driver has taken.
+    constexpr DEVICE_POWER_STATE states[] = {PowerDeviceUnspecified, PowerDeviceD0, PowerDeviceD1,
+                                             PowerDeviceD2,          PowerDeviceD3, PowerDeviceD3,
                                              PowerDeviceD3};
     for (ULONG i = 0; i < RTL_NUMBER_OF(states); ++i)
         capabilities->DeviceState[i] = states[i];
@@ -57,6 +57,8 @@ NTSTATUS QueryCapabilities(PIRP irp)
 NTSTATUS Remove(PDEVICE_OBJECT device, Port& port, PIRP irp)
 {
     port.started = 0;
+    if (PendingUrbs(port) != 0 || port.idle != nullptr)
+        RigReport("port %lu: removed while a request of the driver was outstanding", port.number);
     FailUrbs(port);
     const bool gone = port.plugged == 0;
     if (gone)

@@ -66,6 +66,10 @@ bool RunScenario(const std::string& name)
 
 int RunAll(const Arguments& arguments)
 {
+    for (auto name = arguments.begin() + 1; name != arguments.end(); ++name) {
+        if (!Piece::All().contains(*name) || !Piece::All()[*name].scenario)
+            throw std::runtime_error(*name + " is no scenario");
+    }
     Install(arguments.at(0));
     int failed = 0;
     int run = 0;

@@ -52,6 +52,7 @@ constexpr Limit kLimits[] = {
     {"RtlWriteRegistryValue", kPassive},
     {"USBD_CreateConfigurationRequestEx", kPassive},
     {"USBD_ParseConfigurationDescriptorEx", kPassive},
+    {"WmiSystemControl", kPassive},
     {"ZwClose", kPassive},
     {"ZwQueryValueKey", kPassive},
     {"ZwSetValueKey", kPassive},
