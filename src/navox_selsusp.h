@@ -13,7 +13,7 @@
 
 #include "navox.h"
 
-// Sets up the objects of the idle monitor, at device creation, and only when EnableSelectiveSuspend is set: nothing here
+// Sets up the objects of the idle monitor, at device creation, only when EnableSelectiveSuspend is set: nothing here
 // touches them otherwise.
 _IRQL_requires_(PASSIVE_LEVEL) void InitialiseIdleMonitor(DEVICE_EXTENSION* extension);
 
@@ -30,6 +30,6 @@ _IRQL_requires_max_(DISPATCH_LEVEL) void CancelIdleRequest(DEVICE_EXTENSION* ext
 // The caller is counted as pending I/O, so that no further request is sent meanwhile.
 _IRQL_requires_(PASSIVE_LEVEL) void WakeFromIdle(DEVICE_EXTENSION* extension);
 
-// Asks the hub to suspend the module: STATUS_PENDING. STATUS_POWER_STATE_INVALID, STATUS_DEVICE_NOT_CONNECTED: the device
-// is not in D0, not started. STATUS_DEVICE_BUSY: an earlier request is not through. STATUS_UNSUCCESSFUL: it is in use.
+// Asks the hub to suspend the module: STATUS_PENDING. STATUS_POWER_STATE_INVALID, STATUS_DEVICE_NOT_CONNECTED: it is not
+// in D0, not started. STATUS_DEVICE_BUSY: an earlier request is not through. STATUS_UNSUCCESSFUL: it is in use.
 [[nodiscard]] _IRQL_requires_(PASSIVE_LEVEL) NTSTATUS SubmitIdleRequest(DEVICE_EXTENSION* extension);

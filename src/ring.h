@@ -7,8 +7,8 @@
 //                    buffer full, time-out or cancel (ring is empty again)
 //
 // No kernel calls here. Append, EnterDirectFill, ResetToRing and Account run under the client lock. Take needs only the
-// client's time-outs lock: it moves ReadPosition, which is otherwise set only where a waiting read ends, and one read at a
-// time is served.
+// client's time-outs lock: it moves ReadPosition, which is otherwise set only where a waiting read ends, and reads are
+// served one at a time.
 #pragma once
 
 #include "navox_ddk.h"
