@@ -88,7 +88,9 @@ constexpr ControlStep kControls[] = {
     {"SET_TIMEOUTS, short", 0x1B001C, "1234567890123456789"sv, 0, kTooSmall},
     {"GET_TIMEOUTS, short", 0x1B0020, ""sv, 19, kTooSmall},
     {"RESET_DEVICE", 0x1B002C, ""sv, 0},
+    {"CLR_DTR", 0x1B0028, ""sv, 0},
     {"SET_RTS", 0x1B0030, ""sv, 0},
+    {"CLR_RTS", 0x1B0034, ""sv, 0},
     {"SET_XOFF", 0x1B0038, ""sv, 0},
     {"SET_XON", 0x1B003C, ""sv, 0},
     {"SET_WAIT_MASK, short", 0x1B0044, "\1"sv, 0, kTooSmall},
@@ -125,11 +127,16 @@ constexpr ControlStep kControls[] = {
     {"GPS_SET_NMEA_MODE", 0x08008014, "\xFF\xFF\xFF\xFF"sv, 0},
     {"GPS_GET_NMEA_MODE, short, which it calls a success", 0x08004010, ""sv, 2},
     {"GPS_GET_NMEA_MODE", 0x08004010, ""sv, 4, 0, 4, "ffffffff"},
+    {"GPS_RESET_GPS, which gives back what it got", 0x08004018, "12345678"sv, 8, 0, 8, "3132333435363738"},
     {"GPS_QUERY_VERSION, short", 0x08004024, ""sv, 19, kTooSmall},
     {"GPS_QUERY_VERSION", 0x08004024, ""sv, 20, 0, 20, "372e322e312e3100000000000000000000000000"},
+    {"GPS_QUERY_SHORT_VERSION, short", 0x08004040, ""sv, 9, kTooSmall},
     {"GPS_QUERY_SHORT_VERSION", 0x08004040, ""sv, 10, 0, 10, "372e3200000000000000"},
+    {"GPS_QUERY_BUILD_DATE, short", 0x08004080, ""sv, 19, kTooSmall},
     {"GPS_QUERY_BUILD_DATE", 0x08004080, ""sv, 20, 0, 20, "4d61722020312032303132000000000000000000"},
     {"GPS_SET_DEBUG_LEVEL", 0x080080C0, "\0\0\0\0"sv, 0, kBadRequest},
+    {"NAVOX_OPERATION", 0x0800C004, "\0\0\0\0"sv, 4, kBadRequest},
+    {"SERENUM_GET_PORT_NAME", 0x0037020C, ""sv, 64, kBadRequest},
 };
 
 constexpr ReadStep kTimeouts[] = {
