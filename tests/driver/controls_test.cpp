@@ -162,93 +162,96 @@ const std::vector<Step> kFresh = {
 constexpr ULONG kNever = 0xFFFFFFFF;
 constexpr ULONG kNegative = 0x80000000; // as a limit
 
+Step Flow(std::initializer_list<ULONG> words)
+{
+    return Set(IOCTL_SERIAL_SET_HANDFLOW, Words(words));
+}
+
+Step NoFlow(std::initializer_list<ULONG> words)
+{
+    return Refuse(IOCTL_SERIAL_SET_HANDFLOW, Words(words));
+}
+
+const Step kLine8 = Set(IOCTL_SERIAL_SET_LINE_CONTROL, BytesFrom({0, 0, 8}));
+
+const std::pair<const char*, std::vector<Step>> kRulesOfValues[] = {
+    {"a fresh client", kFresh},
+    {"any baud rate",
+     {Set(IOCTL_SERIAL_SET_BAUD_RATE, Words({57600})), Get(IOCTL_SERIAL_GET_BAUD_RATE, Words({57600})),
+      Set(IOCTL_SERIAL_SET_BAUD_RATE, Words({0})), Get(IOCTL_SERIAL_GET_BAUD_RATE, Words({0})),
+      Set(IOCTL_SERIAL_SET_BAUD_RATE, Words({kNever})), Get(IOCTL_SERIAL_GET_BAUD_RATE, Words({kNever}))}},
+    {"time-outs, all but three times never",
+     {Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({1, 2, 3, 4, 5})),
+      Refuse(IOCTL_SERIAL_SET_TIMEOUTS, Words({kNever, kNever, kNever, 7, 8})),
+      Get(IOCTL_SERIAL_GET_TIMEOUTS, Words({1, 2, 3, 4, 5})),
+      Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({kNever, kNever, 0, kNever, kNever})),
+      Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({kNever, 0, kNever, 0, 0})),
+      Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({0, kNever, kNever, 6, 7})),
+      Get(IOCTL_SERIAL_GET_TIMEOUTS, Words({0, kNever, kNever, 6, 7}))}},
+    {"the wait mask has thirteen bits",
+     {Set(IOCTL_SERIAL_SET_WAIT_MASK, Words({0x1FFF})), Refuse(IOCTL_SERIAL_SET_WAIT_MASK, Words({0x2000})),
+      Refuse(IOCTL_SERIAL_SET_WAIT_MASK, Words({0x80000001})),
+      Get(IOCTL_SERIAL_GET_WAIT_MASK, Words({0x1FFF})), Set(IOCTL_SERIAL_SET_WAIT_MASK, Words({0})),
+      Get(IOCTL_SERIAL_GET_WAIT_MASK, Words({0}))}},
+    {"characters are taken and not given back",
+     {Set(IOCTL_SERIAL_SET_CHARS, BytesFrom({1, 2, 3, 4, 5, 6})), Get(IOCTL_SERIAL_GET_CHARS, Zeros(6))}},
+    {"the escape character may be neither XON nor XOFF",
+     {Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0x1B})),
+      Refuse(IOCTL_SERIAL_SET_CHARS, BytesFrom({0, 0, 0, 0, 0x1B, 0x13})),
+      Refuse(IOCTL_SERIAL_SET_CHARS, BytesFrom({0, 0, 0, 0, 0x11, 0x1B})),
+      Set(IOCTL_SERIAL_SET_CHARS, BytesFrom({0x1B, 0x1B, 0x1B, 0x1B, 0x11, 0x13})),
+      Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0})),
+      Set(IOCTL_SERIAL_SET_CHARS, BytesFrom({0, 0, 0, 0, 0, 0x1B}))}},
+    {"no error character beside an escape character",
+     {Flow({0, SERIAL_ERROR_CHAR, 0, 0}), Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0xFF})),
+      NoFlow({0, SERIAL_ERROR_CHAR, 0, 0}), Flow({0, SERIAL_NULL_STRIPPING, 0, 0}),
+      Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0})), Flow({0, SERIAL_ERROR_CHAR, 0, 0})}},
+    {"limits lie in the queue, which only grows",
+     {NoFlow({0, 0, 1, 0}), NoFlow({0, 0, 0, 1}), Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({0, 9999})),
+      NoFlow({0, 0, 1, 0}), Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({4096, 0})), Flow({0, 0, 4096, 4096}),
+      NoFlow({0, 0, 4097, 0}), NoFlow({0, 0, 0, 4097}), Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({16, 0})),
+      Flow({0, 0, 4096, 1}), Get(IOCTL_SERIAL_GET_HANDFLOW, Words({0, 0, 4096, 1}))}},
+    {"a limit is not negative, whatever the queue",
+     {Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({kNever, 0})), NoFlow({0, 0, kNegative, 0}),
+      NoFlow({0, 0, 0, kNever}), Flow({0, 0, 0x7FFFFFFF, 0x7FFFFFFF})}},
+    {"DTR belongs to its handshake",
+     {Flow({SERIAL_DTR_CONTROL, 0, 0, 0}), Set(IOCTL_SERIAL_SET_DTR, {}), Set(IOCTL_SERIAL_CLR_DTR, {}),
+      Flow({SERIAL_DTR_HANDSHAKE, 0, 0, 0}), Refuse(IOCTL_SERIAL_SET_DTR, {}),
+      Refuse(IOCTL_SERIAL_CLR_DTR, {}), Set(IOCTL_SERIAL_SET_RTS, {}),
+      NoFlow({SERIAL_DTR_CONTROL | SERIAL_DTR_HANDSHAKE, 0, 0, 0}), Flow({0, 0, 0, 0}),
+      Set(IOCTL_SERIAL_SET_DTR, {}), Get(IOCTL_SERIAL_GET_DTRRTS, Zeros(4))}},
+    {"RTS belongs to its handshake or toggles by itself",
+     {Flow({0, SERIAL_RTS_CONTROL, 0, 0}), Set(IOCTL_SERIAL_SET_RTS, {}), Set(IOCTL_SERIAL_CLR_RTS, {}),
+      Flow({0, SERIAL_RTS_HANDSHAKE, 0, 0}), Refuse(IOCTL_SERIAL_SET_RTS, {}),
+      Refuse(IOCTL_SERIAL_CLR_RTS, {}), Set(IOCTL_SERIAL_CLR_DTR, {}),
+      Flow({0, SERIAL_TRANSMIT_TOGGLE, 0, 0}), Refuse(IOCTL_SERIAL_SET_RTS, {}),
+      Refuse(IOCTL_SERIAL_CLR_RTS, {}), Flow({0, 0, 0, 0}), Set(IOCTL_SERIAL_CLR_RTS, {})}},
+    {"a client's own abort on error aborts nothing",
+     {Flow({SERIAL_ERROR_ABORT, 0, 0, 0}),
+      Get(IOCTL_SERIAL_GET_HANDFLOW, Words({SERIAL_ERROR_ABORT, 0, 0, 0})), kLine8}},
+    {"the XOFF counter counts from one",
+     {Refuse(IOCTL_SERIAL_XOFF_COUNTER, Words({1000, 0, 0x13})),
+      Refuse(IOCTL_SERIAL_XOFF_COUNTER, Words({1000, kNegative, 0x13})),
+      Refuse(IOCTL_SERIAL_XOFF_COUNTER, Words({0, kNever, 0})),
+      Set(IOCTL_SERIAL_XOFF_COUNTER, Words({0, 0x7FFFFFFF, 0}))}},
+    {"modem control is kept as it is",
+     {Set(IOCTL_SERIAL_SET_MODEM_CONTROL, Words({0xDEADBEEF})),
+      Get(IOCTL_SERIAL_GET_MODEM_CONTROL, Words({0xDEADBEEF})),
+      Set(IOCTL_SERIAL_SET_FIFO_CONTROL, Words({1})),
+      Get(IOCTL_SERIAL_GET_MODEM_CONTROL, Words({0xDEADBEEF}))}},
+    {"no immediate character, whichever",
+     {Refuse(IOCTL_SERIAL_IMMEDIATE_CHAR, BytesFrom({0})),
+      Refuse(IOCTL_SERIAL_IMMEDIATE_CHAR, BytesFrom({0xFF}))}},
+    {"break, XOFF and reset leave the line as it was",
+     {kLine8, Set(IOCTL_SERIAL_SET_BREAK_ON, {}), Set(IOCTL_SERIAL_SET_XOFF, {}),
+      Set(IOCTL_SERIAL_RESET_DEVICE, {}), Get(IOCTL_SERIAL_GET_LINE_CONTROL, BytesFrom({0, 0, 8}))}},
+};
+
 TEST(SerialControls, KeepTheirRulesOfValues)
 {
-    const Step line8 = Set(IOCTL_SERIAL_SET_LINE_CONTROL, BytesFrom({0, 0, 8}));
-    const Step queue = Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({4096, 0}));
-    const auto flow = [](std::initializer_list<ULONG> words) {
-        return Set(IOCTL_SERIAL_SET_HANDFLOW, Words(words));
-    };
-    const auto noFlow = [](std::initializer_list<ULONG> words) {
-        return Refuse(IOCTL_SERIAL_SET_HANDFLOW, Words(words));
-    };
-    const std::pair<const char*, std::vector<Step>> cases[] = {
-        {"a fresh client", kFresh},
-        {"any baud rate",
-         {Set(IOCTL_SERIAL_SET_BAUD_RATE, Words({57600})), Get(IOCTL_SERIAL_GET_BAUD_RATE, Words({57600})),
-          Set(IOCTL_SERIAL_SET_BAUD_RATE, Words({0})), Get(IOCTL_SERIAL_GET_BAUD_RATE, Words({0})),
-          Set(IOCTL_SERIAL_SET_BAUD_RATE, Words({kNever})),
-          Get(IOCTL_SERIAL_GET_BAUD_RATE, Words({kNever}))}},
-        {"time-outs, all but three times never",
-         {Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({1, 2, 3, 4, 5})),
-          Refuse(IOCTL_SERIAL_SET_TIMEOUTS, Words({kNever, kNever, kNever, 7, 8})),
-          Get(IOCTL_SERIAL_GET_TIMEOUTS, Words({1, 2, 3, 4, 5})),
-          Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({kNever, kNever, 0, kNever, kNever})),
-          Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({kNever, 0, kNever, 0, 0})),
-          Set(IOCTL_SERIAL_SET_TIMEOUTS, Words({0, kNever, kNever, 6, 7})),
-          Get(IOCTL_SERIAL_GET_TIMEOUTS, Words({0, kNever, kNever, 6, 7}))}},
-        {"the wait mask has thirteen bits",
-         {Set(IOCTL_SERIAL_SET_WAIT_MASK, Words({0x1FFF})),
-          Refuse(IOCTL_SERIAL_SET_WAIT_MASK, Words({0x2000})),
-          Refuse(IOCTL_SERIAL_SET_WAIT_MASK, Words({0x80000001})),
-          Get(IOCTL_SERIAL_GET_WAIT_MASK, Words({0x1FFF})), Set(IOCTL_SERIAL_SET_WAIT_MASK, Words({0})),
-          Get(IOCTL_SERIAL_GET_WAIT_MASK, Words({0}))}},
-        {"characters are taken and not given back",
-         {Set(IOCTL_SERIAL_SET_CHARS, BytesFrom({1, 2, 3, 4, 5, 6})), Get(IOCTL_SERIAL_GET_CHARS, Zeros(6))}},
-        {"the escape character may be neither XON nor XOFF",
-         {Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0x1B})),
-          Refuse(IOCTL_SERIAL_SET_CHARS, BytesFrom({0, 0, 0, 0, 0x1B, 0x13})),
-          Refuse(IOCTL_SERIAL_SET_CHARS, BytesFrom({0, 0, 0, 0, 0x11, 0x1B})),
-          Set(IOCTL_SERIAL_SET_CHARS, BytesFrom({0x1B, 0x1B, 0x1B, 0x1B, 0x11, 0x13})),
-          Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0})),
-          Set(IOCTL_SERIAL_SET_CHARS, BytesFrom({0, 0, 0, 0, 0, 0x1B}))}},
-        {"no error character beside an escape character",
-         {flow({0, SERIAL_ERROR_CHAR, 0, 0}), Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0xFF})),
-          noFlow({0, SERIAL_ERROR_CHAR, 0, 0}), flow({0, SERIAL_NULL_STRIPPING, 0, 0}),
-          Set(IOCTL_SERIAL_LSRMST_INSERT, BytesFrom({0})), flow({0, SERIAL_ERROR_CHAR, 0, 0})}},
-        {"limits lie in the queue, which only grows",
-         {noFlow({0, 0, 1, 0}), noFlow({0, 0, 0, 1}), Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({0, 9999})),
-          noFlow({0, 0, 1, 0}), queue, flow({0, 0, 4096, 4096}), noFlow({0, 0, 4097, 0}),
-          noFlow({0, 0, 0, 4097}), Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({16, 0})), flow({0, 0, 4096, 1}),
-          Get(IOCTL_SERIAL_GET_HANDFLOW, Words({0, 0, 4096, 1}))}},
-        {"a limit is not negative, whatever the queue",
-         {Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Words({kNever, 0})), noFlow({0, 0, kNegative, 0}),
-          noFlow({0, 0, 0, kNever}), flow({0, 0, 0x7FFFFFFF, 0x7FFFFFFF})}},
-        {"DTR belongs to its handshake",
-         {flow({SERIAL_DTR_CONTROL, 0, 0, 0}), Set(IOCTL_SERIAL_SET_DTR, {}), Set(IOCTL_SERIAL_CLR_DTR, {}),
-          flow({SERIAL_DTR_HANDSHAKE, 0, 0, 0}), Refuse(IOCTL_SERIAL_SET_DTR, {}),
-          Refuse(IOCTL_SERIAL_CLR_DTR, {}), Set(IOCTL_SERIAL_SET_RTS, {}),
-          noFlow({SERIAL_DTR_CONTROL | SERIAL_DTR_HANDSHAKE, 0, 0, 0}), flow({0, 0, 0, 0}),
-          Set(IOCTL_SERIAL_SET_DTR, {}), Get(IOCTL_SERIAL_GET_DTRRTS, Zeros(4))}},
-        {"RTS belongs to its handshake or toggles by itself",
-         {flow({0, SERIAL_RTS_CONTROL, 0, 0}), Set(IOCTL_SERIAL_SET_RTS, {}), Set(IOCTL_SERIAL_CLR_RTS, {}),
-          flow({0, SERIAL_RTS_HANDSHAKE, 0, 0}), Refuse(IOCTL_SERIAL_SET_RTS, {}),
-          Refuse(IOCTL_SERIAL_CLR_RTS, {}), Set(IOCTL_SERIAL_CLR_DTR, {}),
-          flow({0, SERIAL_TRANSMIT_TOGGLE, 0, 0}), Refuse(IOCTL_SERIAL_SET_RTS, {}),
-          Refuse(IOCTL_SERIAL_CLR_RTS, {}), flow({0, 0, 0, 0}), Set(IOCTL_SERIAL_CLR_RTS, {})}},
-        {"a client's own abort on error aborts nothing",
-         {flow({SERIAL_ERROR_ABORT, 0, 0, 0}),
-          Get(IOCTL_SERIAL_GET_HANDFLOW, Words({SERIAL_ERROR_ABORT, 0, 0, 0})), line8}},
-        {"the XOFF counter counts from one",
-         {Refuse(IOCTL_SERIAL_XOFF_COUNTER, Words({1000, 0, 0x13})),
-          Refuse(IOCTL_SERIAL_XOFF_COUNTER, Words({1000, kNegative, 0x13})),
-          Refuse(IOCTL_SERIAL_XOFF_COUNTER, Words({0, kNever, 0})),
-          Set(IOCTL_SERIAL_XOFF_COUNTER, Words({0, 0x7FFFFFFF, 0}))}},
-        {"modem control is kept as it is",
-         {Set(IOCTL_SERIAL_SET_MODEM_CONTROL, Words({0xDEADBEEF})),
-          Get(IOCTL_SERIAL_GET_MODEM_CONTROL, Words({0xDEADBEEF})),
-          Set(IOCTL_SERIAL_SET_FIFO_CONTROL, Words({1})),
-          Get(IOCTL_SERIAL_GET_MODEM_CONTROL, Words({0xDEADBEEF}))}},
-        {"no immediate character, whichever",
-         {Refuse(IOCTL_SERIAL_IMMEDIATE_CHAR, BytesFrom({0})),
-          Refuse(IOCTL_SERIAL_IMMEDIATE_CHAR, BytesFrom({0xFF}))}},
-        {"break, XOFF and reset leave the line as it was",
-         {line8, Set(IOCTL_SERIAL_SET_BREAK_ON, {}), Set(IOCTL_SERIAL_SET_XOFF, {}),
-          Set(IOCTL_SERIAL_RESET_DEVICE, {}), Get(IOCTL_SERIAL_GET_LINE_CONTROL, BytesFrom({0, 0, 8}))}},
-    };
     Rig rig;
     Port keeper = rig.Open();
-    for (const auto& [what, steps] : cases) {
+    for (const auto& [what, steps] : kRulesOfValues) {
         SCOPED_TRACE(what);
         Play(rig.Open(), steps); // each is of one fresh client
     }
@@ -342,22 +345,6 @@ TEST(SerialControls, TellWmiOfLineAndCharacters)
     EXPECT_EQ(CommInfo().XonCharacter, 0xFEu);
 }
 
-TEST(SerialControls, GiveTheirPropertiesByteForByte)
-{
-    Rig rig;
-    Port port = rig.Open();
-    Bytes expected = Zeros(64);
-    const auto at = [&](std::size_t offset, Bytes bytes) {
-        std::copy(bytes.begin(), bytes.end(), expected.begin() + static_cast<std::ptrdiff_t>(offset));
-    };
-    at(0, BytesFrom({64, 0, 2, 0, 1, 0, 0, 0})); // length, version, service mask
-    at(20,
-       Words({0x10000000, 1, 0xFF, 0x7F, 0})); // baud, subtype, capabilities, settable parameters and bauds
-    at(40, BytesFrom({0x0F, 0, 0x07, 0x1F}));  // data bits, stop bits and parities
-    EXPECT_EQ(Hex(port.Control(IOCTL_SERIAL_GET_PROPERTIES, {}, 64).data), Hex(expected));
-    EXPECT_EQ(Hex(port.Control(IOCTL_SERIAL_GET_PROPERTIES, {}, 100).data), Hex(expected));
-}
-
 // Clients, states, effects --------------------------------------------------------------------------------
 
 TEST(SerialControls, OfOneClientAreNothingToAnother)
@@ -400,24 +387,15 @@ TEST(SerialControls, AreAdmittedByTheStateOfTheDevice)
         }
         ExpectRefused(port.Control(IOCTL_SERIAL_GET_COMMCONFIG),
                       state.admits ? STATUS_INVALID_DEVICE_REQUEST : STATUS_DELETE_PENDING);
+        port.SetTimeouts(kNever, 0, 0);
+        EXPECT_EQ(port.Read(1).status, state.admits ? STATUS_SUCCESS : STATUS_DELETE_PENDING);
         EXPECT_TRUE(IsNothingPending(&extension)) << state.name;
+        Port second;
+        const NTSTATUS opened = host::nt::File::Open("\\Device\\quorlex0", &second);
+        EXPECT_EQ(opened, state.state == STATE_STARTED ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES);
+        second.Close();
         state.leave(rig);
     }
-}
-
-TEST(SerialControls, PurgeNothing)
-{
-    Rig rig({.source = nullptr});
-    Port port = rig.Open();
-    EXPECT_EQ(port.Set(IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXCLEAR | SERIAL_PURGE_TXCLEAR}),
-              STATUS_SUCCESS);
-    EXPECT_EQ(port.InQueue(), 32u);
-    host::nt::Request read = port.StartRead(100);
-    EXPECT_EQ(port.Set(IOCTL_SERIAL_PURGE, ULONG{SERIAL_PURGE_RXABORT | SERIAL_PURGE_TXABORT}),
-              STATUS_SUCCESS);
-    EXPECT_FALSE(read.Done());
-    read.Cancel();
-    EXPECT_EQ(read.Wait().status, STATUS_CANCELLED);
 }
 
 // Statistics are the device's; clearing them clears the WMI block too. Nothing else writes them, so the record is
