@@ -1,6 +1,7 @@
 #include "apps/console.h"
 
 #include "apps/options.h"
+#include "apps/printable.h"
 
 #include <array>
 #include <cerrno>
@@ -125,11 +126,11 @@ std::optional<Command> ParseCommand(std::string_view line)
     while (!name.empty()) {
         command.word = FindWord(name);
         if (command.word == nullptr)
-            throw CommandError(fmt::format("there is no word \"{}\"; help lists them", name));
+            throw CommandError(fmt::format("there is no word \"{}\"; help lists them", Printable(name)));
         command.argument = *command.word->argument != '\0' ? TakeWord(line) : "";
         if (!command.word->accepts(command.argument))
-            throw CommandError(
-                fmt::format("{} takes {}, not \"{}\"", name, command.word->takes, command.argument));
+            throw CommandError(fmt::format("{} takes {}, not \"{}\"", name, command.word->takes,
+                                           Printable(command.argument)));
         name = TakeWord(line);
         if (command.word->routine != nullptr)
             break;
@@ -137,8 +138,8 @@ std::optional<Command> ParseCommand(std::string_view line)
         command.word = nullptr;
     }
     if (!name.empty())
-        throw CommandError(
-            fmt::format("{} is followed by \"{}\", which means nothing", command.word->name, name));
+        throw CommandError(fmt::format("{} is followed by \"{}\", which means nothing", command.word->name,
+                                       Printable(name)));
     return command;
 }
 

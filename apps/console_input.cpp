@@ -5,6 +5,7 @@
 #include <asio/read_until.hpp>
 #include <csignal>
 #include <fcntl.h>
+#include <fmt/core.h>
 #include <istream>
 #include <string>
 #include <sys/stat.h>
@@ -70,19 +71,37 @@ StandardInput::StandardInput(asio::io_context& io, Console& console)
 void StandardInput::AwaitLine()
 {
     asio::async_read_until(input_, lines_, '\n', [this](const asio::error_code& error, std::size_t) {
-        std::string line;
-        std::istream in(&lines_);
-        if (!error || error == asio::error::eof)
-            std::getline(in, line);
-        try {
-            if (std::optional<Command> command = ParseCommand(line))
-                queue_.Add(std::move(*command));
-        } catch (const CommandError& wrong) {
-            console_.Say(wrong.what());
-        }
-        if (!error)
+        if (error == asio::error::not_found)
+            SkipLine();
+        else
+            TakeLine(!error || error == asio::error::eof);
+        if (!error || error == asio::error::not_found)
             AwaitLine();
     });
+}
+
+// Of a line that is too long, up to what is there of it.
+void StandardInput::SkipLine()
+{
+    lines_.consume(lines_.size());
+    if (!std::exchange(skipping_, true))
+        console_.Say(fmt::format("a line has at most {} bytes", kLongestLine - 1));
+}
+
+void StandardInput::TakeLine(bool good)
+{
+    std::string line;
+    std::istream in(&lines_);
+    if (good)
+        std::getline(in, line);
+    if (std::exchange(skipping_, false))
+        return; // the rest of it
+    try {
+        if (std::optional<Command> command = ParseCommand(line))
+            queue_.Add(std::move(*command));
+    } catch (const CommandError& wrong) {
+        console_.Say(wrong.what());
+    }
 }
 
 } // namespace app

@@ -33,11 +33,14 @@ class StandardInput {
 
   private:
     void AwaitLine();
+    void SkipLine();
+    void TakeLine(bool good);
 
     Console& console_;
     CommandQueue queue_;
     asio::posix::stream_descriptor input_;
     asio::streambuf lines_;
+    bool skipping_ = false; // the rest of a line that is too long
 };
 
 } // namespace app

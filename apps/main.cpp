@@ -1,4 +1,5 @@
 #include "apps/options.h"
+#include "apps/printable.h"
 #include "apps/runtime_folder.h"
 #include "apps/service.h"
 #include "apps/status.h"
@@ -27,7 +28,7 @@ int Run(const app::Options& options)
 
 int Complain(const std::exception& error, int code)
 {
-    std::fprintf(stderr, "navox-host: %s\n", error.what());
+    std::fprintf(stderr, "navox-host: %s\n", app::Printable(error.what()).c_str());
     return code;
 }
 

@@ -99,6 +99,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv)
     CheckFile(cli, "--replay", options.replay);
     CheckFile(cli, "--registry", options.registry);
     CheckFile(cli, "--script", options.script);
+    CheckFile(cli, "--trace", options.trace);
     if (cli.count("--tcp") != 0)
         options.tcp = ParseEndpoint(tcp);
     if (!level.empty())

@@ -114,6 +114,7 @@ class Service {
     void ClosePort();
     void AwaitEnd();
     void AwaitTableSignal();
+    std::string Save();
     int Finish();
 
     const Options& options_;
@@ -215,6 +216,23 @@ int Service::Run()
     return Finish();
 }
 
+// Each file is written whatever becomes of the other. What is wrong; empty: nothing.
+std::string Service::Save()
+{
+    std::string wrong;
+    const auto attempt = [&](const std::string& file, void (System::*save)(const std::string&)) {
+        try {
+            if (!file.empty())
+                (*system_.*save)(file);
+        } catch (const std::exception& error) {
+            wrong += (wrong.empty() ? "" : "; ") + std::string(error.what());
+        }
+    };
+    attempt(options_.registry, &System::SaveRegistry);
+    attempt(options_.trace, &System::SaveTrace);
+    return wrong;
+}
+
 int Service::Finish()
 {
     if (system_->Plugged())
@@ -225,13 +243,12 @@ int Service::Finish()
     status_.reset();
     if (!system_->Unload())
         throw std::runtime_error("the driver cannot be unloaded: its device has not gone");
-    if (!options_.registry.empty())
-        system_->SaveRegistry(options_.registry);
-    if (!options_.trace.empty())
-        system_->SaveTrace(options_.trace);
+    const std::string unsaved = Save();
     system_->End();
     const std::vector<host::Finding> findings = system_->Findings();
     std::fputs(FormatSummary(clients_.Totals(), system_->Module().Look(), findings).c_str(), stderr);
+    if (!unsaved.empty())
+        throw UsageError(unsaved);
     return findings.empty() ? 0 : 1;
 }
 
