@@ -2,7 +2,9 @@
 
 #include "cm/text.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <fstream>
@@ -16,6 +18,11 @@ namespace {
 constexpr std::u16string_view kHeader = u"Windows Registry Editor Version 5.00";
 constexpr std::u16string_view kByteOrderMark = u"\uFEFF";
 constexpr std::size_t kMaxLineWidth = 80;
+
+// As the platform has it.
+constexpr std::size_t kDeepestKey = 512;     // levels, with the root
+constexpr std::size_t kLongestKeyName = 255; // characters
+constexpr std::size_t kLongestValueName = 16'383;
 
 struct RootName {
     std::u16string_view file;
@@ -117,6 +124,7 @@ class Parser {
     bool ParseHeader();
     bool ParseLine();
     bool ParseKey();
+    bool CheckKey(std::u16string_view path);
     bool ParseValue();
     bool ParseData(std::u16string_view data, CmValue& value);
     bool ParseString(std::u16string_view data, CmValue& value);
@@ -178,6 +186,19 @@ bool Parser::ParseLine()
     return line_[0] == u'[' ? ParseKey() : ParseValue();
 }
 
+bool Parser::CheckKey(std::u16string_view path)
+{
+    for (std::size_t level = 1; !path.empty(); ++level) {
+        const std::u16string_view name = path.substr(0, path.find(u'\\'));
+        path.remove_prefix(std::min(name.size() + 1, path.size()));
+        if (level > kDeepestKey)
+            return Fail("a key has at most " + std::to_string(kDeepestKey) + " levels");
+        if (name.size() > kLongestKeyName)
+            return Fail("the name of a key has at most " + std::to_string(kLongestKeyName) + " characters");
+    }
+    return true;
+}
+
 bool Parser::ParseKey()
 {
     if (line_.back() != u']') {
@@ -196,6 +217,8 @@ bool Parser::ParseKey()
     if (keyDeleted_ && path.find(u'\\') == path.npos) {
         return Fail("a root key cannot be deleted");
     }
+    if (!CheckKey(path))
+        return false;
     key_ = *native;
     auto kind = keyDeleted_ ? Operation::Kind::DeleteKey : Operation::Kind::CreateKey;
     operations_.push_back({kind, key_, {}});
@@ -236,6 +259,9 @@ bool Parser::ParseValue()
         if (!name) {
             return false;
         }
+        if (name->size() > kLongestValueName)
+            return Fail("the name of a value has at most " + std::to_string(kLongestValueName) +
+                        " characters");
         operation.value.name = std::move(*name);
     } else {
         return Fail("expected a key, a value, or a comment");
@@ -506,7 +532,7 @@ std::optional<CmRegError> CmLoadRegFile(CmRegistry& registry, const std::filesys
         bytes.append(block.data(), static_cast<std::size_t>(in.gcount()));
     }
     if (!in.is_open() || in.bad()) {
-        return CmRegError{0, "cannot read " + file.string()};
+        return CmRegError{0, "cannot be read: " + std::generic_category().message(errno)};
     }
     return CmLoadRegText(registry, bytes);
 }
@@ -543,6 +569,7 @@ std::optional<CmRegError> CmSaveRegFile(const CmRegistry& registry, std::u16stri
         std::filesystem::rename(draft, file, error);
     }
     if (!out || error) {
+        std::filesystem::remove(draft, error);
         return CmRegError{0, "cannot write " + file.string()};
     }
     return std::nullopt;

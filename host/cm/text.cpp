@@ -1,5 +1,6 @@
 #include "cm/text.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -123,23 +124,27 @@ std::u16string Wide(std::string_view text)
     return FromUtf8(text).value_or(std::u16string());
 }
 
+static char16_t FoldCase(char16_t c)
+{
+    const bool latin1 = c >= 0xE0 && c <= 0xFE && c != 0xF7;
+    const bool greek = c >= 0x3B1 && c <= 0x3C9 && c != 0x3C2;
+    const bool cyrillic = c >= 0x430 && c <= 0x44F;
+    const bool lower = (c >= u'a' && c <= u'z') || latin1 || greek || cyrillic;
+    return lower ? static_cast<char16_t>(c - 0x20) : c;
+}
+
 std::u16string FoldCase(std::u16string_view text)
 {
     std::u16string out(text);
-    for (char16_t& c : out) {
-        bool latin1 = c >= 0xE0 && c <= 0xFE && c != 0xF7;
-        bool greek = c >= 0x3B1 && c <= 0x3C9 && c != 0x3C2;
-        bool cyrillic = c >= 0x430 && c <= 0x44F;
-        if ((c >= u'a' && c <= u'z') || latin1 || greek || cyrillic) {
-            c = static_cast<char16_t>(c - 0x20);
-        }
-    }
+    for (char16_t& c : out)
+        c = FoldCase(c);
     return out;
 }
 
 bool SameName(std::u16string_view left, std::u16string_view right)
 {
-    return left.size() == right.size() && FoldCase(left) == FoldCase(right);
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](char16_t a, char16_t b) { return FoldCase(a) == FoldCase(b); });
 }
 
 } // namespace host
