@@ -26,23 +26,11 @@ extern "C" {
 #ifndef _Requires_lock_held_
 #define _Requires_lock_held_(lock)
 #endif
-#ifndef _Requires_lock_not_held_
-#define _Requires_lock_not_held_(lock)
-#endif
-#ifndef _Acquires_lock_
-#define _Acquires_lock_(lock)
-#endif
-#ifndef _Releases_lock_
-#define _Releases_lock_(lock)
-#endif
 #ifndef _IRQL_requires_max_
 #define _IRQL_requires_max_(irql)
 #endif
 #ifndef _IRQL_requires_
 #define _IRQL_requires_(irql)
-#endif
-#ifndef _Use_decl_annotations_
-#define _Use_decl_annotations_
 #endif
 
 // Attributes that have no annotation of their own: guard types, and routines in which the analysis cannot
