@@ -45,14 +45,27 @@ SCENARIO(OpensByEveryName)
     }
 }
 
-SCENARIO(SharesThePort)
+SCENARIO(SetsTheLineForTheFirstAndTheLast)
 {
     Rig rig;
     rig.Plug();
-    const Port first("COM5");
-    const Port second("COM5");
-    CHECK_EQ(rig.Counters().open_files, 2);
-    CHECK(rig.Counters().dtr != 0);
+    const unsigned before = rig.Counters().control_requests;
+    const auto check_line = [&](unsigned files, unsigned requests, unsigned lines, unsigned state) {
+        WaitUntil("the files are opened and closed", [&] { return rig.Counters().open_files == files; });
+        const RigCounters counters = rig.Counters();
+        CHECK_EQ(counters.control_requests - before, requests);
+        CHECK_EQ(counters.dtr, lines);
+        CHECK_EQ(counters.rts, lines);
+        CHECK_EQ(counters.abstract_state, state);
+    };
+    Port first("COM5");
+    check_line(1, 7, 1, 2);
+    Port second("COM5");
+    check_line(2, 7, 1, 2);
+    first.Close();
+    check_line(1, 7, 1, 2);
+    second.Close();
+    check_line(0, 10, 0, 3);
 }
 
 SCENARIO(IsGoneWithItsModule)

@@ -31,6 +31,12 @@ SCENARIO(TwoModulesAreTwoPorts)
     rig.Plug(plug);
     Port first("COM5");
     Port second("COM6");
+    constexpr DWORD get_comm_port = 0x08004008;
+    DWORD number = 0;
+    DWORD moved = 0;
+    CHECK(
+        DeviceIoControl(second.handle(), get_comm_port, nullptr, 0, &number, sizeof number, &moved, nullptr));
+    CHECK_EQ(number, 6);
     rig.Feed("first", 0);
     rig.Feed("second", 1);
     CHECK_EQ(first.ReadAll(kEmptySentence.size() + 5), kEmptySentence + "first");

@@ -2,15 +2,17 @@
 """Runs rig_test.exe with the driver of an installation package in Wine, without a display.
 
 Makes a Wine prefix of its own in the work folder, installs there, runs every scenario (or those that are named) and ends
-all that it started. After that each broken driver of the cross build has its turn: the rig must find what is wrong
+all that it started, also when a signal ends it. After that each broken driver of the cross build has its turn: the rig must find what is wrong
 with it. Exit status 0 when all is as it should be, 77 when there is no Wine, no package or no cross build.
 """
 
 import argparse
+import fcntl
 import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -18,6 +20,7 @@ import time
 WINE = pathlib.Path("/usr/lib/wine/wine64")  # the `wine` in the path only adds advice about 32 bits
 SERVER = pathlib.Path("/usr/lib/wine/wineserver64")
 SKIPPED = 77
+LIMIT = 200  # s, for all that is run; what is still running then is ended
 BUS_INF = pathlib.Path(__file__).resolve().with_name("navox_bus.inf")
 # Wine's setup knows neither versions of the system in section names nor the driver store.
 FOR_WINE = ((rb"NTamd64\.10\.0\.\.\.16299", b"NTamd64"), (rb"(DefaultDestDir\s*=\s*)13", rb"\g<1>12"), (rb"%13%", b"%12%"))
@@ -37,6 +40,7 @@ class Prefix:
         self.folder = folder
         self.windows = folder / "drive_c" / "windows"
         self.rig = folder / "drive_c" / "rig"
+        self.deadline = time.monotonic() + LIMIT
         self.environment = {key: value for key, value in os.environ.items() if key not in ("DISPLAY", "WAYLAND_DISPLAY")}
         self.environment.update(
             WINEPREFIX=str(folder),
@@ -52,10 +56,14 @@ class Prefix:
         ) as process:
             try:
                 # Services keep the pipe open: what counts is the program's end.
+                limit = max(1, min(limit, self.deadline - time.monotonic()))
                 status = process.wait(limit)
             except subprocess.TimeoutExpired:
-                status = f"still running after {limit} s"
+                status = f"still running after {limit:.0f} s"
                 process.kill()
+            except BaseException:
+                process.kill()
+                raise
             self.end()
             return status, process.stdout.read()
 
@@ -64,6 +72,8 @@ class Prefix:
             subprocess.run([SERVER, option], env=self.environment, timeout=20, check=False)
 
     def make(self):
+        if self.folder.exists():
+            self.end()  # what a run that was killed has left
         shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.mkdir(parents=True)
         status, output = self.wine("wineboot", "-i", limit=60)
@@ -117,6 +127,15 @@ def main():
         if not needed.exists():
             print(f"{needed} is not there")
             return SKIPPED
+    options.work.mkdir(parents=True, exist_ok=True)
+    lock = os.open(options.work, os.O_RDONLY)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        print(f"another run uses {options.work}")
+        return 1
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda number, _: sys.exit(128 + number))
     start = time.monotonic()
     prefix = Prefix(options.work.resolve() / "prefix")
     try:
