@@ -31,7 +31,11 @@ class Console(unittest.TestCase):
                 connection = host.connect()
                 self.assertTrue(self.read_terminal(terminal, 1000).startswith(navox.EMPTY_FIX))
                 host.child.say("sleep S3", r"> sleep: system in S3, device in D2$")
+                late = os.open(host.pty(2), os.O_RDWR | os.O_NOCTTY)
+                navox.wait_until(lambda: len(host.status()) == 3, "a program that comes now waits")
                 host.child.say("wake", r"> wake: system in S0, device in D0$")
+                self.assertTrue(self.read_terminal(late, 1000).startswith(navox.EMPTY_FIX))
+                os.close(late)
                 before = navox.wait_until(lambda: (rows := host.status()) and len(rows) == 2 and rows, "all stay")
                 for row in before:
                     navox.wait_until(lambda: host.status()[row]["delivered"] > before[row]["delivered"] + 2000,
@@ -108,6 +112,7 @@ class Console(unittest.TestCase):
             'help is followed by "me", which means nothing',
             "idle: no monitor runs: selective suspend is off",
         ])
+        self.assertEqual(lines_of(answers[1]), ["a line has at most 4095 bytes", *lines_of(answers[0])[1:]])
         self.assertEqual([answer.returncode for answer in answers], [0, 0], "such a line ends nothing")
 
 

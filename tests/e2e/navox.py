@@ -1,9 +1,10 @@
-"""What the end-to-end tests share: a running navox-host, the recordings, and the programs around them.
+"""What the end-to-end tests share: a running navox-host, a recording, and the programs around them.
 
 Every wait is bounded, every child is ended by its own process id.
 """
 
 import argparse
+import atexit
 import functools
 import operator
 import os
@@ -24,14 +25,13 @@ SKIPPED = 77  # to CTest
 PATIENCE = 20  # seconds, for anything that is to happen soon
 EMPTY_FIX = b"$GPGGA,,,,,,0,00,0.5,,M,,,,*00\r\n"  # what a fresh handle reads first
 
-_arguments = argparse.Namespace(host=None, recordings=None)
+_arguments = argparse.Namespace(host=None)
 
 
 def main():
     """Runs the calling script's tests; exit status 77 when there was nothing that could run."""
     parser = argparse.ArgumentParser()
     parser.add_argument("--host", required=True, help="the navox-host program")
-    parser.add_argument("--recordings", default="", help="folder with *.log")
     _, rest = parser.parse_known_args(namespace=_arguments)
     program = unittest.main(argv=sys.argv[:1] + rest, verbosity=2, exit=False)
     result = program.result
@@ -47,21 +47,19 @@ def use_host(program):
     _arguments.host = program
 
 
-def recording(name):
-    """A recording of that name if there is one, else one made here: its path, and what is replayed of it."""
-    path = pathlib.Path(_arguments.recordings or "no-recordings") / name
-    if not path.is_file():
-        print(f"without NAVOX_NMEA_DATA: a journey made up here stands for {name}")
-        path = pathlib.Path(tempfile.mkdtemp(prefix="navox-e2e-")) / name
-        unittest.addModuleCleanup(shutil.rmtree, path.parent)
-        path.write_bytes(made_up_journey())
-    lines = path.read_bytes().splitlines(keepends=True)
-    return str(path), b"".join(line for line in lines if not line.startswith(b"#"))
+@functools.cache
+def journey():
+    """A recording: its path, and what is replayed of it."""
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="navox-e2e-"))
+    atexit.register(shutil.rmtree, folder)
+    sentences = made_up_journey()
+    (folder / "journey.log").write_bytes(b"# Made up: no receiver was there.\n" + sentences)
+    return str(folder / "journey.log"), sentences
 
 
 def made_up_journey(seconds=300):
     """North along a meridian, by 0.001 minutes a second; no two bursts are alike."""
-    lines = ["# Made up: no receiver was there."]
+    lines = []
     for second in range(seconds):
         time = f"12{second // 60:02}{second % 60:02}.00"
         place = f"47{30 + second / 1000:08.5f},N,00930.00000,E"

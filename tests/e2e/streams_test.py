@@ -52,7 +52,7 @@ class Streams(unittest.TestCase):
     def test_the_whole_stream_for_everyone_who_reads(self):
         if serial is None:
             raise unittest.SkipTest("python3-serial is not installed")
-        path, sentences = navox.recording("ublox-neo-m9n-nmea.log")
+        path, sentences = navox.journey()
         with navox.Host("--quiet", "--replay", path, "--rate", "8") as host:
             sleeper = host.connect(receive_buffer=2048)  # never reads
             first = host.connect()
@@ -80,7 +80,7 @@ class Streams(unittest.TestCase):
                         host.child.lines)
 
     def test_a_terminal_serves_one_program_after_the_other(self):
-        path, sentences = navox.recording("sirfstarv-nmea.log")
+        path, sentences = navox.journey()
         with navox.Host("--quiet", "--replay", path, "--rate", "20") as host:
             for _ in range(2):
                 terminal = os.open(host.pty(2), os.O_RDWR | os.O_NOCTTY)
@@ -103,7 +103,7 @@ class Streams(unittest.TestCase):
             os.close(terminal)
 
     def test_many_connections(self):
-        path, sentences = navox.recording("haicom-305N.log")
+        path, sentences = navox.journey()
         with navox.Host("--quiet", "--replay", path, "--rate", "20") as host:
             programs = [host.connect() for _ in range(40)]
             self.assertEqual(len(navox.wait_until(lambda: (rows := host.status()) and len(rows) == 40 and rows,
