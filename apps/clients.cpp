@@ -30,16 +30,31 @@ std::shared_ptr<PortClient> Clients::Open(std::string name, UniqueFd output, std
     }
     const unsigned number = ++gone_.opened;
     auto client = std::make_shared<PortClient>(io_, number, std::move(name), std::move(output));
+    open_[number] = {client, std::move(on_end)};
+    if (OpenPort(number))
+        return client;
+    open_.erase(number);
+    return nullptr;
+}
+
+// False when the client is to go.
+bool Clients::OpenPort(unsigned number)
+{
+    Entry& entry = open_.at(number);
     try {
-        client->Open(
+        entry.client->Open(
             system_.PortName(), [this, number] { HangUp(number); }, [this, number] { OnRefused(number); });
     } catch (const OpenError& error) {
-        spdlog::warn("client {} ({}): {}", number, client->Name(), error.what());
-        return nullptr;
+        const bool waits = !system_.Powered();
+        spdlog::log(waits ? spdlog::level::info : spdlog::level::warn, "client {} ({}): {}{}", number,
+                    entry.client->Name(), error.what(), waits ? "; it waits for the device's power" : "");
+        if (waits)
+            Rest(number);
+        return waits;
     }
-    open_[number] = {client, std::move(on_end), system_.Module().Look().sentence_bytes};
-    spdlog::info("client {} ({}) has opened {}", number, client->Name(), system_.PortName());
-    return client;
+    entry.sent_before = system_.Module().Look().sentence_bytes;
+    spdlog::info("client {} ({}) has opened {}", number, entry.client->Name(), system_.PortName());
+    return true;
 }
 
 void Clients::Close(const std::shared_ptr<PortClient>& client)
@@ -76,6 +91,11 @@ void Clients::OnRefused(unsigned number)
 {
     if (!system_.Started())
         return HangUp(number);
+    Rest(number);
+}
+
+void Clients::Rest(unsigned number)
+{
     resting_.insert(number);
     if (!system_.Awake())
         return;
@@ -88,9 +108,15 @@ void Clients::OnRefused(unsigned number)
 
 void Clients::GoOn()
 {
-    for (const unsigned number : std::exchange(resting_, {}))
-        if (const auto found = open_.find(number); found != open_.end())
+    for (const unsigned number : std::exchange(resting_, {})) {
+        const auto found = open_.find(number);
+        if (found == open_.end())
+            continue;
+        if (found->second.client->IsOpen())
             found->second.client->GoOn();
+        else if (!OpenPort(number))
+            HangUp(number);
+    }
 }
 
 void Clients::HangUp()
@@ -113,7 +139,7 @@ ClientStatus Clients::Look(const Entry& entry) const
                         .pending = client.Pending(),
                         .blocked = client.Blocked()};
     const std::uint64_t accounted = status.counts.read + status.queued;
-    status.dropped = sent > accounted ? sent - accounted : 0;
+    status.dropped = client.IsOpen() && sent > accounted ? sent - accounted : 0;
     return status;
 }
 

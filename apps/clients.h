@@ -37,14 +37,15 @@ class Clients {
     Clients(asio::io_context& io, System& system) : io_(io), system_(system), retry_(io) {}
 
     // Opens the port for a program. `on_end` is called if the handle ends before Close: by then it is closed.
-    // Null, with a warning in the log, when the port cannot be opened.
+    // A program that comes while the device has no power is served when it has. Null, with a warning in the
+    // log, when the port cannot be opened.
     std::shared_ptr<PortClient> Open(std::string name, UniqueFd output, std::function<void()> on_end);
     // Does nothing for a client that is closed, or null.
     void Close(const std::shared_ptr<PortClient>& client);
     void CloseAll();
     // Closes every handle as if it had ended by itself.
     void HangUp();
-    // The system has woken: those whose requests were refused meanwhile read again.
+    // The system has woken: those who were refused meanwhile try again.
     void GoOn();
     std::size_t Count() const { return open_.size(); }
 
@@ -59,13 +60,15 @@ class Clients {
         std::uint64_t sent_before = 0; // bytes of sentences the module had sent when it opened
     };
     ClientStatus Look(const Entry& entry) const;
+    bool OpenPort(unsigned number);
     void HangUp(unsigned number);
     void OnRefused(unsigned number);
+    void Rest(unsigned number);
 
     asio::io_context& io_;
     System& system_;
     std::map<unsigned, Entry> open_;
-    std::set<unsigned> resting_; // their last request was refused
+    std::set<unsigned> resting_; // the port has refused their last request, or to be opened
     asio::steady_timer retry_;
     ClientTotals gone_;
 };

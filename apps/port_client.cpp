@@ -16,6 +16,14 @@ using host::nt::BytesOf;
 
 constexpr std::size_t kReadSize = 4096; // all that a ring can hold
 
+void Control(const host::nt::File& file, std::uint32_t code, std::span<const std::byte> input)
+{
+    const NTSTATUS status = file.Control(code, input).status;
+    if (!NT_SUCCESS(status))
+        throw OpenError(
+            fmt::format("the port refuses 0x{:08x}: 0x{:08x}", code, static_cast<std::uint32_t>(status)));
+}
+
 } // namespace
 
 PortClient::PortClient(asio::io_context& io, unsigned number, std::string name, UniqueFd output)
@@ -24,25 +32,19 @@ PortClient::PortClient(asio::io_context& io, unsigned number, std::string name, 
 
 void PortClient::Open(const std::string& port, std::function<void()> on_end, std::function<void()> on_refused)
 {
-    const NTSTATUS status = host::nt::File::Open("\\\\.\\" + port, &file_);
+    host::nt::File file;
+    const NTSTATUS status = host::nt::File::Open("\\\\.\\" + port, &file);
     if (!NT_SUCCESS(status))
         throw OpenError(fmt::format("cannot open {}: 0x{:08x}", port, static_cast<std::uint32_t>(status)));
     // Reads return at once with what there is.
     const SERIAL_TIMEOUTS timeouts{.ReadIntervalTimeout = MAXULONG};
-    Control(IOCTL_SERIAL_SET_TIMEOUTS, BytesOf(timeouts));
+    Control(file, IOCTL_SERIAL_SET_TIMEOUTS, BytesOf(timeouts));
     const ULONG mask = SERIAL_EV_RXCHAR;
-    Control(IOCTL_SERIAL_SET_WAIT_MASK, BytesOf(mask));
+    Control(file, IOCTL_SERIAL_SET_WAIT_MASK, BytesOf(mask));
+    file_ = std::move(file);
     on_end_ = std::move(on_end);
     on_refused_ = std::move(on_refused);
     asio::post(io_, [self = shared_from_this()] { self->Pump(); });
-}
-
-void PortClient::Control(std::uint32_t code, std::span<const std::byte> input)
-{
-    const NTSTATUS status = file_.Control(code, input).status;
-    if (!NT_SUCCESS(status))
-        throw OpenError(
-            fmt::format("the port refuses 0x{:08x}: 0x{:08x}", code, static_cast<std::uint32_t>(status)));
 }
 
 void PortClient::Close()

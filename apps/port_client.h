@@ -48,7 +48,7 @@ class PortClient : public std::enable_shared_from_this<PortClient> {
     ~PortClient() { Close(); }
 
     // Opens the port and begins to read. `on_end` is called once, later, if the program goes; `on_refused` when
-    // the port has refused a request: nothing is read until GoOn. Throws OpenError.
+    // the port has refused a request: nothing is read until GoOn. Throws OpenError; it can be tried again.
     void Open(const std::string& port, std::function<void()> on_end, std::function<void()> on_refused);
     // Reads again.
     void GoOn() { Pump(); }
@@ -58,6 +58,7 @@ class PortClient : public std::enable_shared_from_this<PortClient> {
     // What the program sends to the port.
     void Write(std::span<const char> bytes);
 
+    bool IsOpen() const { return file_.IsOpen(); }
     unsigned Number() const { return number_; }
     const std::string& Name() const { return name_; }
     const PortClientCounts& Counts() const { return counts_; }
@@ -70,7 +71,6 @@ class PortClient : public std::enable_shared_from_this<PortClient> {
     std::uint32_t Queued() const;
 
   private:
-    void Control(std::uint32_t code, std::span<const std::byte> input);
     void Pump();
     bool Deliver(std::string_view bytes);
     void WaitForRoom();

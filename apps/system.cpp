@@ -137,6 +137,11 @@ bool System::Awake() const
     return host::PowerManager::Current().SystemState() == PowerSystemWorking;
 }
 
+bool System::Powered() const
+{
+    return Awake() && port_ != nullptr && port_->PowerState() == PowerDeviceD0;
+}
+
 std::string System::PowerText() const
 {
     const int state = host::PowerManager::Current().SystemState() - PowerSystemWorking;
