@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Runs rig_test.exe with the driver of an installation package in Wine, without a display.
 
-Makes a Wine prefix of its own in the work folder, installs there, runs every scenario (or those that are named) and ends
-all that it started, also when a signal ends it. After that each broken driver of the cross build has its turn: the rig must find what is wrong
-with it. Exit status 0 when all is as it should be, 77 when there is no Wine, no package or no cross build.
+Makes a Wine prefix of its own in the work folder, installs there, and runs every scenario (or those that are named).
+After that each broken driver of the cross build has its turn: the rig must find what is wrong with it. Ends all that it
+started, also when a signal ends it. Exit status 0 when all is as it should be, 77 when there is no Wine, no package or
+no cross build.
 """
 
 import argparse
