@@ -1,7 +1,7 @@
 #include "apps/navoxctl/commands.h"
 #include "apps/system.h"
 #include "module/nmea_generator.h"
-#include "tests/host_io/scripted_driver.h"
+#include "nt/file.h"
 #include "tests/navoxctl/host_system.h"
 
 #include <gtest/gtest.h>
@@ -40,18 +40,6 @@ class Commands : public testing::Test {
     app::System system{{.port_name = "COM12", .source = std::make_unique<module::NmeaGenerator>(1)}};
 };
 
-TEST_F(Commands, ListShowsThePortWhileItIsThere)
-{
-    const Said there = Navoxctl({"list"});
-    EXPECT_EQ(there.exit, 0);
-    EXPECT_TRUE(
-        std::regex_match(there.out, std::regex(R"(PORT +DEVICE +INTERFACE\n)"
-                                               R"(COM12 +\\Device\\quorlex0 +\\\\\?\\USB#VID_.*#\{.*\}\n)")))
-        << there.out;
-    system.Unplug();
-    EXPECT_EQ(Navoxctl({"list"}).out, "no navox port is there\n");
-}
-
 TEST_F(Commands, InfoTellsWhatThePortSaysOfItself)
 {
     EXPECT_EQ(Navoxctl({"set-nmea-mode", "COM12", "0x1F"}).exit, 0);
@@ -83,22 +71,10 @@ TEST_F(Commands, MonitorDecodesFixes)
 {
     const Said said = Navoxctl({"monitor", "COM12", "--decode", "--count", "3"});
     EXPECT_EQ(said.exit, 0) << said.error;
-    std::istringstream lines(said.out);
-    std::string line;
-    std::getline(lines, line);
-    EXPECT_EQ(line,
-              "DATE       TIME (UTC)       LATITUDE    LONGITUDE    ALT m FIX       SATS  HDOP KNOTS COURSE");
-    const std::regex row(R"((\S+) +(\S+) +(\S+) +(\S+) +(\S+) +(\S+) +(\d+)/(\S+) +(\S+) +(\S+) +(\S+))");
-    std::smatch cells;
-    ASSERT_TRUE(std::getline(lines, line) && std::regex_match(line, cells, row)) << line;
-    EXPECT_EQ(cells[3].str() + cells[6].str(), "-none") << "the empty sentence of a fresh handle";
-    for (int fix = 0; fix < 2; ++fix) {
-        ASSERT_TRUE(std::getline(lines, line) && std::regex_match(line, cells, row)) << line;
-        EXPECT_EQ(cells[1], "2024-01-17");
-        EXPECT_EQ(cells[6], "GPS");
-        EXPECT_LE(std::stoi(cells[7]), std::stoi(cells[8])) << "satellites used and in view";
-    }
-    EXPECT_FALSE(std::getline(lines, line));
+    EXPECT_TRUE(std::regex_match(said.out, std::regex("DATE .*COURSE\n"
+                                                      "- .* none .*\n" // the empty sentence of a fresh handle
+                                                      "(2024-01-17 .* GPS +\\d+/11 .*\n){2}")))
+        << said.out;
 }
 
 TEST_F(Commands, MonitorEndsWithThePort)
@@ -141,20 +117,6 @@ TEST_F(Commands, FailWithOneClearLine)
         EXPECT_EQ(said.out, "");
     }
     EXPECT_EQ(Navoxctl({"help"}).out, navoxctl::kUsage);
-}
-
-TEST(OtherPorts, RefusePrivateControls)
-{
-    host_test::Bench bench;
-    bench.OnRequest(IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT, PIRP irp) {
-        return host_test::Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
-    });
-    const Said info = Navoxctl({"info", "T"});
-    EXPECT_EQ(info.exit, 1);
-    EXPECT_EQ(info.error, "navoxctl: T: the port number: ERROR_INVALID_FUNCTION (1)\n");
-    const Said set = Navoxctl({"set-nmea-mode", "T", "1"});
-    EXPECT_EQ(set.exit, 1);
-    EXPECT_EQ(set.error, "navoxctl: T: setting the NMEA mode: ERROR_INVALID_FUNCTION (1)\n");
 }
 
 } // namespace
