@@ -42,7 +42,11 @@ class Inf:
         self.sections = {}
         self.names = {}
         self._parse(text)
-        self._strings = {line.key.lower(): line.values[0] for line in self.section("Strings")}
+        self._strings = {}
+        for line in self.section("Strings"):
+            if line.key is None:
+                raise InfError(f"line {line.number}: not a string")
+            self._strings[line.key.lower()] = line.values[0]
         for lines in self.sections.values():
             for line in lines:
                 line.values = [self._expand(value, line.number) for value in line.values]
