@@ -86,32 +86,16 @@ TEST(CompatibilityTable, HasNoRowThatNothingHolds)
         EXPECT_TRUE(names.contains(name)) << name;
 }
 
-TEST(CompatibilityTable, IsParsedAndItsFaultsAreFound)
+TEST(CompatibilityTable, IsFoundWrong)
 {
-    constexpr std::string_view kHead =
-        "text\n| other | table |\n\n| Library or program | b | c | d | e |\n|--|--|--|--|--|\n";
-    const std::string good =
-        std::string(kHead) + "| a | works | - | `x` fails with 5 | - |\n\n| not | this |\n";
-    const Table table = ParseTable(good);
-    ASSERT_EQ(table.size(), 1u);
-    const TableRow& row = table.at("a");
-    EXPECT_EQ(row.unplugged, "`x` fails with 5");
-    EXPECT_THROW(ParseTable("no table"), std::runtime_error);
-    EXPECT_THROW(ParseTable(std::string(kHead) + "| a | works |\n"), std::runtime_error);
-    EXPECT_THROW(ParseTable(std::string(kHead) + "| a | b | c | d | e |\n| a | b | c | d | e |\n"),
-                 std::runtime_error);
-
     Outcome outcome;
     outcome.end = Failure{"x", ERROR_ACCESS_DENIED};
     const TableRow agreed{"works", "-", "`x` fails with ERROR_ACCESS_DENIED", "-"};
     EXPECT_EQ(Disagreement(agreed, outcome), "");
-    EXPECT_NE(Disagreement(row, outcome), "");
     outcome.notices = {"odd"};
     EXPECT_NE(Disagreement(agreed, outcome), "");
     const TableRow unadvised{"works with an oddity", "odd", agreed.unplugged, "-"};
     EXPECT_EQ(Disagreement(unadvised, outcome), "its user is not told what to do\n");
-    outcome.damage = "only 3 fixes";
-    EXPECT_EQ(outcome.Result(), "fails: only 3 fixes");
 }
 
 TEST(Stream, IsWholeOrItIsSaidWhereItIsNot)
@@ -148,7 +132,8 @@ TEST(LivenessProbe, CausesNoTrafficOnTheBus)
     Session session(system.PortName());
     {
         host::ThreadHandle program = system.Kernel().Spawn("go", [&session] {
-            const std::unique_ptr<Library> library = MakeGoSerialWithoutLimits(session);
+            const auto go = std::ranges::find(kPersonalities, kGoSerialWithoutLimits, &Personality::name);
+            const std::unique_ptr<Library> library = go->make(session);
             library->Open();
             library->Run();
             library->Close();

@@ -74,6 +74,55 @@ DWORD Library::QueuedBytes() const
     return status.cbInQue;
 }
 
+DCB Library::Configure(DWORD baud_rate, const std::function<void(DCB&)>& change)
+{
+    DCB dcb{};
+    Must("GetCommState", GetCommState(port_, &dcb));
+    SetLine(dcb, baud_rate);
+    if (change)
+        change(dcb);
+    Must("SetCommState", SetCommState(port_, dcb));
+    return dcb;
+}
+
+void Library::StartWait()
+{
+    MustStart("WaitCommEvent", WaitCommEvent(port_, &events_, &wait_));
+}
+
+DWORD Library::ReadOnce(const char* end, DWORD length)
+{
+    MustStart("ReadFile", ReadFile(port_, buffer_.data(), length, nullptr, &read_));
+    DWORD read = 0;
+    Must(end, GetOverlappedResult(port_, read_, &read, true));
+    session_.Receive(buffer_.data(), read);
+    return read;
+}
+
+void Library::ReadUntilStopped(DWORD length)
+{
+    while (!session_.Stopping()) {
+        MustStart("ReadFile", ReadFile(port_, buffer_.data(), length, nullptr, &read_));
+        if (const std::optional<DWORD> read = MustFinish("ReadFile", read_))
+            session_.Receive(buffer_.data(), *read);
+    }
+}
+
+bool Library::ReadNow(DWORD length)
+{
+    DWORD read = 0;
+    if (!ReadFile(port_, buffer_.data(), length, &read, nullptr))
+        return false;
+    session_.Receive(buffer_.data(), read);
+    return true;
+}
+
+void Library::Flush(const std::string& what)
+{
+    if (!FlushFileBuffers(port_))
+        session_.Notice("`" + what + "` fails: " + Failure{"FlushFileBuffers", GetLastError()}.Text());
+}
+
 void SetLine(DCB& dcb, DWORD baud_rate)
 {
     dcb.BaudRate = baud_rate;
@@ -81,15 +130,22 @@ void SetLine(DCB& dcb, DWORD baud_rate)
     dcb.Parity = NO_PARITY;
     dcb.StopBits = STOP_BIT_1;
     dcb.fBinary = 1;
-    dcb.fParity = 0;
-    dcb.fOutxCtsFlow = 0;
-    dcb.fOutxDsrFlow = 0;
-    dcb.fDsrSensitivity = 0;
-    dcb.fOutX = 0;
-    dcb.fInX = 0;
-    dcb.fErrorChar = 0;
-    dcb.fNull = 0;
-    dcb.fAbortOnError = 0;
+    dcb.fParity = dcb.fErrorChar = dcb.fNull = dcb.fAbortOnError = 0;
+    dcb.fOutxCtsFlow = dcb.fOutxDsrFlow = dcb.fDsrSensitivity = dcb.fOutX = dcb.fInX = 0;
+}
+
+void SetLines(DCB& dcb, DWORD dtr_control, DWORD rts_control)
+{
+    dcb.fDtrControl = dtr_control;
+    dcb.fRtsControl = rts_control;
+}
+
+void SetFlow(DCB& dcb, WORD xon_limit, WORD xoff_limit)
+{
+    dcb.XonLim = xon_limit;
+    dcb.XoffLim = xoff_limit;
+    dcb.XonChar = 0x11;
+    dcb.XoffChar = 0x13;
 }
 
 } // namespace personalities

@@ -3,8 +3,11 @@
 
 #include "tests/win32/comm.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -76,7 +79,7 @@ class Library {
     // Throw CallFailed where the library reports an error to its user.
     virtual void Open() = 0;
     virtual void Run() = 0; // reads until the session stops
-    virtual void Close() = 0;
+    virtual void Close() { CloseHandle(port_); }
 
   protected:
     // The library checks this call.
@@ -90,12 +93,28 @@ class Library {
     // Waits for the call and gives the length of its data. Nothing: the user wants the port closed.
     std::optional<DWORD> MustFinish(const char* call, Overlapped& overlapped);
     DWORD QueuedBytes() const; // ClearCommError's
+    // Reads the port's state, sets the line, makes the change, and sets all of it. Gives what was set.
+    DCB Configure(DWORD baud_rate, const std::function<void(DCB&)>& change = {});
+    void StartWait();
+    // One overlapped read to its end, whatever the user wants meanwhile; gives its length. `end` is the call that fails
+    // when it does.
+    DWORD ReadOnce(const char* end, DWORD length);
+    void ReadUntilStopped(DWORD length); // overlapped
+    bool ReadNow(DWORD length);          // synchronous
+    // FlushFileBuffers, which the library's user knows as `what`.
+    void Flush(const std::string& what);
 
     Session& session_;
     Handle port_;
+    DWORD events_ = 0;
+    Overlapped wait_;
+    Overlapped read_;
+    std::array<char, 65'536> buffer_{};
 };
 
 // Of a DCB that a library starts from.
 void SetLine(DCB& dcb, DWORD baud_rate); // 8 data bits, no parity, one stop bit, no flow control
+void SetLines(DCB& dcb, DWORD dtr_control, DWORD rts_control);
+void SetFlow(DCB& dcb, WORD xon_limit, WORD xoff_limit); // and the usual characters
 
 } // namespace personalities
