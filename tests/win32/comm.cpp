@@ -1,7 +1,5 @@
 #include "tests/win32/comm.h"
 
-#include <array>
-
 namespace win32 {
 namespace {
 
@@ -28,37 +26,6 @@ bool ReadState(const Handle& handle, SerialState* state)
            Get(handle, IOCTL_SERIAL_GET_LINE_CONTROL, &state->line) &&
            Get(handle, IOCTL_SERIAL_GET_CHARS, &state->chars) &&
            Get(handle, IOCTL_SERIAL_GET_HANDFLOW, &state->flow);
-}
-
-constexpr std::array kEscapeControls = {
-    IOCTL_SERIAL_SET_XOFF,     IOCTL_SERIAL_SET_XON,      IOCTL_SERIAL_SET_RTS,
-    IOCTL_SERIAL_CLR_RTS,      IOCTL_SERIAL_SET_DTR,      IOCTL_SERIAL_CLR_DTR,
-    IOCTL_SERIAL_RESET_DEVICE, IOCTL_SERIAL_SET_BREAK_ON, IOCTL_SERIAL_SET_BREAK_OFF,
-};
-
-struct Bit {
-    ULONG serial;
-    DWORD win32;
-};
-constexpr Bit kErrorBits[] = {
-    {SERIAL_ERROR_QUEUEOVERRUN, CE_RXOVER}, {SERIAL_ERROR_OVERRUN, CE_OVERRUN},
-    {SERIAL_ERROR_PARITY, CE_RXPARITY},     {SERIAL_ERROR_FRAMING, CE_FRAME},
-    {SERIAL_ERROR_BREAK, CE_BREAK},
-};
-
-COMSTAT ToComStat(const SERIAL_STATUS& status)
-{
-    COMSTAT stat{};
-    stat.fCtsHold = (status.HoldReasons & SERIAL_TX_WAITING_FOR_CTS) != 0;
-    stat.fDsrHold = (status.HoldReasons & SERIAL_TX_WAITING_FOR_DSR) != 0;
-    stat.fRlsdHold = (status.HoldReasons & SERIAL_TX_WAITING_FOR_DCD) != 0;
-    stat.fXoffHold = (status.HoldReasons & SERIAL_TX_WAITING_FOR_XON) != 0;
-    stat.fXoffSent = (status.HoldReasons & SERIAL_TX_WAITING_XOFF_SENT) != 0;
-    stat.fEof = status.EofReceived != FALSE;
-    stat.fTxim = status.WaitForImmediate != FALSE;
-    stat.cbInQue = status.AmountInInQueue;
-    stat.cbOutQue = status.AmountInOutQueue;
-    return stat;
 }
 
 } // namespace
@@ -96,12 +63,7 @@ bool SetCommState(const Handle& handle, const DCB& dcb)
 
 bool GetCommConfig(const Handle& handle, COMMCONFIG* config, DWORD* size)
 {
-    const DWORD given = *size;
     *size = sizeof(*config);
-    if (given < sizeof(*config)) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return false;
-    }
     DWORD provider = 0;
     if (!GetCommState(handle, &config->dcb) || !Get(handle, IOCTL_SERIAL_CONFIG_SIZE, &provider))
         return false;
@@ -129,13 +91,10 @@ bool ClearCommError(const Handle& handle, DWORD* errors, COMSTAT* stat)
     SERIAL_STATUS status{};
     if (!Get(handle, IOCTL_SERIAL_GET_COMMSTATUS, &status))
         return false;
-    if (errors != nullptr) {
-        *errors = 0;
-        for (const Bit& bit : kErrorBits)
-            *errors |= (status.Errors & bit.serial) != 0 ? bit.win32 : 0;
-    }
+    if (errors != nullptr)
+        *errors = status.Errors;
     if (stat != nullptr)
-        *stat = ToComStat(status);
+        *stat = {0, status.AmountInInQueue, status.AmountInOutQueue};
     return true;
 }
 
@@ -146,12 +105,7 @@ bool SetupComm(const Handle& handle, DWORD in_size, DWORD out_size)
 
 bool EscapeCommFunction(const Handle& handle, Escape function)
 {
-    const std::size_t index = static_cast<std::size_t>(function) - 1;
-    if (index >= kEscapeControls.size()) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return false;
-    }
-    return Send(handle, kEscapeControls[index]);
+    return Send(handle, static_cast<DWORD>(function));
 }
 
 } // namespace win32

@@ -15,7 +15,6 @@ inline constexpr DWORD DTR_CONTROL_ENABLE = 1;
 inline constexpr DWORD DTR_CONTROL_HANDSHAKE = 2;
 inline constexpr DWORD RTS_CONTROL_DISABLE = 0;
 inline constexpr DWORD RTS_CONTROL_ENABLE = 1;
-inline constexpr DWORD RTS_CONTROL_HANDSHAKE = 2;
 inline constexpr DWORD RTS_CONTROL_TOGGLE = 3;
 
 struct DCB {
@@ -63,14 +62,7 @@ struct COMMCONFIG {
 static_assert(sizeof(COMMCONFIG) == 52);
 
 struct COMSTAT {
-    DWORD fCtsHold : 1;
-    DWORD fDsrHold : 1;
-    DWORD fRlsdHold : 1;
-    DWORD fXoffHold : 1;
-    DWORD fXoffSent : 1;
-    DWORD fEof : 1;
-    DWORD fTxim : 1;
-    DWORD fReserved : 25;
+    DWORD flags; // why nothing is sent
     DWORD cbInQue;
     DWORD cbOutQue;
 };
@@ -78,12 +70,6 @@ static_assert(sizeof(COMSTAT) == 12);
 
 using COMMTIMEOUTS = SERIAL_TIMEOUTS;
 using COMMPROP = SERIAL_COMMPROP;
-
-inline constexpr DWORD CE_RXOVER = 0x01;
-inline constexpr DWORD CE_OVERRUN = 0x02;
-inline constexpr DWORD CE_RXPARITY = 0x04;
-inline constexpr DWORD CE_FRAME = 0x08;
-inline constexpr DWORD CE_BREAK = 0x10;
 
 inline constexpr DWORD EV_RXCHAR = SERIAL_EV_RXCHAR;
 inline constexpr DWORD EV_ERR = SERIAL_EV_ERR;
@@ -95,15 +81,9 @@ inline constexpr DWORD PURGE_RXCLEAR = SERIAL_PURGE_RXCLEAR;
 inline constexpr DWORD PURGE_ALL = PURGE_TXABORT | PURGE_RXABORT | PURGE_TXCLEAR | PURGE_RXCLEAR;
 
 enum class Escape : DWORD {
-    SETXOFF = 1,
-    SETXON,
-    SETRTS,
-    CLRRTS,
-    SETDTR,
-    CLRDTR,
-    RESETDEV,
-    SETBREAK,
-    CLRBREAK
+    SETRTS = IOCTL_SERIAL_SET_RTS,
+    SETDTR = IOCTL_SERIAL_SET_DTR,
+    CLRDTR = IOCTL_SERIAL_CLR_DTR
 };
 
 // Calls that are one control each, which carries or fills a `T`. kernel32 has an event of its own: the control is waited
@@ -135,11 +115,11 @@ inline constexpr Setter<char> TransmitCommChar{IOCTL_SERIAL_IMMEDIATE_CHAR};
 
 bool GetCommState(const Handle& handle, DCB* dcb);
 bool SetCommState(const Handle& handle, const DCB& dcb);
-bool GetCommConfig(const Handle& handle, COMMCONFIG* config, DWORD* size);
+bool GetCommConfig(const Handle& handle, COMMCONFIG* config, DWORD* size); // the room is never too small
 bool SetCommConfig(const Handle& handle, const COMMCONFIG& config);
 // `events` is filled as an overlapped call's buffer is.
 bool WaitCommEvent(const Handle& handle, DWORD* events, Overlapped* overlapped);
-// `status` may be null.
+// Either may be null. The bits of errors are the port's, which has none.
 bool ClearCommError(const Handle& handle, DWORD* errors, COMSTAT* status);
 bool SetupComm(const Handle& handle, DWORD in_size, DWORD out_size);
 bool EscapeCommFunction(const Handle& handle, Escape function);

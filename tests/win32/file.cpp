@@ -85,49 +85,35 @@ Handle CreateFile(std::string_view name, DWORD access, DWORD share, DWORD flags)
 
 bool CloseHandle(Handle& handle)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     handle.file.Close();
     return true;
 }
 
 DWORD GetFileType(const Handle& handle)
 {
-    if (!handle) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FILE_TYPE_UNKNOWN;
-    }
     const bool serial = host::IopTargetOf(*handle.file.Object())->DeviceType == FILE_DEVICE_SERIAL_PORT;
-    return serial ? FILE_TYPE_CHAR : FILE_TYPE_UNKNOWN;
+    return serial ? FILE_TYPE_CHAR : 0;
 }
 
 bool ReadFile(const Handle& handle, void* buffer, DWORD length, DWORD* read, Overlapped* overlapped)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     return Conclude(handle, handle.file.StartRead(length), Bytes(buffer, length), read, overlapped);
 }
 
 bool WriteFile(const Handle& handle, const void* data, DWORD length, DWORD* written, Overlapped* overlapped)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     return Conclude(handle, handle.file.StartWrite(Bytes(data, length)), {}, written, overlapped);
 }
 
 bool DeviceIoControl(const Handle& handle, DWORD code, const void* input, DWORD input_length, void* output,
                      DWORD output_length, DWORD* returned, Overlapped* overlapped)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     return Conclude(handle, handle.file.StartControl(code, Bytes(input, input_length), output_length),
                     Bytes(output, output_length), returned, overlapped);
 }
 
 bool FlushFileBuffers(const Handle& handle)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     const NTSTATUS status = handle.file.Flush().status;
     return NT_SUCCESS(status) || Fail(ErrorOf(status));
 }
@@ -141,29 +127,22 @@ bool GetOverlappedResult(const Handle&, Overlapped& overlapped, DWORD* transferr
 
 DWORD WaitForSingleObject(const Overlapped& overlapped, DWORD milliseconds)
 {
-    const host::Time limit = milliseconds == INFINITE ? host::kForever : milliseconds * host::kMillisecond;
-    return overlapped.request.WaitFor(limit) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+    return overlapped.request.WaitFor(milliseconds * host::kMillisecond) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
 bool CancelIo(const Handle& handle)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     (void)handle.file.CancelIo(); // succeeds with nothing to cancel, too
     return true;
 }
 
 bool CancelIoEx(const Handle& handle)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     return handle.file.CancelIoEx() || Fail(ERROR_NOT_FOUND);
 }
 
-bool CancelIoEx(const Handle& handle, Overlapped& overlapped)
+bool CancelIoEx(const Handle&, Overlapped& overlapped)
 {
-    if (!handle)
-        return Fail(ERROR_INVALID_HANDLE);
     return (overlapped.request.Valid() && overlapped.request.Cancel()) || Fail(ERROR_NOT_FOUND);
 }
 

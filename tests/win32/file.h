@@ -12,13 +12,10 @@ namespace win32 {
 
 inline constexpr DWORD GENERIC_READ_ACCESS = 1;
 inline constexpr DWORD GENERIC_WRITE_ACCESS = 2;
-inline constexpr DWORD FILE_SHARE_READ_WRITE = 3;
 inline constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000;
-inline constexpr DWORD FILE_TYPE_UNKNOWN = 0;
 inline constexpr DWORD FILE_TYPE_CHAR = 2;
 inline constexpr DWORD WAIT_OBJECT_0 = 0;
 inline constexpr DWORD WAIT_TIMEOUT = 258;
-inline constexpr DWORD INFINITE = 0xFFFFFFFF;
 inline constexpr DWORD MAXDWORD = 0xFFFFFFFF;
 
 // One HANDLE of a file. It is closed with the object.

@@ -10,11 +10,6 @@ constexpr DWORD kEnds = 5000;           // ms, for a call that must
 constexpr DWORD kMoment = 60;           // ms
 constexpr DWORD kFailures = 0x80000000; // statuses
 
-Outcome Of(bool succeeded, DWORD count = 0, std::string text = {})
-{
-    return {succeeded ? 0 : GetLastError(), count, std::move(text)};
-}
-
 template <class... Values>
 std::string Format(const char* format, Values... values)
 {
@@ -44,6 +39,11 @@ std::string Words(const T& value)
 }
 
 } // namespace
+
+Outcome Program::Of(bool succeeded, DWORD count, std::string text)
+{
+    return {succeeded ? 0 : GetLastError(), count, std::move(text)};
+}
 
 Outcome Program::Open(unsigned port, bool overlapped)
 {
@@ -111,11 +111,6 @@ Outcome Program::Mask(unsigned port) const
     return Of(good, mask);
 }
 
-Outcome Program::SetMask(unsigned port, DWORD mask) const
-{
-    return Of(SetCommMask(ports_[port], mask));
-}
-
 Outcome Program::Properties(unsigned port) const
 {
     COMMPROP properties{};
@@ -145,31 +140,6 @@ Outcome Program::ModemStatus(unsigned port) const
     DWORD status = 0x1234;
     const bool good = GetCommModemStatus(ports_[port], &status);
     return Of(good, status);
-}
-
-Outcome Program::Setup(unsigned port, DWORD in_size) const
-{
-    return Of(SetupComm(ports_[port], in_size, in_size));
-}
-
-Outcome Program::Purge(unsigned port) const
-{
-    return Of(PurgeComm(ports_[port], PURGE_ALL));
-}
-
-Outcome Program::Dtr(unsigned port) const
-{
-    return Of(EscapeCommFunction(ports_[port], Escape::SETDTR));
-}
-
-Outcome Program::Transmit(unsigned port) const
-{
-    return Of(TransmitCommChar(ports_[port], 'x'));
-}
-
-Outcome Program::Flush(unsigned port) const
-{
-    return Of(FlushFileBuffers(ports_[port]));
 }
 
 Outcome Program::Write(unsigned port, std::string_view text) const
@@ -251,11 +221,6 @@ Outcome Program::Feed(std::string_view text)
     since_ = Now();
     Send(text);
     return {};
-}
-
-Outcome Program::Cancel(unsigned port) const
-{
-    return Of(CancelIoEx(ports_[port]));
 }
 
 Outcome Program::CancelOne(unsigned port, unsigned call)

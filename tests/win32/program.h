@@ -31,6 +31,10 @@ class Program {
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
+    // Of a call that gives nothing else.
+    static Outcome Of(bool succeeded, DWORD count = 0, std::string text = {});
+    const Handle& operator[](unsigned port) const { return ports_[port]; }
+
     Outcome Open(unsigned port, bool overlapped);
     Outcome OpenEmpty(unsigned port); // overlapped, and behind the first sentence
     Outcome Close(unsigned port);
@@ -41,17 +45,11 @@ class Program {
     Outcome Timeouts(unsigned port) const;
     Outcome SetTimeouts(unsigned port, DWORD interval, DWORD multiplier, DWORD constant) const;
     Outcome Mask(unsigned port) const;
-    Outcome SetMask(unsigned port, DWORD mask) const;
     Outcome Properties(unsigned port) const;
     Outcome Queue(unsigned port) const; // count: bytes received and not read; text: errors
     // Queue, when so many bytes are in it.
     Outcome AwaitQueue(unsigned port, DWORD bytes);
     Outcome ModemStatus(unsigned port) const;
-    Outcome Setup(unsigned port, DWORD in_size) const;
-    Outcome Purge(unsigned port) const; // everything
-    Outcome Dtr(unsigned port) const;
-    Outcome Transmit(unsigned port) const;
-    Outcome Flush(unsigned port) const;
     Outcome Write(unsigned port, std::string_view text) const;
     // NTSTATUS; text: what came back, in hexadecimal.
     Outcome Control(unsigned port, DWORD code, std::string_view input, DWORD room);
@@ -63,7 +61,6 @@ class Program {
     Outcome End(unsigned call);
     Outcome Look(unsigned call);  // the same after a moment
     Outcome Error(unsigned call); // of a call that has ended
-    Outcome Cancel(unsigned port) const;
     Outcome CancelOne(unsigned port, unsigned call);
 
     // Since the last StartRead or Feed, up to the end of the last call that was waited for; ms.
