@@ -1,56 +1,11 @@
-// The routines that the platform headers define inline: lists, stack locations, safe strings.
-#include <initguid.h>
-
+// The routines that the platform headers define inline: stack locations, safe strings.
 #include <ntddk.h>
 #include <ntddser.h>
 #include <ntstrsafe.h>
-#include <usbdlib.h>
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 namespace {
-
-struct Item {
-    int id;
-    LIST_ENTRY link;
-};
-
-std::vector<int> Drain(LIST_ENTRY* head, PLIST_ENTRY (*remove)(PLIST_ENTRY))
-{
-    std::vector<int> ids;
-    while (!IsListEmpty(head))
-        ids.push_back(CONTAINING_RECORD(remove(head), Item, link)->id);
-    return ids;
-}
-
-TEST(Lists, KeepTheirOrderFromBothEnds)
-{
-    LIST_ENTRY head;
-    Item items[] = {{1, {}}, {2, {}}, {3, {}}, {4, {}}};
-    for (const auto& [remove, expected] :
-         {std::pair{&RemoveHeadList, std::vector{4, 1, 3}}, {&RemoveTailList, std::vector{3, 1, 4}}}) {
-        InitializeListHead(&head);
-        InsertTailList(&head, &items[0].link);
-        InsertTailList(&head, &items[1].link);
-        InsertTailList(&head, &items[2].link);
-        InsertHeadList(&head, &items[3].link);
-        EXPECT_FALSE(RemoveEntryList(&items[1].link));
-        EXPECT_EQ(Drain(&head, remove), expected);
-    }
-}
-
-TEST(Lists, RemovingTheLastEntrySaysSo)
-{
-    LIST_ENTRY head;
-    Item only{7, {}};
-    InitializeListHead(&head);
-    InsertHeadList(&head, &only.link);
-    EXPECT_TRUE(RemoveEntryList(&only.link));
-    EXPECT_TRUE(IsListEmpty(&head));
-}
 
 // A request with two stack locations, as the I/O manager lays it out: the current one is past the end
 // until the first driver is called.
@@ -91,15 +46,6 @@ TEST(StackLocations, CopyLeavesTheCompletionRoutineBehind)
     EXPECT_EQ(next->CompletionRoutine, nullptr);
     EXPECT_EQ(next->Control, 0);
     EXPECT_EQ(current->Control, SL_PENDING_RETURNED);
-}
-
-TEST(StackLocations, SkippingHandsTheSameLocationDown)
-{
-    Request request;
-    IO_STACK_LOCATION* current = IoGetCurrentIrpStackLocation(&request.irp);
-    IoSkipCurrentIrpStackLocation(&request.irp);
-    EXPECT_EQ(IoGetNextIrpStackLocation(&request.irp), current);
-    EXPECT_EQ(request.irp.CurrentLocation, 3);
 }
 
 TEST(StackLocations, CompletionRoutineReplacesTheControlBits)
@@ -154,26 +100,6 @@ TEST(SafeStrings, CutTerminateAndReport)
         for (size_t i = 0; i < sizeof(narrow); ++i)
             EXPECT_EQ(wide[i], static_cast<WCHAR>(narrow[i])) << i;
     }
-}
-
-TEST(SafeStrings, RefuseAnEmptyDestination)
-{
-    char text[] = "x";
-    EXPECT_EQ(RtlStringCbCopyA(text, 0, "y"), STATUS_INVALID_PARAMETER);
-    EXPECT_STREQ(text, "x");
-    size_t length = 99;
-    EXPECT_EQ(RtlStringCchLengthA("abcd", 4, &length), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(RtlStringCchLengthA("abcd", 5, &length), STATUS_SUCCESS);
-    EXPECT_EQ(length, 4u);
-}
-
-TEST(Guids, AreDefinedOnceAndCompareByValue)
-{
-    const GUID same = {0x86e0d1e0, 0x8089, 0x11d0, {0x9c, 0xe4, 0x08, 0x00, 0x3e, 0x30, 0x1f, 0x73}};
-    EXPECT_TRUE(same == GUID_DEVINTERFACE_COMPORT);
-    GUID other = same;
-    ++other.Data4[7];
-    EXPECT_FALSE(other == GUID_DEVINTERFACE_COMPORT);
 }
 
 } // namespace
