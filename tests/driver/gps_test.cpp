@@ -206,38 +206,5 @@ TEST(GpsControls, AreServedBeforeTheFirstStart)
     EXPECT_EQ(rig.Open().Get<ULONG>(IOCTL_GPS_GET_NMEA_MODE), 9u);
 }
 
-// One open, however many handles it has.
-TEST(GpsControls, CountApplicationsByTheirOpens)
-{
-    Rig rig;
-    const Port first = rig.Open();
-    Port second = rig.Open();
-    host::nt::File again = second.Duplicate();
-    EXPECT_EQ(first.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 2u);
-    second.Close();
-    EXPECT_EQ(first.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 2u);
-    again.Close();
-    EXPECT_EQ(first.Get<ULONG>(IOCTL_GPS_GET_APPLICATION_COUNT), 1u);
-}
-
-TEST(GpsControls, ShareOneNmeaModeThatChangesNothing)
-{
-    Rig rig;
-    {
-        Port one = rig.OpenStreaming();
-        EXPECT_EQ(one.Set(IOCTL_GPS_SET_NMEA_MODE, ULONG{0xFFFFFFFF}), STATUS_SUCCESS);
-        Port other = rig.Open();
-        EXPECT_EQ(other.Get<ULONG>(IOCTL_GPS_GET_NMEA_MODE), 0xFFFFFFFFu);
-        EXPECT_EQ(one.Control(IOCTL_GPS_RESET_GPS).status, STATUS_SUCCESS);
-        rig.TakeBusLog();
-        const ULONG before = other.InQueue();
-        rig.RunFor(2 * kSecond);
-        EXPECT_GT(other.InQueue(), before);
-        for (const std::string& request : rig.TakeBusLog())
-            EXPECT_EQ(request, "in 82");
-    }
-    EXPECT_EQ(rig.Open().Get<ULONG>(IOCTL_GPS_GET_NMEA_MODE), 0xFFFFFFFFu); // it outlives its applications
-}
-
 } // namespace
 } // namespace navox_test

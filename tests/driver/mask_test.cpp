@@ -176,17 +176,6 @@ TEST(Wait, AndAReadAreServedByOneTransfer)
     EXPECT_EQ(read.Wait().Text(), std::string(kEmptyFix) + "$GPTXT,1\r\n");
 }
 
-TEST(Wait, EndsWhenTheModuleIsPulledAndNoneFollows)
-{
-    Bench bench;
-    Mask(kChar)(bench);
-    kWait(bench);
-    bench.rig().Unplug();
-    EXPECT_TRUE(WasCancelled(bench.wait));
-    EXPECT_EQ(bench.port.StartWait().Status(), STATUS_DELETE_PENDING);
-    EXPECT_EQ(bench.port.SetWaitMask(kChar), STATUS_DELETE_PENDING);
-}
-
 // Races ------------------------------------------------------------------------------------------------------
 
 // Things that are done at once, in the orders of their steps that two preemptions give, one after the other, and in

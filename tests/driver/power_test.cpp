@@ -145,18 +145,6 @@ TEST(Power, RequestsOfUnknownKindsGoStraightDown)
     }
 }
 
-TEST(Power, WhatApplicationsMayDoWhileASleepIsAskedFor)
-{
-    Rig rig;
-    Port port = rig.Open();
-    ASSERT_EQ(SendDevicePower(rig, IRP_MN_QUERY_POWER, PowerDeviceD2), STATUS_SUCCESS);
-    EXPECT_EQ(port.Read(1).status, STATUS_DELETE_PENDING);
-    Port second;
-    EXPECT_EQ(rig.TryOpen(&second), STATUS_INSUFFICIENT_RESOURCES);
-    ASSERT_EQ(SendDevicePower(rig, IRP_MN_SET_POWER, PowerDeviceD0), STATUS_SUCCESS);
-    EXPECT_EQ(port.Read(kEmptyFix.size()).Text(), kEmptyFix);
-}
-
 // Maps --------------------------------------------------------------------------------------------------------
 
 TEST(Power, TheDeviceFollowsTheMapOfTheBus)
@@ -309,18 +297,6 @@ TEST(Power, ASleepWithoutAQueryAndManySleepsInARow)
     const std::uint64_t sent = rig.module->Look().sentence_bytes;
     rig.RunFor(5 * kSecond);
     EXPECT_EQ(port.InQueue(), rig.module->Look().sentence_bytes - sent);
-}
-
-TEST(Power, AReadThatWaitsOverTheSleepIsServedAfterwards)
-{
-    Rig rig;
-    Port port = rig.OpenStreaming();
-    const host::nt::Request read = port.StartRead(2000);
-    ASSERT_EQ(PowerManager::Current().Sleep(PowerSystemSleeping3), STATUS_SUCCESS);
-    EXPECT_EQ(read.Status(), STATUS_PENDING);
-    ASSERT_EQ(PowerManager::Current().Wake(), STATUS_SUCCESS);
-    ASSERT_TRUE(read.WaitFor(60 * kSecond));
-    EXPECT_EQ(read.Wait().information, 2000U);
 }
 
 // The drain -----------------------------------------------------------------------------------------------------

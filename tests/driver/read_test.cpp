@@ -234,20 +234,6 @@ TEST(DirectFill, EndsInTheMiddleOfATransfer)
     EXPECT_EQ(listener.port.Read(200).Text(), Numbered(200, 100));
 }
 
-// A transfer of 4096 bytes and a ring of the same size, read in odd pieces: the whole stream, in order.
-TEST(Ring, LosesNothingForAReaderThatKeepsUp)
-{
-    constexpr std::size_t kTotal = 20 * 1000;
-    std::vector<Burst> bursts;
-    for (int i = 0; i < 20; ++i)
-        bursts.push_back({1000 + 300 * i, Numbered(1000, 1000 * static_cast<std::size_t>(i))});
-    Listener listener(bursts);
-    std::string text;
-    for (std::size_t size = 1; text.size() < kTotal; size = (size * 7) % 1023)
-        text += listener.port.Read(std::min(size, kTotal - text.size())).Text();
-    EXPECT_EQ(text, Numbered(kTotal));
-}
-
 TEST(Ring, ThatIsFullKeepsTheOldest)
 {
     std::vector<Burst> bursts;
@@ -259,15 +245,6 @@ TEST(Ring, ThatIsFullKeepsTheOldest)
     EXPECT_EQ(listener.port.InQueue(), 4096U);
     EXPECT_EQ(listener.port.Read(4096).Text(), kFix + Numbered(4096 - 32));
     EXPECT_EQ(listener.port.Read(13).Text(), "after the gap");
-}
-
-TEST(Ring, TakesUpAgainBetweenTheBytesOfATransferThatDoesNotFit)
-{
-    Listener listener({{1000, Numbered(4096)}, {2000, "dropped"}, {4000, "kept"}}, true);
-    listener.rig.RunFor(3 * kSecond);
-    EXPECT_EQ(listener.port.Read(2000).Text(), kFix + Numbered(1968));
-    listener.rig.RunFor(2 * kSecond);
-    EXPECT_EQ(listener.port.Read(2096 + 4).Text(), Numbered(2096, 1968) + "kept");
 }
 
 // Cancelling -------------------------------------------------------------------------------------------------
@@ -301,22 +278,6 @@ TEST(Cancel, OfOneHandleLeavesTheOther)
     EXPECT_EQ(theirs.Wait().Text(), "abc");
     EXPECT_FALSE(listener.port.CancelIoEx());
     EXPECT_EQ(listener.port.Read(3).Text(), "abc"); // its ring had taken over
-}
-
-// An application whose thread ends takes its own reads back, and only those.
-TEST(Cancel, ByTheEndOfAThread)
-{
-    Listener listener({{1000, "abc"}});
-    Request theirs;
-    listener.rig.kernel
-        .Spawn("reader",
-               [&] {
-                   theirs = listener.port.StartRead(3);
-                   host::nt::CancelThreadIo();
-               })
-        .Join();
-    EXPECT_EQ(theirs.Wait().status, STATUS_CANCELLED);
-    EXPECT_EQ(listener.port.Read(3).Text(), "abc");
 }
 
 // From the front, and out of the middle; one transfer serves the two that are left.

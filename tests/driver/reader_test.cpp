@@ -234,30 +234,6 @@ RigOptions Counting(int lines, host::Time every)
     return options;
 }
 
-TEST(FanOut, GivesTheWholeStreamToEveryClient)
-{
-    constexpr int kClients = 50;
-    constexpr int kLines = 100;
-    Rig rig(Counting(kLines, 50 * kMillisecond));
-    std::vector<Port> ports;
-    for (int i = 0; i < kClients; ++i)
-        ports.push_back(rig.Open());
-    const std::string expected = std::string(kEmptyFix) + Lines(0, kLines);
-    std::vector<std::string> texts(kClients);
-    {
-        std::vector<host::ThreadHandle> threads;
-        for (std::size_t i = 0; i < kClients; ++i)
-            threads.push_back(rig.kernel.Spawn("client " + std::to_string(i), [&, i] {
-                while (texts[i].size() < expected.size())
-                    texts[i] +=
-                        ports[i]
-                            .Read(std::min<std::size_t>(i * 13 + 1, expected.size() - texts[i].size()))
-                            .Text();
-            }));
-    }
-    EXPECT_EQ(std::ranges::count(texts, expected), kClients);
-}
-
 TEST(FanOut, IsNotHeldUpByAClientThatDoesNotRead)
 {
     constexpr int kLines = 600; // 10 KB
@@ -337,22 +313,6 @@ TEST(Transfer, ThatFailsOrCannotBeMadeEndsReadingUntilTheNextFirstOpen)
     }
 }
 
-TEST(Transfer, ThatTheModuleSpoilsEndsReadingUntilTheNextFirstOpen)
-{
-    for (const auto kind : {PacketFault::Kind::Stall, PacketFault::Kind::Babble}) {
-        RigOptions options = Counting(100, 200 * kMillisecond);
-        options.module.faults.packets = {
-            {.kind = kind, .pipe = Pipe::BulkIn, .nth = 6}}; // echo, OK, four lines
-        Rig rig(options);
-        Port port = rig.OpenStreaming();
-        port.SetTimeouts(0, 0, 2'000);
-        const auto result = port.Read(1000);
-        EXPECT_EQ(result.status, STATUS_TIMEOUT);
-        EXPECT_EQ(result.Text(), std::string(kEmptyFix) + Lines(0, 3));
-        ExpectReadingAnew(rig, port);
-    }
-}
-
 TEST(Transfer, OfNothingDeliversNothingAndTheNextFollows)
 {
     Conversation conversation({{kOk}});
@@ -396,18 +356,6 @@ TEST(Transfer, IsCancelledByTheLastClose)
     EXPECT_EQ(transfer.completed, closing);
     rig.RunFor(10 * kSecond);
     EXPECT_EQ(host::UsbBus::Current().Log().size(), log.size());
-}
-
-// A module that stops talking for minutes has not gone away.
-TEST(Transfer, WaitsAsLongAsTheModuleIsSilent)
-{
-    Conversation conversation({{kOk}});
-    const Port port = conversation.rig.Open();
-    conversation.rig.RunFor(24 * 3600 * kSecond);
-    EXPECT_EQ(ReaderLog().back(), "stream");
-    EXPECT_EQ(std::ranges::count(ReaderLog(), "stream"), 1);
-    conversation.Send("good morning");
-    EXPECT_EQ(port.Read(44).Text(), std::string(kEmptyFix) + "good morning");
 }
 
 } // namespace
