@@ -133,28 +133,6 @@ NTSTATUS NTAPI KeepIt(PDEVICE_OBJECT, PIRP, PVOID context)
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-TEST(Request, ADriverThatKeepsItCompletesItLater)
-{
-    Stack stack;
-    KEVENT back;
-    KeInitializeEvent(&back, NotificationEvent, FALSE);
-    stack.on_bottom = Keep;
-    stack.on_middle = [&](PDEVICE_OBJECT device, PIRP irp) {
-        const NTSTATUS status = Stack::Forward(device, irp, KeepIt, &back);
-        EXPECT_EQ(status, STATUS_PENDING);
-        KeWaitForSingleObject(&back, Executive, KernelMode, FALSE, nullptr);
-        EXPECT_EQ(irp->IoStatus.Status, STATUS_DEVICE_NOT_READY);
-        return Complete(irp, STATUS_END_OF_FILE);
-    };
-    const host::nt::File file = stack.bench.Open();
-    host::ThreadHandle helper = stack.bench.kernel.Spawn("helper", [&] {
-        EXPECT_TRUE(stack.bench.kernel.RunUntil([&] { return Kept() != nullptr; }, host::kSecond));
-        Complete(Kept(), STATUS_DEVICE_NOT_READY);
-    });
-    EXPECT_EQ(file.Read(4).status, STATUS_END_OF_FILE);
-    helper.Join();
-}
-
 TEST(Request, PendingTravelsUpTheStack)
 {
     for (const bool with_routine : {false, true}) {
@@ -275,18 +253,6 @@ TEST(Request, AnAllocatedOneIsItsDriversToFree)
     IoFreeIrp(irp);
 }
 
-TEST(Request, CancelCallsTheRoutineOnce)
-{
-    Bench bench;
-    bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
-    const host::nt::File file = bench.Open();
-    const host::nt::Request read = file.StartRead(4);
-    EXPECT_TRUE(read.Cancel());
-    EXPECT_EQ(bench.script.cancelled_at, DISPATCH_LEVEL);
-    EXPECT_EQ(read.Status(), STATUS_CANCELLED);
-    EXPECT_FALSE(read.Cancel()) << "it is over";
-}
-
 TEST(Request, CancelOfOneWithoutARoutineOnlyMarksIt)
 {
     Bench bench;
@@ -298,31 +264,6 @@ TEST(Request, CancelOfOneWithoutARoutineOnlyMarksIt)
     EXPECT_TRUE(Kept()->Cancel);
     Complete(Kept(), STATUS_CANCELLED);
     EXPECT_EQ(read.Status(), STATUS_CANCELLED);
-}
-
-// Cancel and completion race: whoever comes first, the request ends once.
-TEST(Request, CancelRacingCompletionEndsItOnce)
-{
-    for (std::uint64_t seed = 1; seed <= 200; ++seed) {
-        host::KernelOptions options = Bench::Recording();
-        options.strategy = seed % 2 == 0 ? host::StrategyKind::Random : host::StrategyKind::Pct;
-        options.pct_length = 60;
-        options.seed = seed;
-        Bench bench(options);
-        bench.OnRequest(IRP_MJ_READ, host_test::KeepCancellable);
-        const host::nt::File file = bench.Open();
-        const host::nt::Request read = file.StartRead(4);
-        host::ThreadHandle canceller = bench.kernel.Spawn("canceller", [&] { read.Cancel(); });
-        host::ThreadHandle finisher = bench.kernel.Spawn("finisher", [&] {
-            if (PIRP irp = host_test::TakeKept())
-                Complete(irp, STATUS_SUCCESS);
-        });
-        canceller.Join();
-        finisher.Join();
-        const NTSTATUS status = read.Wait().status;
-        EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED);
-        EXPECT_TRUE(bench.Broken().empty()) << "seed " << seed;
-    }
 }
 
 using LowerCase = std::tuple<host::FaultAction, NTSTATUS, NTSTATUS>;

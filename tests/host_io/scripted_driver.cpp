@@ -33,7 +33,6 @@ NTSTATUS NTAPI AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
 
 VOID NTAPI Cancel(PDEVICE_OBJECT, PIRP irp)
 {
-    g_script->cancelled_at = KeGetCurrentIrql();
     g_script->kept = nullptr;
     IoReleaseCancelSpinLock(irp->CancelIrql);
     Complete(irp, STATUS_CANCELLED);
@@ -109,16 +108,6 @@ NTSTATUS KeepCancellable(PDEVICE_OBJECT device, PIRP irp)
     const NTSTATUS status = Keep(device, irp);
     IoReleaseCancelSpinLock(irql);
     return status;
-}
-
-PIRP TakeKept()
-{
-    KIRQL irql = PASSIVE_LEVEL;
-    IoAcquireCancelSpinLock(&irql);
-    PIRP irp = std::exchange(Kept(), nullptr);
-    const bool mine = irp != nullptr && IoSetCancelRoutine(irp, nullptr) != nullptr;
-    IoReleaseCancelSpinLock(irql);
-    return mine ? irp : nullptr;
 }
 
 UNICODE_STRING Counted(std::u16string& text)

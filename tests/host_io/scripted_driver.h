@@ -38,7 +38,6 @@ struct Script {
     std::function<void()> unload;
     bool has_power = true;
     PIRP kept = nullptr;
-    KIRQL cancelled_at = HIGH_LEVEL; // the IRQL of the cancel routine
     std::vector<std::string> seen;   // requests as they came: "IRP_MJ_READ"
     PDEVICE_OBJECT device = nullptr; // the last one made by MakeDevice or AttachTo
     PDEVICE_OBJECT lower = nullptr;  // what AttachTo attached to
@@ -57,8 +56,6 @@ PDEVICE_OBJECT Below(PDEVICE_OBJECT device);
 NTSTATUS Keep(PDEVICE_OBJECT device, PIRP irp);
 NTSTATUS KeepCancellable(PDEVICE_OBJECT device, PIRP irp);
 PIRP& Kept();
-// Takes it back from its cancel routine: null when that has run already.
-PIRP TakeKept();
 // A named, buffered device without a stack. Empty name: none.
 PDEVICE_OBJECT MakeDevice(PDRIVER_OBJECT driver, std::u16string name, ULONG extension = 64);
 // A device above `pdo`, as AddDevice makes it.
