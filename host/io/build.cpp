@@ -11,23 +11,21 @@ namespace {
 // IoBuildDeviceIoControlRequest: reports to an event and a status block of the driver.
 class BuiltRequest : public IopRequest {
   public:
-    BuiltRequest(PKEVENT event, PIO_STATUS_BLOCK status, std::size_t capacity)
-        : event_(event), status_(status), capacity_(capacity)
-    {}
+    BuiltRequest(PIO_STATUS_BLOCK status, std::size_t capacity) : status_(status), capacity_(capacity) {}
 
     bool Completed(PIRP irp) override
     {
         IopUnbufferRequest(irp, capacity_);
-        *status_ = irp->IoStatus;
-        if (event_ != nullptr)
-            KeSetEvent(event_, EVENT_INCREMENT, FALSE);
+        *irp->UserIosb = irp->IoStatus;
+        if (irp->UserEvent != nullptr)
+            KeSetEvent(irp->UserEvent, EVENT_INCREMENT, FALSE);
         return true;
     }
 
+    const void* ReportsTo() const override { return status_; }
     std::optional<std::size_t> Capacity() const override { return capacity_; }
 
   private:
-    PKEVENT event_;
     PIO_STATUS_BLOCK status_;
     std::size_t capacity_;
 };
@@ -86,7 +84,7 @@ PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT Dev
     VfRequireIrqlAtMost(PASSIVE_LEVEL, Rule::IrqlPassive, "IoBuildDeviceIoControlRequest", caller);
     if (Kernel::Current().Faults().Hit(FaultPoint::IrpAllocate))
         return nullptr;
-    auto request = std::make_shared<BuiltRequest>(Event, IoStatusBlock, OutputBufferLength);
+    auto request = std::make_shared<BuiltRequest>(IoStatusBlock, OutputBufferLength);
     PIRP irp = IopAllocateIrp(DeviceObject->StackSize, IrpOrigin::System, std::move(request), caller);
     if (irp == nullptr)
         return nullptr;

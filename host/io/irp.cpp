@@ -10,8 +10,6 @@
 namespace host {
 namespace {
 
-constexpr std::size_t kFreedRemembered = 4096;
-
 void Prepare(PIRP irp, USHORT size, CHAR stack_count)
 {
     std::memset(static_cast<void*>(irp), 0, size);
@@ -41,6 +39,8 @@ IrpRecordPtr IrpTable::Add(PIRP irp, IrpOrigin origin, std::shared_ptr<IopReques
     auto record = std::make_shared<IrpRecord>();
     record->irp = irp;
     record->origin = origin;
+    if (request && request->ReportsTo() != nullptr)
+        ++reporting_;
     record->request = std::move(request);
     record->turns.resize(static_cast<std::size_t>(irp->StackCount) + 1);
     record->allocated_by = ActorName();
@@ -67,15 +67,20 @@ bool IrpTable::WasFreed(const IRP* irp)
 
 void IrpTable::Remove(const IrpRecordPtr& record)
 {
+    if (record->request && record->request->ReportsTo() != nullptr)
+        --reporting_;
     const MutexLock lock(mutex);
     record->freed = true;
     live_.erase(record->irp);
-    freed_.insert(record->irp);
-    freed_order_.push_back(record->irp);
-    if (freed_order_.size() > kFreedRemembered) {
-        freed_.erase(freed_order_.front());
-        freed_order_.pop_front();
-    }
+    freed_[record->irp] = record->number;
+    freed_order_.emplace_back(record->irp, record->number);
+    if (freed_order_.size() <= kFreedRemembered)
+        return;
+    const auto [irp, number] = freed_order_.front();
+    freed_order_.pop_front();
+    const auto oldest = freed_.find(irp);
+    if (oldest != freed_.end() && oldest->second == number)
+        freed_.erase(oldest);
 }
 
 std::vector<IrpRecordPtr> IrpTable::All()

@@ -4,6 +4,7 @@
 #include "ke/kernel.h"
 #include "ke/mutex.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -11,7 +12,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
+#include <utility>
 #include <vector>
 #include <wdm/io.h>
 
@@ -27,6 +28,8 @@ class IopRequest {
     virtual bool Cancel() { return false; }
     // The process that asked for it; 0: the system.
     virtual ULONG ProcessId() const { return 0; }
+    // Where it reports its end, when that is memory of whoever had it made; nullptr otherwise.
+    virtual const void* ReportsTo() const { return nullptr; }
     // The room of the output buffer; nothing when Information is not a count of bytes.
     virtual std::optional<std::size_t> Capacity() const { return std::nullopt; }
 };
@@ -80,13 +83,17 @@ class IrpTable : public Component {
 
     IrpRecordPtr Add(PIRP irp, IrpOrigin origin, std::shared_ptr<IopRequest> request, const void* caller);
     IrpRecordPtr Find(const IRP* irp);
-    // True when a request lived at this address and was freed.
+    // True when a request lived at this address and was freed, one of the last kFreedRemembered.
+    static constexpr std::size_t kFreedRemembered = 4096;
     bool WasFreed(const IRP* irp);
     void Remove(const IrpRecordPtr& record);
 
     // Requests that `thread` has outstanding, oldest first; all requests with nullptr.
     std::vector<IrpRecordPtr> OfThread(PKTHREAD thread);
     std::vector<IrpRecordPtr> All();
+
+    // Requests that report to memory of whoever had them made, while there are any.
+    bool AnyReporting() const { return reporting_.load(std::memory_order_relaxed) != 0; }
 
     // Guards the fields of every record.
     Mutex mutex;
@@ -95,8 +102,10 @@ class IrpTable : public Component {
 
   private:
     std::unordered_map<const IRP*, IrpRecordPtr> live_ HOST_GUARDED_BY(mutex);
-    std::unordered_set<const IRP*> freed_ HOST_GUARDED_BY(mutex);
-    std::deque<const IRP*> freed_order_ HOST_GUARDED_BY(mutex);
+    // By the number of the request that was freed there last; an address may come and go many times.
+    std::unordered_map<const IRP*, std::uint64_t> freed_ HOST_GUARDED_BY(mutex);
+    std::deque<std::pair<const IRP*, std::uint64_t>> freed_order_ HOST_GUARDED_BY(mutex);
+    std::atomic<int> reporting_{0};
     std::uint64_t next_number_ HOST_GUARDED_BY(mutex) = 1;
 };
 

@@ -441,6 +441,14 @@ std::vector<PnpNodePtr> PnpManager::Nodes()
     return nodes_;
 }
 
+std::vector<PnpNodePtr> PnpManager::Stacks()
+{
+    const MutexLock lock(mutex_);
+    std::vector<PnpNodePtr> stacks = nodes_;
+    std::erase_if(stacks, [](const PnpNodePtr& node) { return node->state == PnpState::Reported; });
+    return stacks;
+}
+
 PnpNodePtr PnpManager::NodeOf(PDEVICE_OBJECT device)
 {
     PnpNode* node = IopBottomOf(device)->DeviceObjectExtension->node;

@@ -97,6 +97,7 @@ class PnpManager : public Component {
     void Settle();
 
     std::vector<PnpNodePtr> Nodes();
+    std::vector<PnpNodePtr> Stacks();         // those that a driver was added to, in whatever state
     PnpNodePtr NodeOf(PDEVICE_OBJECT device); // of any device in the stack; null when there is none
     // Whether the calling thread is on the way down with IRP_MN_REMOVE_DEVICE: lower devices go first then.
     bool IsRemoving() const { return actor_.IsCurrent() && removing_; }

@@ -1,5 +1,6 @@
 #include "ke/kernel_impl.h"
 #include "ke/object_checks.h"
+#include "verifier/idle_rules.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +9,7 @@ using namespace host;
 
 namespace {
 
-void CheckWaitIrql(const LARGE_INTEGER* timeout, const char* routine, const void* caller)
+void CheckWait(const LARGE_INTEGER* timeout, const char* routine, const void* caller)
 {
     const KIRQL irql = KeGetCurrentIrql();
     const bool only_looks = timeout != nullptr && timeout->QuadPart == 0;
@@ -19,6 +20,8 @@ void CheckWaitIrql(const LARGE_INTEGER* timeout, const char* routine, const void
                      " at DISPATCH_LEVEL; " + VfDescribeLocksHeld(),
                  caller);
     VfRequireIrqlAtMost(DISPATCH_LEVEL, Rule::IrqlKeDispatchLte, routine, caller);
+    if (!only_looks)
+        IdleScope::CheckWait(routine, caller);
 }
 
 // A UserMode wait lets the stack be paged out, with the object on it.
@@ -54,7 +57,7 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON /*WaitReason*/, 
 {
     const void* const caller = __builtin_return_address(0);
     auto& header = *static_cast<DISPATCHER_HEADER*>(Object);
-    CheckWaitIrql(Timeout, __func__, caller);
+    CheckWait(Timeout, __func__, caller);
     CheckWaitMode(WaitMode, Object, __func__, caller);
     KiRequireInitialized(header, __func__, caller);
     return KiWaitOne(header, DeadlineOf(Timeout), {WhatIs(header), Object});
@@ -69,7 +72,7 @@ NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE W
     const ULONG most = WaitBlockArray == nullptr ? THREAD_WAIT_OBJECTS : MAXIMUM_WAIT_OBJECTS;
     if (Count == 0 || Count > most)
         KeBugCheckEx(0x0C /* MAXIMUM_WAIT_OBJECTS_EXCEEDED */, Count, most, 0, 0);
-    CheckWaitIrql(Timeout, __func__, caller);
+    CheckWait(Timeout, __func__, caller);
     for (ULONG i = 0; i < Count; ++i) {
         CheckWaitMode(WaitMode, Object[i], __func__, caller);
         KiRequireInitialized(*static_cast<DISPATCHER_HEADER*>(Object[i]), __func__, caller);
@@ -83,7 +86,9 @@ NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE W
 NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE /*WaitMode*/, BOOLEAN /*Alertable*/,
                                       PLARGE_INTEGER Interval)
 {
-    VfRequireIrqlAtMost(APC_LEVEL, Rule::IrqlKeApcLte, __func__, __builtin_return_address(0));
+    const void* const caller = __builtin_return_address(0);
+    VfRequireIrqlAtMost(APC_LEVEL, Rule::IrqlKeApcLte, __func__, caller);
+    IdleScope::CheckWait(__func__, caller);
     Scheduler& scheduler = KiSelf().kernel.GetScheduler();
     const Time deadline = KiDeadlineOf(Interval->QuadPart);
     do {

@@ -5,13 +5,11 @@
 #include "io/lower_fault.h"
 #include "io/names.h"
 #include "io/pnp_manager.h"
+#include "verifier/idle_rules.h"
 #include "verifier/power_rules.h"
 
 namespace host {
 namespace {
-
-// How long a stack may hold a power request before the system gives up.
-constexpr Time kWatchdog = 600 * kSecond;
 
 const char* const kSystemStates[] = {"unspecified", "S0", "S1", "S2", "S3", "S4", "S5"};
 const char* const kDeviceStates[] = {"unspecified", "D0", "D1", "D2", "D3"};
@@ -62,6 +60,8 @@ class RequestedIrp : public IopRequest {
 
     bool Completed(PIRP irp) override
     {
+        if (IsSerialised(minor_))
+            PowerManager::Current().Watchdog().End(irp);
         if (routine_ == nullptr)
             return true;
         const CallbackState before = VfEnterCallback();
@@ -215,11 +215,18 @@ NTSTATUS PowerManager::Request(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE s
     if (irp_out != nullptr)
         *irp_out = irp;
     Kernel::Current().Log().AsyncBegin("irp", "IRP_MJ_POWER", irp, Describe(*location));
-    const bool later = KeGetCurrentIrql() >= DISPATCH_LEVEL || fault.has_value();
-    if (later)
-        sender_.Post([=, this] { Call(top, irp, nullptr); });
-    else
-        Call(top, irp, nullptr);
+    PDEVICE_OBJECT pdo = IopBottomOf(device);
+    if (IsSerialised(minor))
+        watchdog_.Begin(irp, pdo, minor, state.DeviceState);
+    {
+        const IdleScope outside; // what the stack does with it is not the requester's doing
+        if (KeGetCurrentIrql() >= DISPATCH_LEVEL || fault.has_value())
+            sender_.Post([=, this] { Call(top, irp, nullptr); });
+        else
+            Call(top, irp, nullptr);
+    }
+    if (minor == IRP_MN_SET_POWER && state.DeviceState == PowerDeviceD0)
+        IdleScope::NotePowerUp(pdo);
     return STATUS_PENDING;
 }
 
@@ -239,12 +246,12 @@ NTSTATUS PowerManager::SendSystem(const PnpNodePtr& node, UCHAR minor, SYSTEM_PO
     location->Parameters.Power.ShutdownType =
         state == PowerSystemWorking ? PowerActionNone : PowerActionSleep;
     Kernel::Current().Log().AsyncBegin("irp", "IRP_MJ_POWER", irp, Describe(*location));
+    const IrpRecordPtr record = IrpTable::Current().Find(irp);
     Call(top, irp, nullptr);
     LARGE_INTEGER limit{};
-    limit.QuadPart = -kWatchdog;
+    limit.QuadPart = -kPowerPatience;
     if (KeWaitForSingleObject(&request->done, Executive, KernelMode, FALSE, &limit) == STATUS_TIMEOUT) {
-        VfReport(Rule::PowerStuck, IopMinorName(IRP_MJ_POWER, minor),
-                 node->Path() + " holds a system power request for " + StateText(SystemPowerState, state));
+        PoReportStuck(record, node->pdo);
         return STATUS_IO_TIMEOUT;
     }
     return request->result.Status;
@@ -252,7 +259,7 @@ NTSTATUS PowerManager::SendSystem(const PnpNodePtr& node, UCHAR minor, SYSTEM_PO
 
 NTSTATUS PowerManager::QueryAll(SYSTEM_POWER_STATE state)
 {
-    for (const PnpNodePtr& node : PnpManager::Current().Nodes()) {
+    for (const PnpNodePtr& node : PnpManager::Current().Stacks()) {
         const NTSTATUS status = SendSystem(node, IRP_MN_QUERY_POWER, state);
         if (!NT_SUCCESS(status))
             return status;
@@ -268,7 +275,7 @@ NTSTATUS PowerManager::QueryAll(SYSTEM_POWER_STATE state)
 NTSTATUS PowerManager::SetAll(SYSTEM_POWER_STATE state)
 {
     NTSTATUS first = STATUS_SUCCESS;
-    for (const PnpNodePtr& node : PnpManager::Current().Nodes()) {
+    for (const PnpNodePtr& node : PnpManager::Current().Stacks()) {
         const NTSTATUS status = SendSystem(node, IRP_MN_SET_POWER, state);
         if (!NT_SUCCESS(status) && NT_SUCCESS(first))
             first = status;
@@ -305,6 +312,13 @@ NTSTATUS PowerManager::Sleep(SYSTEM_POWER_STATE state)
     return status;
 }
 
+NTSTATUS PowerManager::Send(const PnpNodePtr& node, UCHAR minor)
+{
+    NTSTATUS status = STATUS_SUCCESS;
+    policy_.Run([&] { status = SendSystem(node, minor, PowerSystemUnspecified); });
+    return status;
+}
+
 SYSTEM_POWER_STATE PowerManager::SystemState() const
 {
     const MutexLock lock(mutex_);
@@ -319,6 +333,7 @@ void PowerManager::SetNeighbour(std::function<NTSTATUS(SYSTEM_POWER_STATE)> answ
 
 void PowerManager::Shutdown()
 {
+    watchdog_.Stop();
     policy_.Stop();
     sender_.Stop();
 }

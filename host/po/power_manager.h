@@ -4,6 +4,7 @@
 #include "io/actor.h"
 #include "ke/kernel.h"
 #include "ke/mutex.h"
+#include "po/power_watchdog.h"
 #include "verifier/irp_rules.h"
 
 #include <array>
@@ -38,8 +39,9 @@ class PowerManager : public Component {
 
     static PowerManager& Current() { return Kernel::Current().Get<PowerManager>(); }
 
-    // A system power request to every started device, by the power thread; the caller waits for all of them.
-    // The first failure ends a query. IRQL PASSIVE_LEVEL.
+    // A system power request to every stack, whatever its Plug and Play state, by the power thread; the caller
+    // waits for all of them. A device that no driver was added to has none. The first failure ends a query.
+    // IRQL PASSIVE_LEVEL.
     NTSTATUS QuerySystem(SYSTEM_POWER_STATE state);
     NTSTATUS SetSystem(SYSTEM_POWER_STATE state);
     // Query and set. Refused: everything is told to stay at work, and the refusal is returned.
@@ -48,12 +50,17 @@ class PowerManager : public Component {
     NTSTATUS CriticalSleep(SYSTEM_POWER_STATE state) { return SetSystem(state); }
     NTSTATUS Wake() { return SetSystem(PowerSystemWorking); }
     SYSTEM_POWER_STATE SystemState() const;
+    // Any other minor code, with no state.
+    NTSTATUS Send(const std::shared_ptr<PnpNode>& node, UCHAR minor);
 
     // The answer of some other device of the machine to queries; it comes after those of the stacks.
     void SetNeighbour(std::function<NTSTATUS(SYSTEM_POWER_STATE)> answer);
 
     // The device state that the driver of `device` last reported with PoSetPowerState.
     DEVICE_POWER_STATE ReportedState(PDEVICE_OBJECT device);
+
+    // The device requests that are under way.
+    PowerWatchdog& Watchdog() { return watchdog_; }
 
     // For the exported routines.
     NTSTATUS Call(PDEVICE_OBJECT device, PIRP irp, const void* caller);
@@ -75,6 +82,7 @@ class PowerManager : public Component {
     mutable Mutex mutex_; // guards every PoDevice as well
     SYSTEM_POWER_STATE system_ HOST_GUARDED_BY(mutex_) = PowerSystemWorking;
     std::function<NTSTATUS(SYSTEM_POWER_STATE)> neighbour_ HOST_GUARDED_BY(mutex_);
+    PowerWatchdog watchdog_;
     IopActor policy_; // decides for the system
     IopActor sender_; // sends what was asked for at DISPATCH_LEVEL or had to wait its turn
 };

@@ -4,6 +4,7 @@
 
 #include "io/names.h"
 #include "usbd/hub.h"
+#include "verifier/idle_rules.h"
 
 #include <utility>
 
@@ -23,6 +24,9 @@ NTSTATUS EndWaiter(PIRP irp, NTSTATUS status, bool power)
     irp->IoStatus.Information = 0;
     if (power)
         PoStartNextPowerIrp(irp);
+    std::optional<IdleScope> scope;
+    if (!power)
+        scope.emplace(IoGetCurrentIrpStackLocation(irp)->DeviceObject, IdleScope::Part::Completion);
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return status;
 }
@@ -181,7 +185,10 @@ void UsbPort::CallIdleRoutine()
     }
     Kernel::Current().Log().Begin("usb", "idle callback");
     const CallbackState before = VfEnterCallback();
-    callback.IdleCallback(callback.IdleContext);
+    {
+        const IdleScope scope(pdo_, IdleScope::Part::Callback);
+        callback.IdleCallback(callback.IdleContext);
+    }
     VfLeaveCallback(before, "idle callback", reinterpret_cast<const void*>(callback.IdleCallback));
     Kernel::Current().Log().End("usb", "idle callback");
     LeaveIdleRoutine();

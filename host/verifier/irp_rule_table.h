@@ -16,6 +16,7 @@
                                               "routine must keep it")                                                 \
     R(IrpFreedThenContinued,    0xC9, 0x22A,  "a completion routine freed a request and let its completion go on")    \
     R(IrpCompletedWhilePassed,  0xC9, 0x209,  "a request was completed by a driver that had passed it down")          \
+    R(IrpForwardedWhilePassed,  0xC9, 0x205,  "a request was passed down by a driver that had passed it down")        \
     R(IrpCancelledTooSlowly,    0xC4, 0x135,  "a cancelled request was not completed in time")                        \
     /* Completion */                                                                                                  \
     R(IrpCompletedPending,      0xC9, 0x06,   "a request was completed with STATUS_PENDING")                          \
@@ -23,6 +24,7 @@
     R(IrpCompletedAtHighIrql,   0xC9, 0x0E,   "a request was completed above DISPATCH_LEVEL")                         \
     R(IrpGarbageStatus,         0xC9, 0x225,  "a request was completed with a value that is not a status")            \
     R(IrpInformationTooLarge,   0x50, 0x00,   "a request was completed with more information than its buffer holds")  \
+    R(IrpStatusOnDeadStack,     0xC9, 0x0C,   "a request reports to a place on a stack that is not in use")           \
     R(SpinLockSafe,             0xC4, 0x1030, "a request was completed or passed down with a spin lock held")         \
     /* Forwarding */                                                                                                  \
     R(IrpForwardedAtHighIrql,   0xC9, 0x10,   "IoCallDriver was called above DISPATCH_LEVEL")                         \
@@ -31,6 +33,9 @@
     R(IrpOutOfStack,            0x35, 0x00,   "a request has no stack location left for the driver below")            \
     R(IrpBadStackCopy,          0xC9, 0x206,  "a stack location was copied with the completion routine of the one "   \
                                               "above")                                                                \
+    R(IrpNeedlessCopy,          0xC9, 0x21C,  "a stack location was copied without need: it is to be skipped")        \
+    R(CompletionRoutineRegistered, 0x00, 0x05, "a completion routine was set for a request that was not "             \
+                                              "passed down")                                                          \
     R(IrpDeviceInvalid,         0xC9, 0x02,   "a request was sent to something that is not a live device")            \
     /* Dispatch */                                                                                                    \
     R(PendingNotMarked,         0xC9, 0x23D,  "STATUS_PENDING was returned for a request that is not marked pending") \
@@ -57,6 +62,7 @@
     R(PnpSameDeviceObject,      0xC9, 0x248,  "a device object was attached to its own stack")                        \
     /* Plug and Play */                                                                                               \
     R(PnpCompleted,             0xC9, 0x22D,  "a Plug and Play request was completed instead of passed down")         \
+    R(PnpUntouchedCompleted,    0xC9, 0x22F,  "a Plug and Play request was completed as it came")                     \
     R(PnpFailedPassedDown,      0xC9, 0x215,  "a Plug and Play request was passed down with a failure in it")         \
     R(PnpStatusTouched,         0xC9, 0x216,  "the status of a Plug and Play request was changed to not-supported")   \
     R(PnpUnknownTouched,        0xC9, 0x213,  "a Plug and Play request that is not known was changed")                \
@@ -74,12 +80,14 @@
     R(PowerStartedTwice,        0x9F, 0x500,  "PoStartNextPowerIrp was called twice for one request")                 \
     R(PowerStuck,               0x9F, 0x03,   "a power request was not completed in time")                            \
     R(PowerWrongCall,           0xC9, 0x249,  "a power request was passed down with IoCallDriver")                    \
-    R(PowerCompleted,           0xC9, 0x22F,  "a power request was completed instead of passed down")                 \
+    R(PowerCompleted,           0xC9, 0x230,  "a power request was completed instead of passed down")                 \
+    R(PowerUntouchedCompleted,  0xC9, 0x232,  "a power request was completed as it came")                             \
     R(PowerFailedPassedDown,    0xC9, 0x219,  "a power request was passed down with a failure in it")                 \
     R(PowerStatusTouched,       0xC9, 0x21A,  "the status of a power request was changed to not-supported")           \
-    R(PowerMayNotFail,          0xC9, 0x24A,  "a power request was failed that may not fail")                         \
+    R(PowerUnknownTouched,      0xC9, 0x214,  "a power request that is not known was changed")                        \
+    R(PowerMayNotFail,          0xC9, 0x247,  "a power request was failed that may not fail")                         \
     R(RequestedPowerIrp,        0xC9, 0x24B,  "PoRequestPowerIrp was asked for the request itself")                   \
-    R(PowerUpDownOrder,         0xC9, 0x24C,  "a lower power state was not reported before the device lost power")    \
+    R(PowerUpDownOrder,         0x00, 0x04,   "a lower power state was not reported before the device lost power")    \
     /* WMI */                                                                                                         \
     R(WmiNotDeregistered,       0xC4, 0xDB,   "a device was deleted that is still registered with WMI")               \
     R(WmiWrongProvider,         0xC9, 0x220,  "a WMI request was completed by a device that it was not meant for")    \
@@ -96,5 +104,6 @@
     R(UrbBadIrql,               0xFE, 0x06,   "a URB was submitted at an IRQL that its function forbids")             \
     R(IdleRequestTwice,         0xFE, 0x07,   "a second idle request was sent for a device")                          \
     R(IdleNotInD0,              0xFE, 0x08,   "an idle request was sent while the device is not in D0")               \
-    R(IdleNotPoweredDown,       0xFE, 0x09,   "an idle callback returned before the device had left D0")
+    R(IdleNotPoweredDown,       0xFE, 0x09,   "an idle callback returned before the device had left D0")              \
+    R(IdleBlocksOnPowerUp,      0xFE, 0x0A,   "an idle callback or completion waits for the device to be in D0")
 // clang-format on

@@ -4,11 +4,16 @@
 #include "io/driver.h"
 #include "io/io_manager.h"
 #include "io/names.h"
+#include "ke/thread.h"
 #include "verifier/pnp_rules.h"
 #include "verifier/power_rules.h"
 
+#include <cstring>
+
 namespace host {
 namespace {
+
+constexpr UCHAR kInvoke = SL_INVOKE_ON_SUCCESS | SL_INVOKE_ON_ERROR | SL_INVOKE_ON_CANCEL;
 
 const char* MajorOf(const IrpRecord& record)
 {
@@ -73,14 +78,55 @@ void CheckStackCopy(const IrpRecord& record, const IRP& irp, const void* caller)
                   "the next location has the completion routine of the driver above", caller);
 }
 
+// The turn of the driver that passes the request down: it has skipped its stack location, or not.
+struct Passing {
+    PDEVICE_OBJECT device = nullptr;
+    bool skipped = false;
+};
+
+Passing PassingOf(const IrpRecord& record, const IRP& irp)
+{
+    const MutexLock lock(IrpTable::Current().mutex);
+    const auto index = static_cast<std::size_t>(irp.CurrentLocation);
+    const IrpTurn& below = record.turns[index - 1];
+    if (below.call != 0 && !below.completed)
+        return {below.device, true};
+    return {index < record.turns.size() ? record.turns[index].device : nullptr, false};
+}
+
+// A driver that only hands its location on has nothing to copy; one that has marked the location keeps it.
+void CheckNeedlessCopy(const IrpRecord& record, const IRP& irp, const void* caller)
+{
+    if (irp.CurrentLocation > irp.StackCount || PassingOf(record, irp).skipped)
+        return;
+    const IO_STACK_LOCATION& current = *irp.Tail.Overlay.CurrentStackLocation;
+    const IO_STACK_LOCATION& next = *(&current - 1);
+    const bool kept = (current.Control & SL_PENDING_RETURNED) != 0 || (next.Control & kInvoke) != 0;
+    if (!kept && next.MajorFunction == current.MajorFunction && next.MinorFunction == current.MinorFunction &&
+        next.FileObject == current.FileObject &&
+        std::memcmp(&next.Parameters, &current.Parameters, sizeof next.Parameters) == 0)
+        ReportIrp(Rule::IrpNeedlessCopy, record, "copied by " + IopDescribeDevice(current.DeviceObject),
+                  caller);
+}
+
 // The driver that the thread is inside of must be the one that has the request.
-void CheckCompleter(const IrpRecord& record, const IRP& irp, const void* caller)
+void CheckOwner(Rule rule, PDEVICE_OBJECT owner, const IrpRecord& record, const void* caller)
 {
     const PDRIVER_OBJECT inside = DriverScope::Current();
-    const PDEVICE_OBJECT device = irp.Tail.Overlay.CurrentStackLocation->DeviceObject;
-    if (caller != nullptr && inside != nullptr && device->DriverObject != inside)
-        ReportIrp(Rule::IrpCompletedWhilePassed, record,
-                  "completed by " + IopDriverName(inside) + " while " + IopDescribeDevice(device) + " has it",
+    if (caller != nullptr && inside != nullptr && owner != nullptr && owner->DriverObject != inside)
+        ReportIrp(rule, record,
+                  "by " + IopDriverName(inside) + " while " + IopDescribeDevice(owner) + " has it", caller);
+}
+
+// Whoever completes a request has no use for a routine that waits for a driver below.
+void CheckRoutineUsed(const IrpRecord& record, const IRP& irp, const void* caller)
+{
+    if (irp.CurrentLocation <= 1)
+        return;
+    const IO_STACK_LOCATION& next = *(irp.Tail.Overlay.CurrentStackLocation - 1);
+    if ((next.Control & kInvoke) != 0)
+        ReportIrp(Rule::CompletionRoutineRegistered, record,
+                  SymbolOf(reinterpret_cast<const void*>(next.CompletionRoutine)) + " will not be called",
                   caller);
 }
 
@@ -107,6 +153,8 @@ IrpRecordPtr VfIrpForward(PDEVICE_OBJECT device, PIRP irp, const void* caller)
     CheckStackCopy(*record, *irp, caller);
     if (caller != nullptr) {
         CheckNoSpinLock(*record, "passed down", caller);
+        CheckOwner(Rule::IrpForwardedWhilePassed, PassingOf(*record, *irp).device, *record, caller);
+        CheckNeedlessCopy(*record, *irp, caller);
         VfPnpForward(*record, *irp, caller);
     }
     return record;
@@ -208,10 +256,32 @@ void CheckFinalAnswer(const IrpTicket& ticket, const Turn& turn, NTSTATUS status
     }
 }
 
+bool IsInFlight(const IrpRecord& record)
+{
+    const MutexLock lock(IrpTable::Current().mutex);
+    return record.in_flight;
+}
+
+// A request that outlives the routine that had it made would report into what other routines keep on the stack.
+// One that is back has reported, although it may not be freed yet.
+void CheckReportsToLive(const void* frame, const void* routine)
+{
+    const auto* self = reinterpret_cast<const Thread*>(KeGetCurrentThread());
+    for (const IrpRecordPtr& record : IrpTable::Current().OfThread(KeGetCurrentThread())) {
+        const void* place = record->request ? record->request->ReportsTo() : nullptr;
+        if (place >= self->stack_low && place < frame && IsInFlight(*record))
+            ReportIrp(Rule::IrpStatusOnDeadStack, *record,
+                      "its status block was on the stack of " + SymbolOf(routine) + ", which has returned",
+                      routine);
+    }
+}
+
 } // namespace
 
 void VfIrpDispatched(const IrpTicket& ticket, NTSTATUS status, const void* routine)
 {
+    if (IrpTable::Current().AnyReporting())
+        CheckReportsToLive(__builtin_frame_address(0), routine);
     if (status == STATUS_PENDING)
         NotePending(ticket);
     const Turn turn = TurnOf(ticket);
@@ -254,7 +324,9 @@ IrpRecordPtr VfIrpComplete(PIRP irp, const void* caller)
         ReportIrp(Rule::IrpGarbageStatus, *record, "its status is " + IopStatusText(status), caller);
     if (caller != nullptr)
         CheckNoSpinLock(*record, "completed", caller);
-    CheckCompleter(*record, *irp, caller);
+    CheckOwner(Rule::IrpCompletedWhilePassed, irp->Tail.Overlay.CurrentStackLocation->DeviceObject, *record,
+               caller);
+    CheckRoutineUsed(*record, *irp, caller);
     const bool answers = (irp->Flags & IRP_INPUT_OPERATION) != 0 && (irp->Flags & IRP_BUFFERED_IO) != 0;
     if (record->request && answers && !NT_ERROR(status)) {
         const std::optional<std::size_t> capacity = record->request->Capacity();

@@ -36,18 +36,6 @@ bool IsPnpState(UCHAR minor)
     return HandlingOf(minor) != Handling::Free;
 }
 
-std::string RequestOf(const IrpRecord& record)
-{
-    return IopRequestName(record.major, record.minor);
-}
-
-// Whether the driver below the one at `index` was called.
-bool ReachedBelow(const IrpRecord& record, int index)
-{
-    const MutexLock lock(IrpTable::Current().mutex);
-    return index > 1 && record.turns[static_cast<std::size_t>(index) - 1].call != 0;
-}
-
 // Nobody turns what a driver above has said into "not supported".
 void CheckNotTakenBack(const IRP& irp, const IrpTurn& turn, const IO_STACK_LOCATION& location,
                        const void* caller)
@@ -60,9 +48,8 @@ void CheckNotTakenBack(const IRP& irp, const IrpTurn& turn, const IO_STACK_LOCAT
              caller);
 }
 
-// A driver passes a request that it cannot know as it came.
-void CheckUnknownUntouched(const IRP& irp, const IrpTurn& turn, const IO_STACK_LOCATION& location,
-                           const void* caller)
+// The rule of a request whose minor code no driver knows; nothing for the codes that exist.
+std::optional<Rule> UnknownRule(const IO_STACK_LOCATION& location)
 {
     struct Kind {
         UCHAR major;
@@ -70,15 +57,28 @@ void CheckUnknownUntouched(const IRP& irp, const IrpTurn& turn, const IO_STACK_L
         Rule rule;
     };
     static constexpr Kind kKinds[] = {{IRP_MJ_PNP, IRP_MN_DEVICE_ENUMERATED, Rule::PnpUnknownTouched},
+                                      {IRP_MJ_POWER, IRP_MN_QUERY_POWER, Rule::PowerUnknownTouched},
                                       {IRP_MJ_SYSTEM_CONTROL, IRP_MN_REGINFO_EX, Rule::WmiUnknownTouched}};
     for (const Kind& kind : kKinds) {
-        if (kind.major == location.MajorFunction && location.MinorFunction > kind.last_minor &&
-            (irp.IoStatus.Status != turn.entry_status || irp.IoStatus.Information != turn.entry_information))
-            VfReport(kind.rule, IopMinorName(location.MajorFunction, location.MinorFunction),
-                     IopDescribeDevice(turn.device) + " passed it down with " +
-                         IopStatusText(irp.IoStatus.Status),
-                     caller);
+        if (kind.major == location.MajorFunction && location.MinorFunction > kind.last_minor)
+            return kind.rule;
     }
+    return std::nullopt;
+}
+
+bool IsUntouched(const IRP& irp, const IrpTurn& turn)
+{
+    return irp.IoStatus.Status == turn.entry_status && irp.IoStatus.Information == turn.entry_information;
+}
+
+// A driver leaves a request that it cannot know as it came.
+void CheckUnknownUntouched(const IRP& irp, const IrpTurn& turn, const IO_STACK_LOCATION& location,
+                           const char* done, const void* caller)
+{
+    const std::optional<Rule> rule = UnknownRule(location);
+    if (rule && !IsUntouched(irp, turn))
+        VfReport(*rule, IopMinorName(location.MajorFunction, location.MinorFunction),
+                 IopDescribeDevice(turn.device) + done + IopStatusText(irp.IoStatus.Status), caller);
 }
 
 // The turn of the driver that passes the request down; it has skipped its stack location, or not.
@@ -104,46 +104,80 @@ void CheckSender(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATIO
                  minor, std::string(minor) + " holds " + IopStatusText(irp.IoStatus.Status), caller);
 }
 
-void CheckPnpCompletion(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATION& location,
-                        const void* caller)
-{
-    const NTSTATUS status = irp.IoStatus.Status;
-    const bool function_driver = location.DeviceObject->DeviceObjectExtension->attached_to != nullptr;
-    const Handling handling = HandlingOf(location.MinorFunction);
-    const std::string text = RequestOf(record) + " completed with " + IopStatusText(status) + " by " +
-                             IopDescribeDevice(location.DeviceObject);
-    if (handling == Handling::MayNotFail && !NT_SUCCESS(status)) {
-        VfReport(Rule::PnpMayNotFail, IopMinorName(IRP_MJ_PNP, location.MinorFunction), text, caller);
-        return;
+// A driver completes a request.
+struct Completion {
+    const IRP& irp;
+    const IO_STACK_LOCATION& location;
+    const void* caller;
+    IrpTurn turn{};
+    IrpTurn below{};    // of the driver below, when it was called
+    bool alone = false; // others are below, and none was called
+
+    Completion(const IrpRecord& record, const IRP& request, const void* at)
+        : irp(request), location(*request.Tail.Overlay.CurrentStackLocation), caller(at)
+    {
+        const MutexLock lock(IrpTable::Current().mutex);
+        const auto index = static_cast<std::size_t>(irp.CurrentLocation);
+        turn = record.turns[index];
+        below = record.turns[index - 1];
+        alone = HasOthersBelow() && below.call == 0;
     }
-    if (function_driver && handling != Handling::Free && NT_SUCCESS(status) &&
-        !ReachedBelow(record, irp.CurrentLocation))
-        VfReport(Rule::PnpCompleted, IopMinorName(IRP_MJ_PNP, location.MinorFunction), text, caller);
-    CheckNotTakenBack(irp, record.turns[static_cast<std::size_t>(irp.CurrentLocation)], location, caller);
+    bool HasOthersBelow() const
+    {
+        return location.DeviceObject->DeviceObjectExtension->attached_to != nullptr;
+    }
+    bool Success() const { return NT_SUCCESS(irp.IoStatus.Status); }
+    void Report(Rule rule) const
+    {
+        VfReport(rule, IopMinorName(location.MajorFunction, location.MinorFunction),
+                 IopRequestName(location.MajorFunction, location.MinorFunction) + " completed with " +
+                     IopStatusText(irp.IoStatus.Status) + " by " + IopDescribeDevice(location.DeviceObject),
+                 caller);
+    }
+};
+
+// What holds for every driver, whatever it knows of the request.
+void CheckCompletion(const Completion& it)
+{
+    const std::optional<Rule> unknown = UnknownRule(it.location);
+    const bool changed = it.below.completed && it.irp.IoStatus.Status != it.below.status;
+    if (unknown && (it.alone || changed))
+        it.Report(*unknown);
+    else
+        CheckNotTakenBack(it.irp, it.turn, it.location, it.caller);
 }
 
-void CheckPowerCompletion(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATION& location,
-                          const void* caller)
+void CheckPnpCompletion(const Completion& it)
 {
-    const NTSTATUS status = irp.IoStatus.Status;
-    const bool function_driver = location.DeviceObject->DeviceObjectExtension->attached_to != nullptr;
-    const std::string text = RequestOf(record) + " completed with " + IopStatusText(status) + " by " +
-                             IopDescribeDevice(location.DeviceObject);
-    const bool reached = ReachedBelow(record, irp.CurrentLocation);
-    if (function_driver && !reached && location.MinorFunction == IRP_MN_SET_POWER && !NT_SUCCESS(status))
-        VfReport(Rule::PowerMayNotFail, IopMinorName(IRP_MJ_POWER, location.MinorFunction), text, caller);
-    if (function_driver && !reached && NT_SUCCESS(status) && location.MinorFunction != IRP_MN_WAIT_WAKE)
-        VfReport(Rule::PowerCompleted, IopMinorName(IRP_MJ_POWER, location.MinorFunction), text, caller);
-    CheckNotTakenBack(irp, record.turns[static_cast<std::size_t>(irp.CurrentLocation)], location, caller);
+    const Handling handling = HandlingOf(it.location.MinorFunction);
+    if (handling == Handling::MayNotFail && !it.Success())
+        it.Report(Rule::PnpMayNotFail);
+    else if (it.alone && handling != Handling::Free && it.Success())
+        it.Report(Rule::PnpCompleted);
+    else if (it.alone && IsUntouched(it.irp, it.turn))
+        it.Report(Rule::PnpUntouchedCompleted);
+    else
+        CheckCompletion(it);
 }
 
-void CheckWmiCompletion(const IrpRecord& record, const IO_STACK_LOCATION& location, const void* caller)
+void CheckPowerCompletion(const Completion& it)
 {
-    const bool function_driver = location.DeviceObject->DeviceObjectExtension->attached_to != nullptr;
-    if (function_driver &&
-        location.Parameters.WMI.ProviderId != reinterpret_cast<ULONG_PTR>(location.DeviceObject))
-        VfReport(Rule::WmiWrongProvider, IopMinorName(IRP_MJ_SYSTEM_CONTROL, location.MinorFunction),
-                 RequestOf(record) + " completed by " + IopDescribeDevice(location.DeviceObject), caller);
+    const UCHAR minor = it.location.MinorFunction;
+    if (it.alone && minor == IRP_MN_SET_POWER && !it.Success())
+        it.Report(Rule::PowerMayNotFail);
+    else if (it.alone && IsUntouched(it.irp, it.turn))
+        it.Report(Rule::PowerUntouchedCompleted);
+    else if (it.alone && it.Success() && minor <= IRP_MN_QUERY_POWER && minor != IRP_MN_WAIT_WAKE)
+        it.Report(Rule::PowerCompleted);
+    else
+        CheckCompletion(it);
+}
+
+void CheckWmiCompletion(const Completion& it)
+{
+    if (it.HasOthersBelow() &&
+        it.location.Parameters.WMI.ProviderId != reinterpret_cast<ULONG_PTR>(it.location.DeviceObject))
+        it.Report(Rule::WmiWrongProvider);
 }
 
 } // namespace
@@ -220,20 +254,19 @@ void VfPnpForward(const IrpRecord& record, const IRP& irp, const void* caller)
         return;
     }
     const IrpTurn turn = PassingTurn(record, irp);
-    CheckUnknownUntouched(irp, turn, next, caller);
+    CheckUnknownUntouched(irp, turn, next, " passed it down with ", caller);
     if (pnp || power)
         CheckNotTakenBack(irp, turn, next, caller);
 }
 
 void VfPnpComplete(const IrpRecord& record, const IRP& irp, const void* caller)
 {
-    const IO_STACK_LOCATION& location = *irp.Tail.Overlay.CurrentStackLocation;
-    if (location.MajorFunction == IRP_MJ_PNP)
-        CheckPnpCompletion(record, irp, location, caller);
-    else if (location.MajorFunction == IRP_MJ_POWER)
-        CheckPowerCompletion(record, irp, location, caller);
-    else if (location.MajorFunction == IRP_MJ_SYSTEM_CONTROL)
-        CheckWmiCompletion(record, location, caller);
+    switch (irp.Tail.Overlay.CurrentStackLocation->MajorFunction) {
+    case IRP_MJ_PNP: CheckPnpCompletion({record, irp, caller}); break;
+    case IRP_MJ_POWER: CheckPowerCompletion({record, irp, caller}); break;
+    case IRP_MJ_SYSTEM_CONTROL: CheckWmiCompletion({record, irp, caller}); break;
+    default: break;
+    }
 }
 
 void VfDeviceAdded(PDEVICE_OBJECT pdo)

@@ -6,7 +6,6 @@
 #include "po/power_manager.h"
 
 namespace host {
-
 bool VfPowerStartNext(PIRP irp, const void* caller)
 {
     IrpRecordPtr record = IrpTable::Current().Find(irp);

@@ -189,20 +189,30 @@ NTSTATUS WmiManager::Deregister(PDEVICE_OBJECT device)
     return STATUS_SUCCESS;
 }
 
-// The provider of a block, or of a device, held until Leave.
-WmiManager::ProviderPtr WmiManager::Enter(const GUID* guid, PDEVICE_OBJECT device)
+// The providers of a block, of a device, or of a device's block, held until Leave.
+std::vector<WmiManager::ProviderPtr> WmiManager::EnterAll(const GUID* guid, PDEVICE_OBJECT device)
 {
+    std::vector<ProviderPtr> entered;
     const MutexLock lock(mutex_);
     for (const ProviderPtr& provider : providers_) {
         const bool has =
-            guid != nullptr && std::any_of(provider->blocks.begin(), provider->blocks.end(),
+            guid == nullptr || std::any_of(provider->blocks.begin(), provider->blocks.end(),
                                            [=](const WmiBlock& block) { return block.guid == *guid; });
-        if (has || (guid == nullptr && provider->device == device)) {
-            ++provider->requests;
-            return provider;
-        }
+        if (!has || (device != nullptr && provider->device != device))
+            continue;
+        ++provider->requests;
+        entered.push_back(provider);
     }
-    return nullptr;
+    return entered;
+}
+
+// The first of them.
+WmiManager::ProviderPtr WmiManager::Enter(const GUID* guid, PDEVICE_OBJECT device)
+{
+    const std::vector<ProviderPtr> entered = EnterAll(guid, device);
+    for (std::size_t i = 1; i < entered.size(); ++i)
+        Leave(entered[i]);
+    return entered.empty() ? nullptr : entered.front();
 }
 
 void WmiManager::Leave(const ProviderPtr& provider)
@@ -270,21 +280,25 @@ std::vector<WmiBlock> WmiManager::Blocks()
     return blocks;
 }
 
-WmiAnswer WmiManager::QueryAllData(const GUID& guid, ULONG buffer_size)
+std::vector<WmiAnswer> WmiManager::QueryAllData(const GUID& guid, ULONG buffer_size)
 {
     actor_.Run([] {});
-    WmiAnswer result;
-    const ProviderPtr provider = Enter(&guid, nullptr);
-    if (!provider) {
-        result.status = STATUS_WMI_GUID_NOT_FOUND;
-        return result;
+    std::vector<WmiAnswer> answers;
+    for (const ProviderPtr& provider : EnterAll(&guid, nullptr)) {
+        answers.push_back(AskAllData(provider, guid, buffer_size));
+        Leave(provider);
     }
+    return answers;
+}
+
+WmiAnswer WmiManager::AskAllData(const ProviderPtr& provider, const GUID& guid, ULONG buffer_size)
+{
+    WmiAnswer result{.device = provider->device};
     std::vector<std::byte> buffer(std::max<std::size_t>(buffer_size, sizeof(WNODE_TOO_SMALL)));
     GUID wanted = guid;
     PrepareHeader(buffer, guid, WNODE_FLAG_ALL_DATA);
     ULONG_PTR information = 0;
     result.status = SendTo(provider, IRP_MN_QUERY_ALL_DATA, &wanted, buffer, &information);
-    Leave(provider);
     const auto answer =
         std::span<const std::byte>(buffer).first(std::min<std::size_t>(information, buffer.size()));
     if (NT_SUCCESS(result.status) && !IsTooSmall(answer, result))
@@ -292,15 +306,17 @@ WmiAnswer WmiManager::QueryAllData(const GUID& guid, ULONG buffer_size)
     return result;
 }
 
-WmiAnswer WmiManager::QuerySingleInstance(const GUID& guid, ULONG instance, ULONG buffer_size)
+WmiAnswer WmiManager::QuerySingleInstance(const GUID& guid, ULONG instance, ULONG buffer_size,
+                                          PDEVICE_OBJECT device)
 {
     actor_.Run([] {});
     WmiAnswer result;
-    const ProviderPtr provider = Enter(&guid, nullptr);
+    const ProviderPtr provider = Enter(&guid, device);
     if (!provider) {
         result.status = STATUS_WMI_GUID_NOT_FOUND;
         return result;
     }
+    result.device = provider->device;
     std::vector<std::byte> buffer = SingleInstanceNode(guid, instance, {});
     buffer.resize(std::max<std::size_t>(buffer_size, buffer.size()));
     GUID wanted = guid;
@@ -320,10 +336,11 @@ WmiAnswer WmiManager::QuerySingleInstance(const GUID& guid, ULONG instance, ULON
     return result;
 }
 
-NTSTATUS WmiManager::SetSingleInstance(const GUID& guid, ULONG instance, std::span<const std::byte> data)
+NTSTATUS WmiManager::SetSingleInstance(const GUID& guid, ULONG instance, std::span<const std::byte> data,
+                                       PDEVICE_OBJECT device)
 {
     actor_.Run([] {});
-    const ProviderPtr provider = Enter(&guid, nullptr);
+    const ProviderPtr provider = Enter(&guid, device);
     if (!provider)
         return STATUS_WMI_GUID_NOT_FOUND;
     std::vector<std::byte> buffer = SingleInstanceNode(guid, instance, data);
@@ -334,10 +351,10 @@ NTSTATUS WmiManager::SetSingleInstance(const GUID& guid, ULONG instance, std::sp
 }
 
 NTSTATUS WmiManager::SetSingleItem(const GUID& guid, ULONG instance, ULONG item,
-                                   std::span<const std::byte> data)
+                                   std::span<const std::byte> data, PDEVICE_OBJECT device)
 {
     actor_.Run([] {});
-    const ProviderPtr provider = Enter(&guid, nullptr);
+    const ProviderPtr provider = Enter(&guid, device);
     if (!provider)
         return STATUS_WMI_GUID_NOT_FOUND;
     constexpr auto kOffset = static_cast<ULONG>(ALIGN_UP_BY(sizeof(WNODE_SINGLE_ITEM), kInstanceAlignment));

@@ -22,7 +22,9 @@ struct WmiBlock {
     PDEVICE_OBJECT device = nullptr;
 };
 
+// What one device answers.
 struct WmiAnswer {
+    PDEVICE_OBJECT device = nullptr; // null: none has the block
     NTSTATUS status = 0;
     bool too_small = false; // the buffer was; `needed` says what the whole answer takes
     ULONG needed = 0;
@@ -44,10 +46,15 @@ class WmiManager : public Component {
 
     // The client. IRQL PASSIVE_LEVEL. Each waits until registrations under way are known.
     std::vector<WmiBlock> Blocks();
-    WmiAnswer QueryAllData(const GUID& guid, ULONG buffer_size = 4096);
-    WmiAnswer QuerySingleInstance(const GUID& guid, ULONG instance, ULONG buffer_size = 4096);
-    NTSTATUS SetSingleInstance(const GUID& guid, ULONG instance, std::span<const std::byte> data);
-    NTSTATUS SetSingleItem(const GUID& guid, ULONG instance, ULONG item, std::span<const std::byte> data);
+    // One answer from each device that has the block, in the order of registration.
+    std::vector<WmiAnswer> QueryAllData(const GUID& guid, ULONG buffer_size = 4096);
+    // An instance is one device's: of `device`, or of the first that has the block.
+    WmiAnswer QuerySingleInstance(const GUID& guid, ULONG instance, ULONG buffer_size = 4096,
+                                  PDEVICE_OBJECT device = nullptr);
+    NTSTATUS SetSingleInstance(const GUID& guid, ULONG instance, std::span<const std::byte> data,
+                               PDEVICE_OBJECT device = nullptr);
+    NTSTATUS SetSingleItem(const GUID& guid, ULONG instance, ULONG item, std::span<const std::byte> data,
+                           PDEVICE_OBJECT device = nullptr);
     // Any other minor code, for a block that `device` need not have registered.
     NTSTATUS Send(PDEVICE_OBJECT device, UCHAR minor, const GUID& guid);
 
@@ -64,8 +71,10 @@ class WmiManager : public Component {
     using ProviderPtr = std::shared_ptr<Provider>;
 
     ProviderPtr FindLocked(PDEVICE_OBJECT device) HOST_REQUIRES(mutex_);
+    std::vector<ProviderPtr> EnterAll(const GUID* guid, PDEVICE_OBJECT device);
     ProviderPtr Enter(const GUID* guid, PDEVICE_OBJECT device);
     void Leave(const ProviderPtr& provider);
+    WmiAnswer AskAllData(const ProviderPtr& provider, const GUID& guid, ULONG buffer_size);
     void AskRegistration(PDEVICE_OBJECT device);
     NTSTATUS SendTo(const ProviderPtr& provider, UCHAR minor, PVOID data_path, std::span<std::byte> buffer,
                     ULONG_PTR* information);

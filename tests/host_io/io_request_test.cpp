@@ -148,6 +148,9 @@ TEST(Request, PendingTravelsUpTheStack)
         Complete(Kept(), STATUS_SUCCESS);
         EXPECT_EQ(read.Status(), STATUS_SUCCESS);
         EXPECT_EQ(visit.pending, with_routine);
+        if (!with_routine)
+            EXPECT_EQ(stack.bench.Broken(), std::vector{host::Rule::IrpNeedlessCopy})
+                << "which works all the same";
     }
 }
 
@@ -294,6 +297,23 @@ TEST(Request, TheDriverBelowCanBeMadeToMisbehave)
         if (action == host::FaultAction::Delay)
             EXPECT_GE(stack.bench.kernel.InterruptTime() - before, 5 * host::kSecond);
     }
+}
+
+TEST(RequestTable, RemembersTheLastOfThoseThatWereFreed)
+{
+    const Bench bench;
+    host::IrpTable& table = host::IrpTable::Current();
+    std::vector<IRP> requests(host::IrpTable::kFreedRemembered);
+    const auto free = [&](std::size_t index) {
+        table.Remove(table.Add(&requests[index], host::IrpOrigin::Initialized, nullptr, nullptr));
+    };
+    free(0); // and again: only the second time counts
+    for (std::size_t i = 0; i < requests.size(); ++i)
+        free(i);
+    EXPECT_TRUE(table.WasFreed(requests.data()));
+    free(1);
+    EXPECT_FALSE(table.WasFreed(requests.data())) << "the oldest";
+    EXPECT_TRUE(table.WasFreed(&requests[1]));
 }
 
 } // namespace

@@ -141,6 +141,15 @@ constexpr POWER_STATE DeviceState(DEVICE_POWER_STATE state)
     return {.DeviceState = state};
 }
 
+// The driver passes on at last what it kept, and keeps no more.
+void LetGo(UsbBench& bench)
+{
+    bench.OnRequest(IRP_MJ_POWER, nullptr);
+    PoStartNextPowerIrp(Kept());
+    IoCopyCurrentIrpStackLocationToNext(Kept());
+    PoCallDriver(bench.Lower(), Kept());
+}
+
 // A filter above says yes, and the driver `answer`s.
 Story TakesBack(UCHAR major, UCHAR minor, const Dispatch& answer)
 {
@@ -165,15 +174,32 @@ Story TakesBack(UCHAR major, UCHAR minor, const Dispatch& answer)
 
 constexpr UCHAR kUnknown = 0x7F; // a minor code
 
-Story ChangesTheUnknown(UCHAR major)
+NTSTATUS ChangeAndPassDown(PDEVICE_OBJECT device, PIRP irp)
+{
+    irp->IoStatus.Information = 1;
+    return PassDown(device, irp);
+}
+
+// Waits for the drivers below, and then gives an answer of its own.
+NTSTATUS PassDownAndChange(PDEVICE_OBJECT device, PIRP irp)
+{
+    IoCopyCurrentIrpStackLocationToNext(irp);
+    IoSetCompletionRoutine(
+        irp, [](PDEVICE_OBJECT, PIRP, PVOID) NTAPI -> NTSTATUS { return STATUS_MORE_PROCESSING_REQUIRED; },
+        nullptr, TRUE, TRUE, TRUE);
+    IoCallDriver(Below(device), irp);
+    return Complete(irp, STATUS_UNSUCCESSFUL);
+}
+
+// A request that nobody knows comes.
+Story TreatsTheUnknown(UCHAR major, const Dispatch& routine)
 {
     return [=](UsbBench& bench) {
-        OnMinor(bench, major, kUnknown, [](PDEVICE_OBJECT device, PIRP irp) {
-            irp->IoStatus.Information = 1;
-            return PassDown(device, irp);
-        });
-        host::IopSendAndWait(bench.script.device, major, kUnknown, STATUS_NOT_SUPPORTED,
-                             [](PIRP, PIO_STACK_LOCATION) {});
+        OnMinor(bench, major, kUnknown, routine);
+        if (major == IRP_MJ_POWER)
+            host::PowerManager::Current().Send(bench.Node(), kUnknown);
+        else
+            host::IopSendAndWait(bench.script.device, major, kUnknown, STATUS_NOT_SUPPORTED);
     };
 }
 
@@ -294,7 +320,16 @@ const BrokenStack kStacks[] = {
          RtlFreeUnicodeString(&name);
      }},
     {Rule::PnpUnknownTouched, "changes a Plug and Play request that it cannot know",
-     ChangesTheUnknown(IRP_MJ_PNP)},
+     TreatsTheUnknown(IRP_MJ_PNP, ChangeAndPassDown)},
+    {Rule::PnpUnknownTouched, "completes a Plug and Play request that it cannot know",
+     TreatsTheUnknown(IRP_MJ_PNP, CompleteWith(STATUS_SUCCESS))},
+    {Rule::PnpUnknownTouched, "changes what the drivers below said to a request that it cannot know",
+     TreatsTheUnknown(IRP_MJ_PNP, PassDownAndChange)},
+    {Rule::PnpUntouchedCompleted, "completes a query that it does not handle",
+     [](UsbBench& bench) {
+         OnMinor(bench, IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE, CompleteWith(STATUS_NOT_SUPPORTED));
+         PnpManager::Current().Send(bench.Node(), IRP_MN_QUERY_PNP_DEVICE_STATE);
+     }},
     {Rule::PnpInitialStatus, "sends a query that is answered already",
      [](UsbBench& bench) { SendOwn(bench, IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE, STATUS_SUCCESS, 0); }},
     // Power.
@@ -315,6 +350,12 @@ const BrokenStack kStacks[] = {
      PowersUp(CompletePowerWith(STATUS_INVALID_DEVICE_STATE))},
     {Rule::PowerFailedPassedDown, "passes a failed power request down",
      PowersUp(PassDownWith(STATUS_UNSUCCESSFUL))},
+    {Rule::PowerUntouchedCompleted, "completes a power request that it does not handle",
+     TreatsTheUnknown(IRP_MJ_POWER, CompletePowerWith(STATUS_NOT_SUPPORTED))},
+    {Rule::PowerUnknownTouched, "completes a power request that it cannot know",
+     TreatsTheUnknown(IRP_MJ_POWER, CompletePowerWith(STATUS_SUCCESS))},
+    {Rule::PowerUnknownTouched, "changes a power request that it cannot know",
+     TreatsTheUnknown(IRP_MJ_POWER, ChangeAndPassDown)},
     {Rule::PowerUpDownOrder, "does not say that it powers down",
      [](UsbBench& bench) {
          bench.RequestPower(PowerDeviceD2);
@@ -324,9 +365,19 @@ const BrokenStack kStacks[] = {
      [](UsbBench& bench) {
          OnMinor(bench, IRP_MJ_POWER, IRP_MN_QUERY_POWER, Keep);
          EXPECT_EQ(host::PowerManager::Current().QuerySystem(PowerSystemSleeping3), STATUS_IO_TIMEOUT);
-         PoStartNextPowerIrp(Kept());
-         IoCopyCurrentIrpStackLocationToNext(Kept());
-         PoCallDriver(bench.Lower(), Kept());
+         LetGo(bench);
+     }},
+    {Rule::PowerStuck, "keeps a device power request",
+     [](UsbBench& bench) {
+         OnMinor(bench, IRP_MJ_POWER, IRP_MN_SET_POWER, Keep);
+         PoRequestPowerIrp(bench.Node()->pdo, IRP_MN_SET_POWER, DeviceState(PowerDeviceD0), nullptr, nullptr,
+                           nullptr);
+         bench.kernel.RunFor(599 * host::kSecond);
+         EXPECT_EQ(bench.Broken(), std::vector<Rule>{});
+         bench.kernel.RunFor(2 * host::kSecond);
+         LetGo(bench);
+         bench.RequestPower(PowerDeviceD0); // in time
+         bench.kernel.RunFor(601 * host::kSecond);
      }},
     {Rule::RequestedPowerIrp, "asks for the request of a set-power",
      [](UsbBench& bench) {
@@ -355,7 +406,7 @@ const BrokenStack kStacks[] = {
          SendOwn(bench, IRP_MJ_SYSTEM_CONTROL, IRP_MN_QUERY_ALL_DATA, STATUS_NOT_SUPPORTED, 1);
      }},
     {Rule::WmiUnknownTouched, "changes a WMI request that it cannot know",
-     ChangesTheUnknown(IRP_MJ_SYSTEM_CONTROL)},
+     TreatsTheUnknown(IRP_MJ_SYSTEM_CONTROL, ChangeAndPassDown)},
     {Rule::WmiInitialStatus, "sends a WMI request that is answered already",
      [](UsbBench& bench) {
          SendOwn(bench, IRP_MJ_SYSTEM_CONTROL, IRP_MN_QUERY_ALL_DATA, STATUS_SUCCESS, 0);
@@ -409,6 +460,55 @@ const BrokenStack kUsers[] = {
      }},
 };
 
+// An idle request is sent, and cancelled when the callback is through.
+Story IdlesWith(USB_IDLE_CALLBACK callback, PIO_COMPLETION_ROUTINE completion)
+{
+    return [=](UsbBench& bench) {
+        USB_IDLE_CALLBACK_INFO info{callback, &bench};
+        PIRP irp = IoAllocateIrp(bench.Lower()->StackSize, FALSE);
+        PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+        next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        next->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_IDLE_NOTIFICATION;
+        next->Parameters.DeviceIoControl.InputBufferLength = sizeof info;
+        next->Parameters.DeviceIoControl.Type3InputBuffer = &info;
+        IoSetCompletionRoutine(irp, completion, &bench, TRUE, TRUE, TRUE);
+        IoCallDriver(bench.Lower(), irp);
+        bench.kernel.RunUntilIdle();
+        IoCancelIrp(irp);
+        bench.kernel.RunUntilIdle();
+        IoFreeIrp(irp);
+    };
+}
+
+VOID NTAPI GoDown(PVOID context)
+{
+    auto* bench = static_cast<UsbBench*>(context);
+    PoSetPowerState(bench->script.device, DevicePowerState, DeviceState(PowerDeviceD2));
+    bench->RequestPower(PowerDeviceD2);
+}
+
+NTSTATUS NTAPI Stay(PDEVICE_OBJECT, PIRP, PVOID)
+{
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+const BrokenStack kIdlers[] = {
+    {Rule::IdleBlocksOnPowerUp, "waits for D0 in its idle callback",
+     IdlesWith(
+         [](PVOID context) NTAPI {
+             GoDown(context);
+             static_cast<UsbBench*>(context)->RequestPower(PowerDeviceD0);
+             GoDown(context);
+         },
+         Stay)},
+    {Rule::IdleBlocksOnPowerUp, "waits for D0 when its idle request ends",
+     IdlesWith(GoDown,
+               [](PDEVICE_OBJECT, PIRP, PVOID context) NTAPI -> NTSTATUS {
+                   static_cast<UsbBench*>(context)->RequestPower(PowerDeviceD0);
+                   return STATUS_MORE_PROCESSING_REQUIRED;
+               })},
+};
+
 void Judge(const BrokenStack& stack, bool configured)
 {
     SCOPED_TRACE(std::string(NameOf(stack.rule)) + ": a driver that " + stack.name);
@@ -425,6 +525,8 @@ TEST(VerifierOfDevices, CatchesEachRuleAndNothingElse)
 {
     for (const BrokenStack& stack : kStacks)
         Judge(stack, false);
+    for (const BrokenStack& idler : kIdlers)
+        Judge(idler, false);
     for (const BrokenStack& user : kUsers)
         Judge(user, true);
 }

@@ -157,20 +157,48 @@ Dispatch WithSpinLock(const Dispatch& routine)
     };
 }
 
-// A driver of its own, which passes a read down and completes it all the same.
-NTSTATUS NTAPI PassAndComplete(PDEVICE_OBJECT device, PIRP irp)
+// A driver of its own, which passes a read down and then does more with it.
+Dispatch g_afterwards;
+
+NTSTATUS NTAPI PassAndGoOn(PDEVICE_OBJECT device, PIRP irp)
 {
-    IoSkipCurrentIrpStackLocation(irp);
-    const NTSTATUS status = IoCallDriver(Below(device), irp);
-    Complete(irp, STATUS_CANCELLED);
+    const NTSTATUS status = PassDown(device, irp);
+    g_afterwards(device, irp);
     return status;
 }
 
 NTSTATUS NTAPI FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
-    driver->MajorFunction[IRP_MJ_READ] = PassAndComplete;
+    driver->MajorFunction[IRP_MJ_READ] = PassAndGoOn;
     driver->DriverUnload = [](PDRIVER_OBJECT) NTAPI {};
     return STATUS_SUCCESS;
+}
+
+// The driver below keeps the read meanwhile.
+Story PassesAnd(const Dispatch& afterwards)
+{
+    return [=](Bench& bench) {
+        PDRIVER_OBJECT filter = nullptr;
+        EXPECT_EQ(host::IoLoadDriver("filter", FilterEntry, &filter), STATUS_SUCCESS);
+        const Upper top(bench, filter);
+        bench.OnRequest(IRP_MJ_READ, Keep);
+        g_afterwards = afterwards;
+        PIRP irp = NewRequest();
+        IoCallDriver(top.device, irp);
+        if (irp->CurrentLocation <= irp->StackCount)
+            Complete(irp, STATUS_SUCCESS);
+        IoFreeIrp(irp);
+    };
+}
+
+// Asks the device below with a status block on its own stack, and does not wait for the answer.
+NTSTATUS AskAndReturn(PDEVICE_OBJECT device, PIRP irp)
+{
+    IO_STATUS_BLOCK block{};
+    PIRP asked =
+        IoBuildDeviceIoControlRequest(0, Below(device), nullptr, 0, nullptr, 0, FALSE, nullptr, &block);
+    IoCallDriver(Below(device), asked);
+    return Succeed(device, irp);
 }
 
 const BrokenDriver kDrivers[] = {
@@ -234,14 +262,19 @@ const BrokenDriver kDrivers[] = {
     {Rule::SpinLockSafe, "completes with a spin lock held",
      [](Bench& bench) { ReadOnce(bench, WithSpinLock(Succeed)); }},
     {Rule::IrpCompletedWhilePassed, "completes what it passed down",
+     PassesAnd([](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_CANCELLED); })},
+    {Rule::CompletionRoutineRegistered, "completes what it has a completion routine for",
+     ReadsAbove([](PDEVICE_OBJECT device, PIRP irp) {
+         IoSetCompletionRoutine(irp, Continue, nullptr, TRUE, TRUE, TRUE);
+         return Succeed(device, irp);
+     })},
+    {Rule::IrpStatusOnDeadStack, "returns before its own request has reported to its stack",
      [](Bench& bench) {
-         PDRIVER_OBJECT filter = nullptr;
-         EXPECT_EQ(host::IoLoadDriver("filter", FilterEntry, &filter), STATUS_SUCCESS);
-         const Upper top(bench, filter);
-         bench.OnRequest(IRP_MJ_READ, Keep);
-         PIRP irp = NewRequest();
-         IoCallDriver(top.device, irp);
-         IoFreeIrp(irp);
+         bench.OnRequest(IRP_MJ_DEVICE_CONTROL, Keep);
+         ReadsAbove(AskAndReturn)(bench);
+         IO_STATUS_BLOCK alive{};
+         Kept()->UserIosb = &alive;
+         Complete(Kept(), STATUS_SUCCESS);
      }},
     {Rule::IrpCompletedAtHighIrql, "completes above DISPATCH_LEVEL",
      [](Bench& bench) {
@@ -283,6 +316,12 @@ const BrokenDriver kDrivers[] = {
          IoFreeIrp(irp);
          KeepFirst(bench);
      }},
+    {Rule::IrpForwardedWhilePassed, "passes down once more what it passed down", PassesAnd(PassDown)},
+    {Rule::IrpNeedlessCopy, "copies a stack location that it could skip",
+     ReadsAbove([](PDEVICE_OBJECT device, PIRP irp) {
+         IoCopyCurrentIrpStackLocationToNext(irp);
+         return IoCallDriver(Below(device), irp);
+     })},
     {Rule::IrpDeviceInvalid, "sends to a device that is gone",
      [](Bench& bench) {
          PDEVICE_OBJECT gone = MakeDevice(bench.driver, u"");

@@ -114,7 +114,7 @@ TEST_F(Wmi, BlocksAreRegisteredUnderTheDevicesName)
 TEST_F(Wmi, QueriesAnswerWholeOrSayHowMuchRoomTheyNeed)
 {
     WmiManager& wmi = WmiManager::Current();
-    const WmiAnswer all = wmi.QueryAllData(kPair);
+    const WmiAnswer all = wmi.QueryAllData(kPair).at(0);
     EXPECT_EQ(all.status, STATUS_SUCCESS);
     ASSERT_EQ(all.instances.size(), 2U);
     EXPECT_EQ(TextOf(all.instances[0]), "aaa");
@@ -129,11 +129,30 @@ TEST_F(Wmi, QueriesAnswerWholeOrSayHowMuchRoomTheyNeed)
         EXPECT_TRUE(small.too_small);
         EXPECT_TRUE(wmi.QuerySingleInstance(guid, 0, small.needed - 1).too_small);
         EXPECT_FALSE(wmi.QuerySingleInstance(guid, 0, small.needed).too_small);
-        const WmiAnswer small_all = wmi.QueryAllData(guid, 80);
+        const WmiAnswer small_all = wmi.QueryAllData(guid, 80).at(0);
         EXPECT_EQ(small_all.too_small, guid == kPair);
         if (small_all.too_small)
-            EXPECT_FALSE(wmi.QueryAllData(guid, small_all.needed).too_small);
+            EXPECT_FALSE(wmi.QueryAllData(guid, small_all.needed).at(0).too_small);
     }
+}
+
+TEST_F(Wmi, EachDeviceThatHasABlockIsAsked)
+{
+    WmiManager& wmi = WmiManager::Current();
+    PDEVICE_OBJECT first = bench.script.device;
+    UsbBench::Plug(std::make_shared<host_test::FakeDevice>(), {.instance_id = "other"});
+    PDEVICE_OBJECT second = bench.script.device;
+    ASSERT_EQ(IoWMIRegistrationControl(second, WMIREG_ACTION_REGISTER), STATUS_SUCCESS);
+    const auto answers = wmi.QueryAllData(kPair);
+    ASSERT_EQ(answers.size(), 2U);
+    EXPECT_EQ(answers[0].device, first);
+    EXPECT_EQ(answers[1].device, second);
+    EXPECT_EQ(answers[1].instances.size(), 2U);
+    EXPECT_EQ(wmi.QuerySingleInstance(kPair, 1).device, first);
+    EXPECT_EQ(wmi.QuerySingleInstance(kPair, 1, 4096, second).device, second);
+    ASSERT_EQ(IoWMIRegistrationControl(second, WMIREG_ACTION_DEREGISTER), STATUS_SUCCESS);
+    EXPECT_EQ(wmi.QueryAllData(kPair).size(), 1U);
+    bench.script.device = first;
 }
 
 TEST_F(Wmi, WhatCannotBeDoneIsRefused)
@@ -141,7 +160,7 @@ TEST_F(Wmi, WhatCannotBeDoneIsRefused)
     WmiManager& wmi = WmiManager::Current();
     PDEVICE_OBJECT device = bench.script.device;
     const auto text = host_test::Bytes("x"); // no number
-    EXPECT_EQ(wmi.QueryAllData(kNobody).status, STATUS_WMI_GUID_NOT_FOUND);
+    EXPECT_TRUE(wmi.QueryAllData(kNobody).empty());
     EXPECT_EQ(wmi.Send(device, IRP_MN_QUERY_ALL_DATA, kNobody), STATUS_WMI_GUID_NOT_FOUND);
     EXPECT_EQ(wmi.QuerySingleInstance(kPair, 2).status, STATUS_WMI_INSTANCE_NOT_FOUND);
     EXPECT_EQ(wmi.SetSingleInstance(kNumber, 0, text), STATUS_WMI_SET_FAILURE);
