@@ -77,4 +77,5 @@ SCENARIO(IsGoneWithItsModule)
     CHECK(OpenPort("COM5") == INVALID_HANDLE_VALUE);
     CHECK_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     CHECK_EQ(InterfacePaths().size(), 0);
+    CHECK_EQ(rig.Counters().wmi_registered, 0);
 }

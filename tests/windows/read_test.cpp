@@ -48,25 +48,6 @@ SCENARIO(ReadsWhatIsSent)
     CHECK(rig.Counters().flowing != 0);
 }
 
-SCENARIO(ReadsOverlapped)
-{
-    Rig rig;
-    rig.Plug();
-    Port port("COM5", FILE_FLAG_OVERLAPPED);
-    PendingRead empty(port, static_cast<DWORD>(kEmptySentence.size()));
-    CHECK_EQ(empty.Wait(), 0);
-    CHECK_EQ(empty.data(), kEmptySentence);
-    // Two at once: what comes goes to the one that was first.
-    PendingRead first(port, 10);
-    PendingRead second(port, 5);
-    CHECK(!first.Ended() && !second.Ended());
-    rig.Feed("0123456789abcde");
-    CHECK_EQ(first.Wait(), 0);
-    CHECK_EQ(second.Wait(), 0);
-    CHECK_EQ(first.data(), "0123456789");
-    CHECK_EQ(second.data(), "abcde");
-}
-
 // The whole stream is some five times what a client has room for. The first part is a recording that the module plays, the
 // rest is fed in pieces, each when all have read the one before: nothing may be lost, however slow the machine.
 constexpr std::size_t kRecorded = 2800; // bytes

@@ -6,14 +6,7 @@
 
 namespace {
 
-enum Pnp : unsigned char {
-    kStart = 0,
-    kQueryRemove = 1,
-    kCancelRemove = 3,
-    kStop = 4,
-    kQueryStop = 5,
-    kCancelStop = 6
-};
+enum Pnp : unsigned char { kQueryRemove = 1, kCancelRemove = 3, kQueryStop = 5, kCancelStop = 6 };
 enum Power : unsigned char { kSetPower = 2, kQueryPower = 3 };
 enum Wmi : unsigned char { kQueryAllData = 0, kChangeSingleInstance = 2, kRegInfo = 8 };
 constexpr unsigned kWorking = 1;   // PowerSystemWorking
@@ -112,20 +105,6 @@ SCENARIO(StaysAfterWhatIsCalledOff)
         port.Close();
         WaitUntil("the driver closes the file", [&] { return rig.Counters().open_files == 0; });
     }
-}
-
-SCENARIO(StopsAndStartsAgain)
-{
-    Rig rig;
-    rig.Plug();
-    CHECK_EQ(rig.SendPnp(kQueryStop), kSuccess);
-    CHECK_EQ(rig.SendPnp(kStop), kSuccess);
-    CHECK(OpenPort("COM5") == INVALID_HANDLE_VALUE);
-    CHECK_EQ(GetLastError(), ERROR_NO_SYSTEM_RESOURCES);
-    CHECK_EQ(rig.SendPnp(kStart), kSuccess);
-    Port port("COM5");
-    rig.Feed("on");
-    CHECK_EQ(port.ReadAll(kEmptySentence.size() + 2), kEmptySentence + "on");
 }
 
 SCENARIO(SleepsAndWakes)
