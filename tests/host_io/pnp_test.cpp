@@ -1,7 +1,6 @@
 // Plug and Play: what a stack is sent, in which order, and what becomes of it.
 #include "usb_bench.h"
 
-#include "cm/configuration_manager.h"
 #include "cm/text.h"
 #include "io/device_interfaces.h"
 #include "io/names.h"
@@ -12,7 +11,6 @@ namespace {
 
 using host::PnpManager;
 using host::PnpState;
-using host::Rule;
 using host::UsbBus;
 using host_test::Complete;
 using host_test::UsbBench;

@@ -1,10 +1,8 @@
-// The USB bus: URBs, packets, endpoints, what goes wrong, and the pulling of plugs.
+// The USB bus: packets and endpoints.
 #include "usb_bench.h"
 
 namespace {
 
-using host::FaultAction;
-using host::Rule;
 using host::UsbBus;
 using host_test::FakeDevice;
 using host_test::UsbBench;
@@ -25,30 +23,6 @@ class Usb : public testing::Test {
   protected:
     UsbBench bench;
 };
-
-struct ParseCase {
-    LONG number, alternate, interface_class, subclass, protocol;
-    int found; // bInterfaceNumber, -1: none
-};
-
-TEST(UsbTables, InterfacesAreFoundByWhatTheyAre)
-{
-    const ParseCase cases[] = {
-        {-1, 0, 10, 0, 0, 1},  {-1, 0, 2, 2, 1, 0},  {-1, -1, -1, -1, -1, 0}, {1, -1, -1, -1, -1, 1},
-        {-1, 1, 10, 0, 0, -1}, {-1, 0, 2, 2, 2, -1}, {0, 0, 10, 0, 0, -1},
-    };
-    std::vector<UCHAR> bytes = FakeDevice::ConfigurationDescriptor();
-    auto* configuration = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data());
-    for (const ParseCase& item : cases) {
-        const auto* found =
-            USBD_ParseConfigurationDescriptorEx(configuration, configuration, item.number, item.alternate,
-                                                item.interface_class, item.subclass, item.protocol);
-        EXPECT_EQ(found == nullptr ? -1 : found->bInterfaceNumber, item.found);
-    }
-    // A descriptor of no length ends the walk, whatever follows.
-    bytes[9] = 0;
-    EXPECT_EQ(USBD_ParseConfigurationDescriptorEx(configuration, configuration, -1, -1, -1, -1, -1), nullptr);
-}
 
 struct InCase {
     std::vector<std::string> packets;
@@ -115,7 +89,5 @@ TEST_F(Usb, AStallHaltsThePipeUntilItIsReset)
     EXPECT_EQ(bench.PipeRequest(URB_FUNCTION_ABORT_PIPE, bench.bulk_in).status, STATUS_SUCCESS);
     EXPECT_EQ(bench.Land(waiting).usbd, USBD_STATUS_CANCELED);
 }
-
-using FaultCase = std::tuple<FaultAction, NTSTATUS>;
 
 } // namespace

@@ -39,23 +39,5 @@ TEST(FaultPoints, APlanHitsTheCallsItNames)
     EXPECT_EQ(half, Hits({.count = UINT64_MAX, .percent = 50})); // the same seed
 }
 
-TEST(FaultPoints, PointsAreCountedApartAndFoundByName)
-{
-    FaultPoints faults(1);
-    faults.Arm(FaultPoint::BusRequest, {.nth = 2, .fault = {FaultAction::Delay, 0, kSecond}});
-    EXPECT_FALSE(faults.Hit(FaultPoint::BusRequest));
-    EXPECT_FALSE(faults.Hit(FaultPoint::RegistryCall));
-    const auto fault = faults.Hit(FaultPoint::BusRequest);
-    ASSERT_TRUE(fault);
-    EXPECT_EQ(fault->action, FaultAction::Delay);
-    EXPECT_EQ(fault->delay, kSecond);
-    EXPECT_EQ(faults.Calls(FaultPoint::BusRequest), 2u);
-    EXPECT_EQ(faults.Faults(FaultPoint::BusRequest), 1u);
-    EXPECT_EQ(faults.Calls(FaultPoint::RegistryCall), 1u);
-    EXPECT_EQ(FaultPointByName("bus.request"), FaultPoint::BusRequest);
-    EXPECT_EQ(FaultPointByName("bus"), std::nullopt);
-    EXPECT_STREQ(FaultPointName(FaultPoint::RegistryCall), "registry.call");
-}
-
 } // namespace
 } // namespace host

@@ -1,4 +1,4 @@
-// Versions, routines by name, processes, system threads, prints and event tracing.
+// Processes, system threads, prints and event tracing.
 #include "recorded.h"
 
 #include <gtest/gtest.h>
@@ -9,47 +9,6 @@
 
 namespace host {
 namespace {
-
-PVOID Routine(const WCHAR* name)
-{
-    UNICODE_STRING text;
-    RtlInitUnicodeString(&text, name);
-    return MmGetSystemRoutineAddress(&text);
-}
-
-TEST(SystemRoutines, AreFoundByNameUnlessHidden)
-{
-    Kernel kernel({.hidden_routines = {"RtlIsNtDdiVersionAvailable"}});
-    EXPECT_EQ(Routine(L"PsGetVersion"), reinterpret_cast<PVOID>(&PsGetVersion));
-    EXPECT_EQ(Routine(L"EtwWrite"), reinterpret_cast<PVOID>(&EtwWrite));
-    EXPECT_EQ(Routine(L"RtlIsNtDdiVersionAvailable"), nullptr);
-    EXPECT_EQ(Routine(L"PsGetVersio"), nullptr);
-    EXPECT_EQ(Routine(L""), nullptr);
-}
-
-TEST(SystemVersion, AnswersForTheVersionItIsToldToBe)
-{
-    const struct {
-        OsVersion os;
-        ULONG asked;
-        bool available;
-    } kTable[] = {
-        {{10, 0, 19045}, NTDDI_WIN10, true}, {{10, 0, 19045}, NTDDI_VISTA, true},
-        {{6, 0, 6002}, NTDDI_VISTA, true},   {{6, 0, 6002}, NTDDI_WIN7, false},
-        {{5, 1, 2600}, NTDDI_VISTA, false},  {{6, 1, 7601}, NTDDI_VISTA + 0x100, false}, // a service pack
-    };
-    for (const auto& [os, asked, available] : kTable) {
-        Kernel kernel({.os = os});
-        EXPECT_EQ(RtlIsNtDdiVersionAvailable(asked) != FALSE, available) << std::hex << asked;
-        ULONG major = 0;
-        ULONG minor = 0;
-        ULONG build = 0;
-        EXPECT_FALSE(PsGetVersion(&major, &minor, &build, nullptr)); // a free build
-        EXPECT_EQ(major, os.major);
-        EXPECT_EQ(minor, os.minor);
-        EXPECT_EQ(build, os.build);
-    }
-}
 
 TEST(Processes, ThreadsRunForTheirMakersProcess)
 {

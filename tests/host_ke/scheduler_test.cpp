@@ -85,20 +85,6 @@ TEST(Scheduler, ScheduleTexts)
         EXPECT_THROW(ParseSchedule(text), std::invalid_argument) << text;
 }
 
-TEST(Scheduler, TheClockStandsStillWhileAnyThreadIsReady)
-{
-    Kernel kernel;
-    int rounds = 0;
-    LONG value = 0;
-    ThreadHandle busy = kernel.Spawn("busy", [&] {
-        for (; rounds < 100; ++rounds)
-            InterlockedIncrement(&value);
-    });
-    kernel.RunFor(1);
-    EXPECT_EQ(rounds, 100);
-    EXPECT_EQ(kernel.InterruptTime(), 1);
-}
-
 TEST(Scheduler, DriftLetsATimeOutOvertakeAReadyThread)
 {
     bool overtook = false;
@@ -202,22 +188,6 @@ TEST(Scheduler, BugCheckEndsTheRunFromAnyThread)
         ASSERT_EQ(RuleNames(findings), "BugCheck");
         EXPECT_EQ(findings[0].detail, "0xE2");
     }
-}
-
-TEST(Scheduler, RunUntilIdleStopsBeforeTheNextTimeOut)
-{
-    Kernel kernel;
-    bool woke = false;
-    ThreadHandle sleeper = kernel.Spawn("sleeper", [&] {
-        kernel.RunFor(kMillisecond);
-        woke = true;
-    });
-    kernel.RunUntilIdle();
-    EXPECT_FALSE(woke);
-    EXPECT_EQ(kernel.InterruptTime(), 0);
-    EXPECT_TRUE(kernel.RunUntil([&] { return woke; }, kSecond));
-    EXPECT_FALSE(kernel.RunUntil([] { return false; }, 5 * kMillisecond));
-    EXPECT_EQ(kernel.InterruptTime(), 6 * kMillisecond);
 }
 
 using SchedulerDeathTest = ::testing::Test;
