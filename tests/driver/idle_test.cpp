@@ -180,20 +180,6 @@ TEST(Idle, RequestsThatTheHubRefuses)
     }
 }
 
-TEST(Idle, AHubWithoutSuspendIsAskedAgainAndAgain)
-{
-    RigOptions options = Suspending();
-    options.port.supports_idle = false;
-    Machine machine(options);
-    Story story(machine.rig);
-    machine.rig.RunFor(31 * kSecond);
-    const Lines lines = story.Take();
-    EXPECT_EQ(Count(lines, "idle request"), 6);
-    EXPECT_EQ(Count(lines, "idle request ends 0xc00000bb"), 6);
-    EXPECT_EQ(lines.size(), 12U);
-    ExpectStream(machine.rig.OpenStreaming());
-}
-
 TEST(Idle, AModuleThatWakesTheBusIsBroughtBackAndSuspendedAgain)
 {
     Machine machine(Suspending());

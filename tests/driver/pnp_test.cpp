@@ -522,21 +522,5 @@ TEST(Pnp, PullingTheModuleEndsWhatWaitsAndTheLastCloseRemovesTheDevice)
     EXPECT_EQ(IoGetConfigurationInformation()->SerialCount, 0xFFFFFFFF);
 }
 
-TEST(Pnp, AModuleThatIsPulledInAnyStateGoesAndTheNextOneWorks)
-{
-    for (const ULONG state : {STATE_NEVER_STARTED, STATE_STARTED, STATE_STOP_PENDING, STATE_STOPPED,
-                              STATE_REMOVE_PENDING, STATE_POWER_QUERIED}) {
-        SCOPED_TRACE(StateText(state));
-        const std::unique_ptr<Machine> machine = MachineIn(state);
-        Rig& rig = machine->rig;
-        rig.Unplug();
-        EXPECT_EQ(rig.Node(), nullptr);
-        EXPECT_FALSE(PortVisible(rig));
-        host::PnpManager::Current().SetAutomatic(true);
-        rig.Plug();
-        ExpectStream(rig.OpenStreaming());
-    }
-}
-
 } // namespace
 } // namespace navox_test

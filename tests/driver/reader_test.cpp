@@ -262,24 +262,6 @@ TEST(FanOut, BeginsForAClientWhenItOpens)
 
 // Transfers --------------------------------------------------------------------------------------------------
 
-TEST(Transfer, IsOneAtATimeAndOfTheWholeBuffer)
-{
-    Rig rig(Counting(50, 100 * kMillisecond));
-    const Port port = rig.OpenStreaming();
-    host::UsbBus::Current().ClearLog();
-    rig.RunFor(6 * kSecond);
-    const auto log = host::UsbBus::Current().Log();
-    ASSERT_EQ(log.size(), 50U);
-    for (std::size_t i = 0; i < log.size(); ++i) {
-        EXPECT_EQ(log[i].endpoint, kBulkIn);
-        EXPECT_EQ(log[i].length, 4096U);
-        EXPECT_EQ(log[i].done, i + 1 < log.size());
-        if (i > 0) {
-            EXPECT_GE(log[i].submitted, log[i - 1].completed);
-        }
-    }
-}
-
 void ExpectReadingAnew(Rig& rig, Port& port)
 {
     port.Close();
