@@ -1,8 +1,11 @@
 #include "ke/explorer.h"
 
 #include "ke/isolated_run.h"
+#include "ke/kernel_impl.h"
+#include "ke/own_step.h"
 
 #include <deque>
+#include <set>
 #include <utility>
 
 namespace host {
@@ -12,8 +15,8 @@ namespace {
 // early before those that leave it late.
 class BreadthFirstStrategy final : public Strategy {
   public:
-    BreadthFirstStrategy(unsigned max_preemptions, std::uint64_t max_runs)
-        : max_preemptions_(max_preemptions), room_(max_runs - 1)
+    BreadthFirstStrategy(unsigned max_preemptions, std::uint64_t max_runs, std::set<std::string> actors)
+        : max_preemptions_(max_preemptions), actors_(std::move(actors)), room_(max_runs - 1)
     {}
 
     void StartRun() override
@@ -29,8 +32,8 @@ class BreadthFirstStrategy final : public Strategy {
         if (depth < prefix_.size())
             next =
                 prefix_[depth]; // too large: another number of threads than last time here, which is reported
-        else if (!choice.may_continue || preemptions_ < max_preemptions_)
-            Branch(choice.ready.size());
+        else if (!choice.may_continue || MayPreempt(choice.ready[0]))
+            Branch(choice);
         preemptions_ += choice.may_continue && next > 0 ? 1 : 0;
         chosen_.push_back(static_cast<std::uint32_t>(next));
         return next;
@@ -49,9 +52,21 @@ class BreadthFirstStrategy final : public Strategy {
     bool LeftOut() const { return left_out_; }
 
   private:
-    void Branch(std::size_t count)
+    bool IsActor(ThreadId thread) const
     {
-        for (std::uint32_t other = 1; other < count; ++other) {
+        return actors_.empty() || actors_.contains(KiKernel().threads.NameOf(thread));
+    }
+
+    bool MayPreempt(ThreadId running) const
+    {
+        return preemptions_ < max_preemptions_ && !OwnStep::Within() && IsActor(running);
+    }
+
+    void Branch(const Choice& choice)
+    {
+        for (std::uint32_t other = 1; other < choice.ready.size(); ++other) {
+            if (!IsActor(choice.ready[other]))
+                continue;
             if (room_ == 0) {
                 left_out_ = true; // it could not be run any more
                 return;
@@ -63,6 +78,7 @@ class BreadthFirstStrategy final : public Strategy {
     }
 
     const unsigned max_preemptions_;
+    const std::set<std::string> actors_;
     std::uint64_t room_; // for schedules within the limit of runs
     bool left_out_ = false;
     std::deque<std::vector<std::uint32_t>> frontier_;
@@ -108,9 +124,9 @@ std::string FailedRun::Describe() const
 }
 
 Exploration ExploreSchedules(const KernelOptions& options, unsigned max_preemptions, std::uint64_t max_runs,
-                             const Scenario& scenario)
+                             const Scenario& scenario, const std::set<std::string>& actors)
 {
-    const auto strategy = std::make_shared<BreadthFirstStrategy>(max_preemptions, max_runs);
+    const auto strategy = std::make_shared<BreadthFirstStrategy>(max_preemptions, max_runs, actors);
     KernelOptions each = options;
     each.strategy = StrategyKind::Custom;
     each.custom = strategy;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,10 +31,12 @@ struct Exploration {
 };
 
 // Every schedule with at most `max_preemptions` switches away from a thread that could have gone on; switches where
-// the running thread blocks are free. Those that leave the usual schedule once come first, the earliest first of all.
-// Stops at the first failure, or after `max_runs`, which is at least 1.
+// the running thread blocks are free. A thread is pre-empted at a driver's steps, not at those of the kernel's own
+// components among themselves. Where `actors` are named, only they are pre-empted, and chosen in place of the thread
+// whose turn it is: the others take their usual turns. Schedules that leave the usual one once come first, the earliest
+// first of all. Stops at the first failure, or after `max_runs`, which is at least 1.
 Exploration ExploreSchedules(const KernelOptions& options, unsigned max_preemptions, std::uint64_t max_runs,
-                             const Scenario& scenario);
+                             const Scenario& scenario, const std::set<std::string>& actors = {});
 
 // `count` seeds from options.seed on: PCT of depth 1, 2, 3 in turn, and every fifth random. Stops at the first
 // failure.

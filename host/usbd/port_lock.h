@@ -1,6 +1,8 @@
 // Holds a port's spin lock for a block.
 #pragma once
 
+#include "ke/own_step.h"
+
 #include <wdm/io.h>
 
 namespace host {
@@ -9,9 +11,14 @@ class PortLock {
   public:
     explicit PortLock(KSPIN_LOCK& lock) _Analysis_suppress_lock_checking_ : lock_(lock)
     {
+        const OwnStep step;
         irql_ = KeAcquireSpinLockRaiseToDpc(&lock_);
     }
-    ~PortLock() _Analysis_suppress_lock_checking_ { KeReleaseSpinLock(&lock_, irql_); }
+    ~PortLock() _Analysis_suppress_lock_checking_
+    {
+        const OwnStep step;
+        KeReleaseSpinLock(&lock_, irql_);
+    }
     PortLock(const PortLock&) = delete;
     PortLock& operator=(const PortLock&) = delete;
 

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <set>
 #include <string>
 
 namespace navox_test {
@@ -36,14 +37,22 @@ inline void ExpectNoFailure(const host::Exploration& exploration)
 
 // The scenario in every order with at most two pre-emptions, NAVOX_SCHEDULES orders at most. NAVOX_SCHEDULE names one of
 // them: it alone is played, on this thread, and stops where the verifier finds something.
-inline void ExpectGoodInEveryOrder(std::uint64_t usual, const host::Scenario& scenario)
+// NAVOX_PREEMPTIONS may be fewer. Where it is known how many `orders` of the `actors` there are, as many must be all.
+inline void ExpectGoodInEveryOrder(std::uint64_t usual, const host::Scenario& scenario,
+                                   const std::set<std::string>& actors = {},
+                                   std::uint64_t orders = UINT64_MAX)
 {
     if (const char* schedule = std::getenv("NAVOX_SCHEDULE")) {
         EXPECT_TRUE(scenario({.strategy = host::StrategyKind::Replay, .schedule = schedule}));
         return;
     }
     const host::KernelOptions options = {.replay_command = ReplayCommand("NAVOX_SCHEDULE='{schedule}'")};
-    ExpectNoFailure(host::ExploreSchedules(options, 2, Setting("NAVOX_SCHEDULES", usual), scenario));
+    const std::uint64_t most = Setting("NAVOX_SCHEDULES", usual);
+    const auto preemptions = static_cast<unsigned>(Setting("NAVOX_PREEMPTIONS", 2));
+    const host::Exploration exploration =
+        host::ExploreSchedules(options, preemptions, most, scenario, actors);
+    ExpectNoFailure(exploration);
+    EXPECT_TRUE(exploration.exhausted || most < orders) << "there are more orders";
 }
 
 // The scenario in NAVOX_SEEDS orders by chance, from the seed NAVOX_FIRST_SEED on. Returns how many.
