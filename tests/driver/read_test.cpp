@@ -1,14 +1,11 @@
 // Reads under the serial time-outs, their queue, their cancellation, and the ring behind them.
 #include "rig.h"
 
-#include <algorithm>
-
 namespace navox_test {
 namespace {
 
 using host::nt::Request;
 using host::nt::Result;
-using Strings = std::vector<std::string>;
 
 // What the module sends, in milliseconds after its output was switched on.
 struct Burst {

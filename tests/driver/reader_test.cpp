@@ -6,7 +6,6 @@
 namespace navox_test {
 namespace {
 
-using host::FaultAction;
 using host::FaultPoint;
 using host::nt::Request;
 using module::AnswerFault;
