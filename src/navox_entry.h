@@ -1,4 +1,9 @@
 // Load, arrival of a device, unload: what the driver is made of.
+//
+//     not loaded --DriverEntry--> loaded --AddDevice--> a device --REMOVE_DEVICE--> gone (navox_pnp)
+//         ^                       |    ^                   |
+//         '-----DriverUnload------'    '--a step fails-----'
+//                                         all undone, in reverse order
 #pragma once
 
 #include "navox.h"

@@ -1,4 +1,8 @@
 // The private GPS controls. They pass no gate and are not counted: they work in every Plug and Play state.
+//
+//     request --code not served--> back to navox_ioctl, untouched
+//        '--served--> completed at once --count, mode, reset--> STATUS_SUCCESS is returned, whatever it was
+//                                       '--port, versions, date--> its own status is returned
 #pragma once
 
 #include "navox.h"

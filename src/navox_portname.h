@@ -1,4 +1,8 @@
 // The port's names: PortName of the hardware key, the \DosDevices link, the SERIALCOMM value.
+//
+//     unnamed --CreatePortName--> link --> SERIALCOMM value: named --RemovePortName--> unnamed
+//        ^                          |            |                   (the link that PortName names now)
+//        '----each step undone------'------------'
 #pragma once
 
 #include "navox.h"

@@ -1,6 +1,15 @@
 // The USB bus beneath the driver: configuration, pipes, and the one way in which a URB is sent and waited
 // for. Everything but the two builders blocks, and returns what the bus answered, or STATUS_INSUFFICIENT_RESOURCES when
 // memory is short, or STATUS_DELETE_PENDING once the device was removed.
+//
+//     unconfigured --descriptors read, interfaces selected--> configured: three pipes --removal--> refuses
+//           ^  |                                                 |
+//           |  '--refused, or not the module's: start fails      '--start after a stop: once more
+//           '--arrival
+//
+//     a URB: sent --answered----------------------------> status of the bus
+//              |---SubmitUrb, late----> cancelled, waits -> STATUS_IO_TIMEOUT
+//              '---SubmitUrbOrAbort, late -> bulk-in aborted, waits -> status of the bus
 #pragma once
 
 #include "navox.h"

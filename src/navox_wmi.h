@@ -1,4 +1,10 @@
 // The standard serial-port WMI blocks: name, settings, properties, counters. Read-only; no events.
+//
+//     unregistered --first start--> registered --removal--> deregistered, for good
+//          |                            |
+//          '--refused: the start fails  |--query--> the block, or STATUS_WMI_GUID_NOT_FOUND
+//                                       |--set----> STATUS_INVALID_DEVICE_REQUEST, or the same
+//                                       '--not for this provider--> passed down
 #pragma once
 
 #include "navox.h"
