@@ -171,7 +171,7 @@ NTSTATUS NTAPI CreateDispatch(PDEVICE_OBJECT device, PIRP irp)
         return CompleteRequest(irp, STATUS_INSUFFICIENT_RESOURCES);
 
     if (extension->IdleMonitorActive)
-        WakeFromIdle(extension);
+        CancelIdleRequest(extension);
 
     CLIENT* client = nullptr;
     NTSTATUS status = CreateClient(&client, extension);

@@ -54,7 +54,7 @@ NAVOX_PAGED NTSTATUS QuiesceAndPassDown(DEVICE_EXTENSION* extension, PIRP irp, U
     PAGED_CODE();
     // In the new state the power-up of a device that was on its way into suspend would be failed.
     if (extension->IdleMonitorActive)
-        WakeFromIdle(extension);
+        WaitUntilAwake(extension);
     SetPnpState(extension, state);
     DecrementIoCount(extension);
     KeRemoveQueueDpc(&extension->ReaderDpc);

@@ -268,9 +268,8 @@ void CancelIdleRequest(DEVICE_EXTENSION* extension)
         TakeBackIdleRequest(extension);
 }
 
-void WakeFromIdle(DEVICE_EXTENSION* extension)
+void WaitUntilAwake(DEVICE_EXTENSION* extension)
 {
-    CancelIdleRequest(extension);
     // The completion asks for D0 before it lets go of the request.
     KeWaitForSingleObject(&extension->IdleRequestDoneEvent, Executive, KernelMode, FALSE, nullptr);
     KeWaitForSingleObject(&extension->IdleAwakeEvent, Executive, KernelMode, FALSE, nullptr);

@@ -26,9 +26,9 @@ _IRQL_requires_(PASSIVE_LEVEL) void StopIdleMonitor(DEVICE_EXTENSION* extension)
 // Takes the idle request back, unless the device is as idle as before.
 _IRQL_requires_max_(DISPATCH_LEVEL) void CancelIdleRequest(DEVICE_EXTENSION* extension);
 
-// The same, and waits until a device that was suspended, or on its way there, is back in D0 (or cannot come).
-// The caller is counted as pending I/O, so that no further request is sent meanwhile.
-_IRQL_requires_(PASSIVE_LEVEL) void WakeFromIdle(DEVICE_EXTENSION* extension);
+// After CancelIdleRequest: waits until a device that was suspended, or on its way there, is back in D0 (or cannot
+// come). The caller is counted as pending I/O, so that no further request is sent meanwhile.
+_IRQL_requires_(PASSIVE_LEVEL) void WaitUntilAwake(DEVICE_EXTENSION* extension);
 
 // Asks the hub to suspend the module: STATUS_PENDING. STATUS_POWER_STATE_INVALID, STATUS_DEVICE_NOT_CONNECTED: it is not
 // in D0, not started. STATUS_DEVICE_BUSY: an earlier request is not through. STATUS_UNSUCCESSFUL: it is in use.
