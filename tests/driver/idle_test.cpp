@@ -158,25 +158,46 @@ TEST(Idle, ASubmissionForASleepingDevice)
 
 // How it ends -----------------------------------------------------------------------------------------------------
 
+const Lines kPowersUp = {"down IRP_MN_SET_POWER D0", "reports D0"};
+constexpr NTSTATUS kEnds[] = {
+    STATUS_NOT_SUPPORTED, STATUS_POWER_STATE_INVALID, STATUS_DEVICE_BUSY, STATUS_INVALID_DEVICE_REQUEST,
+    STATUS_UNSUCCESSFUL,  STATUS_CANCELLED,           STATUS_SUCCESS,     STATUS_DEVICE_NOT_CONNECTED};
+
 // The device is in D0 when these come. Only a cancellation brings a power request, and the next check comes in any
 // case.
 TEST(Idle, RequestsThatTheHubRefuses)
 {
-    for (const NTSTATUS status :
-         {STATUS_NOT_SUPPORTED, STATUS_POWER_STATE_INVALID, STATUS_DEVICE_BUSY, STATUS_INVALID_DEVICE_REQUEST,
-          STATUS_UNSUCCESSFUL, STATUS_CANCELLED, STATUS_DEVICE_NOT_CONNECTED, STATUS_SUCCESS}) {
+    for (const NTSTATUS status : kEnds) {
         SCOPED_TRACE(host::IopStatusText(status));
         Machine machine(Suspending());
         Rig& rig = machine.rig;
         Story story(rig);
         machine.filter.AnswerIdle(status);
         rig.RunFor(6 * kSecond);
-        EXPECT_EQ(story.Take(),
-                  status == STATUS_CANCELLED ? (Lines{"down IRP_MN_SET_POWER D0", "reports D0"}) : Lines{});
+        EXPECT_EQ(story.Take(), status == STATUS_CANCELLED ? kPowersUp : Lines{});
         EXPECT_EQ(PendingIn(rig), 0U);
         machine.filter.Release();
         rig.RunFor(5 * kSecond);
         EXPECT_EQ(story.Take(), kSuspends);
+    }
+}
+
+// Here it sleeps when they come. Two answers say that the hub has nothing to do with it.
+TEST(Idle, RequestsThatEndWhileTheDeviceSleeps)
+{
+    for (const NTSTATUS status : kEnds) {
+        SCOPED_TRACE(host::IopStatusText(status));
+        Machine machine(Suspending());
+        Rig& rig = machine.rig;
+        machine.filter.AnswerIdle(STATUS_PENDING);
+        rig.RunFor(6 * kSecond);
+        EXPECT_EQ(SendDevicePower(rig, IRP_MN_SET_POWER, PowerDeviceD2), STATUS_SUCCESS);
+        Story story(rig);
+        machine.filter.EndHeld(status);
+        rig.RunFor(kSecond);
+        const bool stays = status == STATUS_NOT_SUPPORTED || status == STATUS_POWER_STATE_INVALID;
+        EXPECT_EQ(story.Take(), stays ? Lines{} : kPowersUp);
+        EXPECT_EQ(PendingIn(rig), 0U);
     }
 }
 
@@ -223,6 +244,33 @@ TEST(Idle, AnOpenTakesBackARequestThatTheHubHasNotAnswered)
     lines.resize(kWakes.size());
     EXPECT_EQ(lines, kWakes); // D0 is asked for although the device is there
     EXPECT_FALSE(machine->rig.usb_port->IdleRequested());
+}
+
+// So does whatever the system asks but a start, before it goes down.
+TEST(Idle, RequestsOfTheSystemBringTheDeviceBack)
+{
+    const auto pnp = [](UCHAR minor) { return [minor](Rig& rig) { (void)SendPnp(rig, minor); }; };
+    struct {
+        std::function<void(Rig&)> send;
+        Lines before, down;
+    } const rows[] = {
+        {pnp(IRP_MN_QUERY_CAPABILITIES), kWakes, {"down IRP_MN_QUERY_CAPABILITIES"}},
+        {pnp(IRP_MN_QUERY_PNP_DEVICE_STATE), kWakes, {"down IRP_MN_QUERY_PNP_DEVICE_STATE"}},
+        {pnp(0xFF), kWakes, {"down unknown"}},
+        {pnp(IRP_MN_START_DEVICE), {}, {"down IRP_MN_START_DEVICE"}},
+        {[](Rig& rig) { (void)SendSystemPower(rig, IRP_MN_QUERY_POWER, PowerSystemSleeping3); },
+         kWakes,
+         {"down IRP_MN_QUERY_POWER S3", "down IRP_MN_QUERY_POWER D2"}},
+    };
+    for (const auto make : {Suspended, Asked}) {
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.down.front() + (make == Asked ? ", asked" : ", suspended"));
+            const std::unique_ptr<Machine> machine = make();
+            Story story(machine->rig);
+            row.send(machine->rig);
+            EXPECT_EQ(story.Take(), row.before + row.down);
+        }
+    }
 }
 
 // The device is still going down when the application comes.

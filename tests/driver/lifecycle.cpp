@@ -155,12 +155,14 @@ class PowerRequest::Waiter : public host::IopRequest {
     bool Completed(PIRP irp) override
     {
         status = irp->IoStatus.Status;
+        information = irp->IoStatus.Information;
         KeSetEvent(&done, EVENT_INCREMENT, FALSE);
         return true;
     }
 
     KEVENT done;
     NTSTATUS status = STATUS_PENDING;
+    ULONG_PTR information = 0;
 };
 
 PowerRequest::PowerRequest(Rig& rig, UCHAR minor, POWER_STATE_TYPE type, ULONG state)
@@ -169,6 +171,7 @@ PowerRequest::PowerRequest(Rig& rig, UCHAR minor, POWER_STATE_TYPE type, ULONG s
     const PDEVICE_OBJECT top = host::IopTopOf(rig.Node()->pdo);
     const PIRP irp = host::IopAllocateIrp(top->StackSize, host::IrpOrigin::System, waiter_, nullptr);
     irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    irp->IoStatus.Information = 1; // what the driver fails has none
     const PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(irp);
     location->MajorFunction = IRP_MJ_POWER;
     location->MinorFunction = minor;
@@ -191,6 +194,26 @@ NTSTATUS PowerRequest::Wait() const
     if (KeWaitForSingleObject(&waiter_->done, Executive, KernelMode, FALSE, &limit) == STATUS_TIMEOUT)
         return STATUS_PENDING;
     return waiter_->status;
+}
+
+ULONG_PTR PowerRequest::Information() const
+{
+    return waiter_->information;
+}
+
+void ExpectEveryPowerRequestFails(Rig& rig, const std::vector<POWER_STATE_TYPE>& types)
+{
+    Story story(rig);
+    for (const POWER_STATE_TYPE type : types) {
+        for (const UCHAR minor :
+             {IRP_MN_WAIT_WAKE, IRP_MN_POWER_SEQUENCE, IRP_MN_SET_POWER, IRP_MN_QUERY_POWER, 4, 0xFF}) {
+            SCOPED_TRACE("minor " + std::to_string(minor) + ", type " + std::to_string(type));
+            const PowerRequest request(rig, minor, type, 3);
+            EXPECT_EQ(request.Wait(), STATUS_INVALID_DEVICE_STATE);
+            EXPECT_EQ(request.Information(), 0U);
+        }
+    }
+    EXPECT_EQ(story.Take(), Lines{});
 }
 
 } // namespace navox_test

@@ -72,11 +72,17 @@ class PowerRequest {
     bool Done() const;
     // STATUS_PENDING when it is not complete after ten seconds.
     NTSTATUS Wait() const;
+    ULONG_PTR Information() const; // once it is complete
 
   private:
     class Waiter;
     std::shared_ptr<Waiter> waiter_;
 };
+
+// Of whatever minor code; none reaches the bus.
+constexpr auto kUnknownPowerType = static_cast<POWER_STATE_TYPE>(2);
+void ExpectEveryPowerRequestFails(Rig& rig, const std::vector<POWER_STATE_TYPE>& types = {
+                                                SystemPowerState, DevicePowerState, kUnknownPowerType});
 
 inline NTSTATUS SendDevicePower(Rig& rig, UCHAR minor, DEVICE_POWER_STATE state)
 {

@@ -5,6 +5,8 @@
 
 #include <usbioctl.h>
 
+#include <utility>
+
 namespace navox_test {
 namespace {
 
@@ -74,16 +76,25 @@ void LowerFilter::Fail(const std::string& name, NTSTATUS status)
     plans_[name] = status;
 }
 
+std::vector<LowerFilter::HeldRequest> LowerFilter::TakeHeld()
+{
+    const std::lock_guard guard(lock_);
+    plans_.clear();
+    return std::exchange(held_, {});
+}
+
 void LowerFilter::Release()
 {
-    std::vector<HeldRequest> held;
-    {
-        const std::lock_guard guard(lock_);
-        plans_.clear();
-        held.swap(held_);
-    }
-    for (const HeldRequest& request : held)
+    for (const HeldRequest& request : TakeHeld())
         PassOn(request.device, request.irp);
+}
+
+void LowerFilter::EndHeld(NTSTATUS status)
+{
+    for (const HeldRequest& request : TakeHeld()) {
+        request.irp->IoStatus.Status = status;
+        IoCompleteRequest(request.irp, IO_NO_INCREMENT);
+    }
 }
 
 NTSTATUS LowerFilter::PassOn(PDEVICE_OBJECT device, PIRP irp) const

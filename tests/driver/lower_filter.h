@@ -28,12 +28,14 @@ class LowerFilter {
     void Fail(const std::string& name, NTSTATUS status);
     // Requests of this name stay here until Release.
     void Hold(const std::string& name) { Fail(name, STATUS_PENDING); }
-    // Idle requests end with `status` here, until Release.
+    // Idle requests end with `status` here, until Release; STATUS_PENDING: they are held.
     void AnswerIdle(NTSTATUS status) { Fail(kIdleRequest, status); }
     // Whether the filter outlives an IRP_MN_REMOVE_DEVICE that the driver above only passes on.
     void SetStays(bool stays) { stays_ = stays; }
     // What was held goes on to the bus, and everything passes from now on.
     void Release();
+    // The same, but what was held ends here.
+    void EndHeld(NTSTATUS status);
     std::size_t Held() const;
 
     // Sees every URB on its way down; a status completes it here, in the bus's place. To be set before the first.
@@ -50,6 +52,7 @@ class LowerFilter {
         PIRP irp;
     };
 
+    std::vector<HeldRequest> TakeHeld();
     std::optional<NTSTATUS> PlanFor(const std::string& name, PDEVICE_OBJECT device, PIRP irp);
     NTSTATUS PassOn(PDEVICE_OBJECT device, PIRP irp) const;
     NTSTATUS DispatchUrb(PDEVICE_OBJECT device, PIRP irp) const;

@@ -138,24 +138,28 @@ TEST(Pnp, RequestsThatGoStraightDown)
 }
 
 // STATE_REMOVED lasts as long as the removal waits for a request that is still inside: here a power request that
-// the bus keeps.
+// the bus keeps. Others of its type wait behind it.
 TEST(Pnp, EverythingGoesStraightDownWhileARemovalWaits)
 {
-    Machine machine;
-    Rig& rig = machine.rig;
-    machine.filter.Hold("IRP_MN_SET_POWER D0");
-    const PowerRequest power(rig, IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-    const host::PnpNodePtr node = rig.Node();
-    host::ThreadHandle removal = rig.kernel.Spawn(
-        "removal", [&] { EXPECT_EQ(host::PnpManager::Current().Remove(node), STATUS_SUCCESS); });
-    EXPECT_FALSE(rig.kernel.RunUntil([&] { return removal.Done(); }, kSecond));
-    SendAllThatGoStraightDown(machine, STATE_REMOVED);
-    for (const UCHAR minor : {IRP_MN_QUERY_POWER, IRP_MN_SET_POWER, IRP_MN_WAIT_WAKE})
-        EXPECT_EQ(SendSystemPower(rig, minor, PowerSystemSleeping3), STATUS_INVALID_DEVICE_STATE);
-    machine.filter.Release();
-    removal.Join();
-    EXPECT_EQ(node->pdo->AttachedDevice, nullptr);
-    EXPECT_EQ(power.Wait(), STATUS_SUCCESS);
+    const std::pair<POWER_STATE_TYPE, std::vector<POWER_STATE_TYPE>> rows[] = {
+        {SystemPowerState, {DevicePowerState}}, {DevicePowerState, {SystemPowerState, kUnknownPowerType}}};
+    for (const auto& [type, others] : rows) {
+        SCOPED_TRACE(type);
+        Machine machine;
+        Rig& rig = machine.rig;
+        machine.filter.Hold(type == SystemPowerState ? "IRP_MN_SET_POWER S0" : "IRP_MN_SET_POWER D0");
+        const PowerRequest power(rig, IRP_MN_SET_POWER, type, 1);
+        const host::PnpNodePtr node = rig.Node();
+        host::ThreadHandle removal = rig.kernel.Spawn(
+            "removal", [&] { EXPECT_EQ(host::PnpManager::Current().Remove(node), STATUS_SUCCESS); });
+        EXPECT_FALSE(rig.kernel.RunUntil([&] { return removal.Done(); }, kSecond));
+        SendAllThatGoStraightDown(machine, STATE_REMOVED);
+        ExpectEveryPowerRequestFails(rig, others);
+        machine.filter.Release();
+        removal.Join();
+        EXPECT_EQ(node->pdo->AttachedDevice, nullptr);
+        (void)power.Wait();
+    }
 }
 
 // A start that fails ------------------------------------------------------------------------------------------
@@ -397,22 +401,24 @@ TEST(Pnp, AQueryWaitsForWhatIsInside)
                       {"a read whose handle is closed", read, [](Port& port) { port.Close(); }},
                       {"a wait that is cancelled", wait, cancel},
                       {"a read that times out", timed_read, nullptr}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        Machine machine;
-        Rig& rig = machine.rig;
-        Port port = rig.OpenStreaming();
-        const host::nt::Request held = row.hold(port);
-        host::ThreadHandle query = rig.kernel.Spawn(
-            "query", [&] { EXPECT_EQ(SendPnp(rig, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS); });
-        rig.RunFor(600 * kSecond);
-        EXPECT_FALSE(query.Done());
-        EXPECT_EQ(held.Status(), STATUS_PENDING);
-        EXPECT_EQ(StateText(StateOf(rig)), "STATE_STOP_PENDING");
-        if (row.end)
-            row.end(port);
-        query.Join();
-        EXPECT_EQ(held.Wait().status, row.end ? STATUS_CANCELLED : STATUS_TIMEOUT);
+    for (const Query& query : kQueries) {
+        for (const auto& row : rows) {
+            SCOPED_TRACE(StateText(query.pending) + ", " + row.what);
+            Machine machine;
+            Rig& rig = machine.rig;
+            Port port = rig.OpenStreaming();
+            const host::nt::Request held = row.hold(port);
+            host::ThreadHandle asking =
+                rig.kernel.Spawn("query", [&] { EXPECT_EQ(SendPnp(rig, query.query), STATUS_SUCCESS); });
+            rig.RunFor(600 * kSecond);
+            EXPECT_FALSE(asking.Done());
+            EXPECT_EQ(held.Status(), STATUS_PENDING);
+            EXPECT_EQ(StateText(StateOf(rig)), StateText(query.pending));
+            if (row.end)
+                row.end(port);
+            asking.Join();
+            EXPECT_EQ(held.Wait().status, row.end ? STATUS_CANCELLED : STATUS_TIMEOUT);
+        }
     }
 }
 
