@@ -4,7 +4,7 @@
 Makes a Wine prefix of its own in the work folder, installs there, and runs every scenario (or those that are named).
 After that each broken driver of the cross build has its turn: the rig must find what is wrong with it. Ends all that it
 started, also when a signal ends it. Exit status 0 when all is as it should be, 77 when there is no Wine, no package or
-no cross build.
+no cross build; with NAVOX_RIG_REQUIRED set, that is a failure.
 """
 
 import argparse
@@ -77,7 +77,7 @@ class Prefix:
             self.end()  # what a run that was killed has left
         shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.mkdir(parents=True)
-        status, output = self.wine("wineboot", "-i", limit=60)
+        status, output = self.wine("wineboot", "-i", limit=120)
         if status != 0:
             raise RuntimeError(f"wineboot: {status}\n{output}")
 
@@ -127,7 +127,7 @@ def main():
     for needed in (WINE, SERVER, options.package / "navox.sys", options.built / "navox_bus.sys", options.built / "rig_test.exe"):
         if not needed.exists():
             print(f"{needed} is not there")
-            return SKIPPED
+            return 1 if os.environ.get("NAVOX_RIG_REQUIRED") else SKIPPED
     options.work.mkdir(parents=True, exist_ok=True)
     lock = os.open(options.work, os.O_RDONLY)
     try:
@@ -149,6 +149,9 @@ def main():
             print(f"rig_test.exe: {status}")
         if not options.scenarios:
             good = check_broken(prefix, options.built) and good
+    except RuntimeError as error:
+        print(error)
+        good = False
     finally:
         prefix.end()
         if not options.keep:
