@@ -3,10 +3,19 @@
 
 #include <cstring>
 #include <iterator>
+#include <utility>
+#include <vector>
 
 namespace {
 
-enum Pnp : unsigned char { kQueryRemove = 1, kCancelRemove = 3, kQueryStop = 5, kCancelStop = 6 };
+enum Pnp : unsigned char {
+    kStart = 0,
+    kQueryRemove = 1,
+    kCancelRemove = 3,
+    kStop = 4,
+    kQueryStop = 5,
+    kCancelStop = 6
+};
 enum Power : unsigned char { kSetPower = 2, kQueryPower = 3 };
 enum Wmi : unsigned char { kQueryAllData = 0, kChangeSingleInstance = 2, kRegInfo = 8 };
 constexpr unsigned kWorking = 1;   // PowerSystemWorking
@@ -89,16 +98,18 @@ std::string DataOf(Rig& rig, const GUID& guid)
 
 } // namespace
 
-SCENARIO(StaysAfterWhatIsCalledOff)
+SCENARIO(WorksAfterWhatIsCalledOffAndAfterARestart)
 {
-    constexpr Pnp kinds[][2] = {{kQueryRemove, kCancelRemove}, {kQueryStop, kCancelStop}};
+    const std::pair<Pnp, std::vector<Pnp>> kinds[] = {
+        {kQueryRemove, {kCancelRemove}}, {kQueryStop, {kCancelStop}}, {kQueryStop, {kStop, kStart}}};
     Rig rig;
     rig.Plug();
-    for (const auto& [query, cancel] : kinds) {
+    for (const auto& [query, rest] : kinds) {
         CHECK_EQ(rig.SendPnp(query), kSuccess);
         CHECK(OpenPort("COM5") == INVALID_HANDLE_VALUE);
         CHECK_EQ(GetLastError(), ERROR_NO_SYSTEM_RESOURCES);
-        CHECK_EQ(rig.SendPnp(cancel), kSuccess);
+        for (const Pnp minor : rest)
+            CHECK_EQ(rig.SendPnp(minor), kSuccess);
         Port port("COM5");
         rig.Feed("on");
         CHECK_EQ(port.ReadAll(kEmptySentence.size() + 2), kEmptySentence + "on");
