@@ -68,14 +68,24 @@ SCENARIO(SetsTheLineForTheFirstAndTheLast)
     check_line(0, 10, 0, 3);
 }
 
-SCENARIO(IsGoneWithItsModule)
+SCENARIO(GoesAndComesWithItsModule)
 {
     Rig rig;
     rig.Plug();
+    Port port("COM5", FILE_FLAG_OVERLAPPED);
+    PendingRead sentence(port, static_cast<DWORD>(kEmptySentence.size()));
+    CHECK_EQ(sentence.Wait(), 0);
+    PendingRead pending(port, 10);
     rig.Unplug();
+    CHECK_EQ(pending.Wait(), ERROR_OPERATION_ABORTED);
+    port.Close();
     rig.WaitGone();
     CHECK(OpenPort("COM5") == INVALID_HANDLE_VALUE);
     CHECK_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     CHECK_EQ(InterfacePaths().size(), 0);
     CHECK_EQ(rig.Counters().wmi_registered, 0);
+    rig.Plug();
+    Port back("COM5");
+    rig.Feed("back");
+    CHECK_EQ(back.ReadAll(kEmptySentence.size() + 4), kEmptySentence + "back");
 }
