@@ -57,6 +57,16 @@ def journey():
     return str(folder / "journey.log"), sentences
 
 
+def recordings():
+    """Those of real receivers: each path, and what is replayed of it."""
+    paths = sorted(pathlib.Path(os.environ.get("NAVOX_NMEA_DATA") or "no-recordings").glob("*.log"))
+    if not paths:
+        raise unittest.SkipTest("NAVOX_NMEA_DATA names no folder of recordings")
+    for path in paths:
+        lines = path.read_bytes().splitlines(keepends=True)
+        yield str(path), b"".join(line for line in lines if not line.startswith(b"#"))
+
+
 def made_up_journey(seconds=300):
     """North along a meridian, by 0.001 minutes a second; no two bursts are alike."""
     lines = []

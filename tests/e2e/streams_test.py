@@ -79,6 +79,21 @@ class Streams(unittest.TestCase):
         self.assertTrue(any(f"{written} written and discarded" in line for line in host.child.lines),
                         host.child.lines)
 
+    def test_recordings_of_receivers(self):
+        if serial is None:
+            raise unittest.SkipTest("python3-serial is not installed")
+        for path, sentences in navox.recordings():
+            with self.subTest(path), navox.Host("--quiet", "--replay", path, "--rate", "8") as host:
+                connection = host.connect()
+                program = SerialReader(host.pty(1), len(sentences))
+                program.start()
+                data = navox.receive(connection, len(navox.EMPTY_FIX) + len(sentences))
+                self.assertEqual(self.check_stream(data, sentences), 0)
+                program.join(navox.PATIENCE)
+                self.assertIsNone(program.error)
+                self.check_stream(program.data, sentences)
+                connection.close()
+
     def test_a_terminal_serves_one_program_after_the_other(self):
         path, sentences = navox.journey()
         with navox.Host("--quiet", "--replay", path, "--rate", "20") as host:
