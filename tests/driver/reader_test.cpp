@@ -294,6 +294,20 @@ TEST(Transfer, ThatFailsOrCannotBeMadeEndsReadingUntilTheNextFirstOpen)
     }
 }
 
+TEST(Transfer, ThatTheModuleSpoilsEndsReadingUntilTheNextFirstOpen)
+{
+    for (const auto kind : {PacketFault::Kind::Stall, PacketFault::Kind::Babble}) {
+        RigOptions options = Counting(100, 200 * kMillisecond);
+        options.module.faults.packets = {
+            {.kind = kind, .pipe = Pipe::BulkIn, .nth = 6}}; // echo, OK, four lines
+        Rig rig(options);
+        Port port = rig.OpenStreaming();
+        port.SetTimeouts(0, 0, 2'000);
+        EXPECT_EQ(port.Read(1000).Text(), std::string(kEmptyFix) + Lines(0, 3));
+        ExpectReadingAnew(rig, port);
+    }
+}
+
 TEST(Transfer, OfNothingDeliversNothingAndTheNextFollows)
 {
     Conversation conversation({{kOk}});
