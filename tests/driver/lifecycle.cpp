@@ -2,6 +2,7 @@
 
 #include "io/device.h"
 #include "io/irp.h"
+#include "navox_trace.h"
 #include "po/power_manager.h"
 #include "usbd/usb_port.h"
 
@@ -91,17 +92,8 @@ ULONG PendingIn(Rig& rig)
 
 std::string StateText(ULONG state)
 {
-    switch (state) {
-    case STATE_REMOVED: return "STATE_REMOVED";
-    case STATE_SURPRISE_REMOVED: return "STATE_SURPRISE_REMOVED";
-    case STATE_NEVER_STARTED: return "STATE_NEVER_STARTED";
-    case STATE_STARTED: return "STATE_STARTED";
-    case STATE_STOP_PENDING: return "STATE_STOP_PENDING";
-    case STATE_REMOVE_PENDING: return "STATE_REMOVE_PENDING";
-    case STATE_STOPPED: return "STATE_STOPPED";
-    case STATE_POWER_QUERIED: return "STATE_POWER_QUERIED";
-    default: return "state " + std::to_string(state);
-    }
+    return state == STATE_POWER_QUERIED ? "STATE_POWER_QUERIED"
+                                        : PnpStateName(state); // which has no name for it
 }
 
 NTSTATUS SendPnp(Rig& rig, UCHAR minor)
