@@ -19,7 +19,7 @@ class FakeDevice : public module::Device {
     static constexpr std::uint16_t kMaxPacket = 8;
 
     module::Speed BusSpeed() const override { return module::Speed::Full; }
-    bool Present() const override { return present; }
+    bool Present() const override { return true; }
     module::Packet Control(const module::SetupPacket& setup, std::span<const std::uint8_t> out) override;
     module::Handshake Out(std::uint8_t endpoint, std::span<const std::uint8_t> data) override;
     module::Packet In(std::uint8_t endpoint) override;
@@ -35,7 +35,6 @@ class FakeDevice : public module::Device {
     // The next packets of an IN endpoint; without any it answers NAK.
     void Send(std::uint8_t endpoint, std::string_view data);
 
-    bool present = true;
     bool suspended = false;
     bool wants_resume = false;
     std::map<std::uint8_t, bool> stalled; // endpoints

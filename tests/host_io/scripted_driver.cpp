@@ -38,11 +38,7 @@ VOID NTAPI Cancel(PDEVICE_OBJECT, PIRP irp)
     Complete(irp, STATUS_CANCELLED);
 }
 
-VOID NTAPI Unload(PDRIVER_OBJECT)
-{
-    if (g_script->unload)
-        g_script->unload();
-}
+VOID NTAPI Unload(PDRIVER_OBJECT) {}
 
 } // namespace
 
@@ -63,7 +59,7 @@ NTSTATUS NTAPI ScriptedEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
         driver->MajorFunction[IRP_MJ_POWER] = nullptr;
     driver->DriverExtension->AddDevice = AddDevice;
     driver->DriverUnload = Unload;
-    return g_script->entry ? g_script->entry(driver) : STATUS_SUCCESS;
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information)

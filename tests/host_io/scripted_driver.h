@@ -34,8 +34,6 @@ using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)>;
 struct Script {
     std::array<Dispatch, IRP_MJ_MAXIMUM_FUNCTION + 1> on;
     std::function<NTSTATUS(PDRIVER_OBJECT, PDEVICE_OBJECT)> add_device; // default: AttachTo
-    std::function<NTSTATUS(PDRIVER_OBJECT)> entry;                      // run at the end of DriverEntry
-    std::function<void()> unload;
     bool has_power = true;
     PIRP kept = nullptr;
     std::vector<std::string> seen;   // requests as they came: "IRP_MJ_READ"

@@ -44,7 +44,7 @@ NTSTATUS QueryCapabilities(PIRP irp)
     capabilities->UniqueID = TRUE;
     capabilities->SystemWake = PowerSystemSleeping2;
     capabilities->DeviceWake = PowerDeviceD2;
-    // All different, to tell which of them a driver has taken.
+    // Those of S1 to S3 differ, to tell which of them a driver has taken.
     constexpr DEVICE_POWER_STATE states[] = {PowerDeviceUnspecified, PowerDeviceD0, PowerDeviceD1,
                                              PowerDeviceD2,          PowerDeviceD3, PowerDeviceD3,
                                              PowerDeviceD3};
