@@ -59,7 +59,7 @@ class System {
     NTSTATUS Sleep(SYSTEM_POWER_STATE state);
     NTSTATUS Wake();
     bool Awake() const;
-    bool Powered() const; // the system is awake, and the device in D0
+    bool Powered() const;          // the system is awake, and the device in D0
     std::string PowerText() const; // "system in S0, device in D0"
 
     // The setting of the driver key, and whether the driver has asked the hub to suspend the module.
