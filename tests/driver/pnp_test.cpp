@@ -95,19 +95,20 @@ bool IsHandled(ULONG state, UCHAR minor)
 }
 
 // Sent by the test itself: the PnP thread may be busy with a removal.
-void SendRaw(PDEVICE_OBJECT top, UCHAR minor)
+NTSTATUS SendRaw(PDEVICE_OBJECT device, UCHAR minor)
 {
     DEVICE_CAPABILITIES capabilities{};
-    host::IopSendAndWait(top, IRP_MJ_PNP, minor, STATUS_NOT_SUPPORTED,
-                         [&](PIRP, PIO_STACK_LOCATION location) {
-                             if (minor == IRP_MN_QUERY_CAPABILITIES)
-                                 location->Parameters.DeviceCapabilities.Capabilities = &capabilities;
-                         });
+    const IO_STATUS_BLOCK answer = host::IopSendAndWait(
+        device, IRP_MJ_PNP, minor, STATUS_NOT_SUPPORTED, [&](PIRP, PIO_STACK_LOCATION location) {
+            if (minor == IRP_MN_QUERY_CAPABILITIES)
+                location->Parameters.DeviceCapabilities.Capabilities = &capabilities;
+        });
     EXPECT_FALSE(capabilities.SurpriseRemovalOK);
+    return answer.Status;
 }
 
-// Sends every minor code that the driver does not handle in the state: each must reach the bus as it came, once, and
-// leave no other mark.
+// Sends every minor code that the driver does not handle in the state: each must reach the bus as it came, once, come
+// back with the bus's answer, and leave no other mark.
 void SendAllThatGoStraightDown(Machine& machine, ULONG state)
 {
     Rig& rig = machine.rig;
@@ -122,10 +123,12 @@ void SendAllThatGoStraightDown(Machine& machine, ULONG state)
         if (IsHandled(state, code))
             continue;
         SCOPED_TRACE(RowText(state, code));
-        SendRaw(top, code);
+        const NTSTATUS status = SendRaw(top, code);
         EXPECT_EQ(story.Take(), Lines{"down " + std::string(host::IopMinorName(IRP_MJ_PNP, code))});
         EXPECT_EQ(StateText(GetExtension(top)->DevicePnPState), StateText(state));
         EXPECT_EQ(PendingIn(rig), 0U);
+        EXPECT_EQ(status, SendRaw(GetExtension(top)->LowerDeviceObject, code));
+        story.Take();
     }
     machine.filter.SetStays(false);
 }
