@@ -30,28 +30,12 @@ class BuiltRequest : public IopRequest {
     std::size_t capacity_;
 };
 
-// IopSendAndWait: the waiting thread owns the result.
-class WaitedRequest : public IopRequest {
-  public:
-    WaitedRequest() { KeInitializeEvent(&done, NotificationEvent, FALSE); }
-
-    bool Completed(PIRP irp) override
-    {
-        result = irp->IoStatus;
-        KeSetEvent(&done, EVENT_INCREMENT, FALSE);
-        return true;
-    }
-
-    KEVENT done;
-    IO_STATUS_BLOCK result{};
-};
-
 } // namespace
 
 IO_STATUS_BLOCK IopSendAndWait(PDEVICE_OBJECT device, UCHAR major, UCHAR minor, NTSTATUS initial_status,
                                const std::function<void(PIRP, PIO_STACK_LOCATION)>& prepare)
 {
-    auto request = std::make_shared<WaitedRequest>();
+    auto request = std::make_shared<IopWaitedRequest>();
     PIRP irp = IopAllocateIrp(device->StackSize, IrpOrigin::System, request, nullptr);
     if (irp == nullptr)
         return {{STATUS_INSUFFICIENT_RESOURCES}, 0};
@@ -102,12 +86,6 @@ PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT Dev
         return nullptr;
     }
     return irp;
-}
-
-ULONG NTAPI IoGetRequestorProcessId(PIRP Irp)
-{
-    IrpRecordPtr record = IrpTable::Current().Find(Irp);
-    return record && record->request ? record->request->ProcessId() : 0;
 }
 
 } // extern "C"

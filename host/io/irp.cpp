@@ -23,6 +23,18 @@ void Prepare(PIRP irp, USHORT size, CHAR stack_count)
 
 } // namespace
 
+IopWaitedRequest::IopWaitedRequest()
+{
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+}
+
+bool IopWaitedRequest::Completed(PIRP irp)
+{
+    result = irp->IoStatus;
+    KeSetEvent(&done, EVENT_INCREMENT, FALSE);
+    return true;
+}
+
 std::string IrpRecord::Describe() const
 {
     const std::string detail = major == IRP_MJ_DEVICE_CONTROL ? " " + IopHex(code) : "";
@@ -176,6 +188,12 @@ VOID NTAPI IoReuseIrp(PIRP Irp, NTSTATUS Iostatus)
     Prepare(Irp, Irp->Size, Irp->StackCount);
     Irp->AllocationFlags = allocation_flags;
     Irp->IoStatus.Status = Iostatus;
+}
+
+ULONG NTAPI IoGetRequestorProcessId(PIRP Irp)
+{
+    IrpRecordPtr record = IrpTable::Current().Find(Irp);
+    return record && record->request ? record->request->ProcessId() : 0;
 }
 
 } // extern "C"

@@ -18,6 +18,8 @@
 
 namespace host {
 
+struct IrpTicket; // verifier/irp_rules.h
+
 // What the I/O manager does when a request that it made itself is complete.
 class IopRequest {
   public:
@@ -32,6 +34,16 @@ class IopRequest {
     virtual const void* ReportsTo() const { return nullptr; }
     // The room of the output buffer; nothing when Information is not a count of bytes.
     virtual std::optional<std::size_t> Capacity() const { return std::nullopt; }
+};
+
+// A request that a thread waits for: `result` is its end once `done` is set.
+class IopWaitedRequest : public IopRequest {
+  public:
+    IopWaitedRequest();
+    bool Completed(PIRP irp) override;
+
+    KEVENT done;
+    IO_STATUS_BLOCK result{};
 };
 
 enum class IrpOrigin : std::uint8_t {
@@ -118,6 +130,8 @@ void IopFreeIrp(PIRP irp);
 // As the routines that drivers call, for the I/O manager's own requests.
 NTSTATUS IopCallDriver(PDEVICE_OBJECT device, PIRP irp, const void* caller);
 void IopCompleteRequest(PIRP irp, const void* caller);
+// What IofCallDriver does once the stack location is entered: calls the driver's routine, and checks its answer.
+NTSTATUS IopDispatch(PDEVICE_OBJECT device, PIRP irp, const IrpTicket& ticket);
 
 // What a driver gets for a request kind that it has no routine for.
 NTSTATUS NTAPI IopInvalidDeviceRequest(PDEVICE_OBJECT device, PIRP irp);

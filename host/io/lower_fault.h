@@ -9,7 +9,4 @@ namespace host {
 // and `status` is the driver's answer.
 bool IopLowerFault(PDEVICE_OBJECT device, PIRP irp, const IrpTicket& ticket, NTSTATUS* status);
 
-// The same steps as IofCallDriver takes once the stack location is entered.
-NTSTATUS IopDispatch(PDEVICE_OBJECT device, PIRP irp, const IrpTicket& ticket);
-
 } // namespace host

@@ -35,21 +35,6 @@ std::string Describe(const IO_STACK_LOCATION& location)
            StateText(power.Type, power.State.SystemState);
 }
 
-// A system request that the policy thread waits for.
-class SystemRequest : public IopRequest {
-  public:
-    SystemRequest() { KeInitializeEvent(&done, NotificationEvent, FALSE); }
-    bool Completed(PIRP irp) override
-    {
-        result = irp->IoStatus;
-        KeSetEvent(&done, EVENT_INCREMENT, FALSE);
-        return true;
-    }
-
-    KEVENT done;
-    IO_STATUS_BLOCK result{};
-};
-
 // A request of PoRequestPowerIrp.
 class RequestedIrp : public IopRequest {
   public:
@@ -233,7 +218,7 @@ NTSTATUS PowerManager::Request(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE s
 NTSTATUS PowerManager::SendSystem(const PnpNodePtr& node, UCHAR minor, SYSTEM_POWER_STATE state)
 {
     PDEVICE_OBJECT top = IopTopOf(node->pdo);
-    auto request = std::make_shared<SystemRequest>();
+    auto request = std::make_shared<IopWaitedRequest>();
     PIRP irp = IopAllocateIrp(top->StackSize, IrpOrigin::System, request, nullptr);
     if (irp == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
