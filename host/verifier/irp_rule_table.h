@@ -1,4 +1,5 @@
-// The rules of the I/O, PnP and power managers, in the form of rule_table.h.
+// The rules of the I/O, PnP and power managers, in the form of rule_table.h. Code 0x00: a rule of this kernel's own,
+// for which Windows has no bug check.
 #pragma once
 
 // clang-format off
@@ -7,14 +8,14 @@
     R(IrpInvalid,               0xC9, 0x01,   "a routine was given memory that is not a live request")                \
     R(IrpDoubleCompletion,      0x44, 0x00,   "a request was completed twice")                                        \
     R(IrpFreedInUse,            0xC9, 0x20A,  "a request was freed while a driver below still had it")                \
-    R(IrpFreeNotOwned,          0xC9, 0x20B,  "IoFreeIrp was given a request that the I/O manager frees itself")      \
+    R(IrpFreeNotOwned,          0xC9, 0x20C,  "IoFreeIrp was given a request that the I/O manager frees itself")      \
     R(IrpInitializeAllocated,   0xC9, 0x20D,  "IoInitializeIrp was given a request that IoAllocateIrp made")          \
-    R(IrpReuseInUse,            0xC9, 0x20C,  "IoReuseIrp was given a request that is still in use")                  \
-    R(IrpLeak,                  0xC4, 0x64,   "a request was neither freed nor completed")                            \
+    R(IrpReuseInUse,            0x00, 0x10,   "IoReuseIrp was given a request that is still in use")                  \
+    R(IrpLeak,                  0x00, 0x06,   "a request was neither freed nor completed")                            \
     R(IrpNeverSent,             0xC9, 0x239,  "a request was completed that had never been sent")                     \
-    R(IrpCompletionNotStopped,  0xC9, 0x204,  "a request of IoAllocateIrp was completed to its end: its completion "  \
+    R(IrpCompletionNotStopped,  0x00, 0x0F,   "a request of IoAllocateIrp was completed to its end: its completion "  \
                                               "routine must keep it")                                                 \
-    R(IrpFreedThenContinued,    0xC9, 0x22A,  "a completion routine freed a request and let its completion go on")    \
+    R(IrpFreedThenContinued,    0x00, 0x0B,   "a completion routine freed a request and let its completion go on")    \
     R(IrpCompletedWhilePassed,  0xC9, 0x209,  "a request was completed by a driver that had passed it down")          \
     R(IrpForwardedWhilePassed,  0xC9, 0x205,  "a request was passed down by a driver that had passed it down")        \
     R(IrpCancelledTooSlowly,    0xC4, 0x135,  "a cancelled request was not completed in time")                        \
@@ -46,20 +47,20 @@
     R(CancelLockHeldAtReturn,   0xC4, 0x1021, "a cancel routine did not release the cancel spin lock")                \
     /* Handles and strings */                                                                                         \
     R(HandleInvalid,            0x93, 0x00,   "a handle was used that is not open")                                   \
-    R(HandleLeak,               0xC4, 0x65,   "a handle was not closed")                                              \
+    R(HandleLeak,               0x00, 0x07,   "a handle was not closed")                                              \
     R(ObjectDereference,        0x18, 0x00,   "an object was dereferenced more often than referenced")                \
     /* Devices */                                                                                                     \
     R(DeviceInitializing,       0xC9, 0x243,  "AddDevice left DO_DEVICE_INITIALIZING set")                            \
     R(DeviceDoubleDelete,       0xC9, 0x240,  "a device object was deleted twice")                                    \
-    R(DeviceDeletedAttached,    0xC9, 0x202,  "a device object was deleted before it was detached")                   \
+    R(DeviceDeletedAttached,    0xC9, 0x201,  "a device object was deleted before it was detached")                   \
     R(DeviceDeletedUnder,       0xC9, 0x201,  "a device object was deleted that another is attached to")              \
-    R(DeviceDetachNothing,      0xC9, 0x241,  "IoDetachDevice was called where nothing is attached")                  \
+    R(DeviceDetachNothing,      0xC9, 0x202,  "IoDetachDevice was called where nothing is attached")                  \
     R(DeviceDeletedWithPower,   0x9F, 0x01,   "a device object was deleted with a power request outstanding")         \
     R(DeviceBothIoFlags,        0xC9, 0x245,  "a device object has both DO_BUFFERED_IO and DO_DIRECT_IO")             \
-    R(DeviceLeak,               0xC4, 0x66,   "a device object was not deleted")                                      \
+    R(DeviceLeak,               0x00, 0x08,   "a device object was not deleted")                                      \
     R(PagableFlagLost,          0xC9, 0x23F,  "a device above a pageable one does not have DO_POWER_PAGABLE")         \
-    R(SymbolicLinkLeak,         0xC4, 0x67,   "a symbolic link leads to a device that is gone")                         \
-    R(PnpSameDeviceObject,      0xC9, 0x248,  "a device object was attached to its own stack")                        \
+    R(SymbolicLinkLeak,         0x00, 0x09,   "a symbolic link leads to a device that is gone")                         \
+    R(PnpSameDeviceObject,      0x00, 0x0C,   "a device object was attached to its own stack")                        \
     /* Plug and Play */                                                                                               \
     R(PnpCompleted,             0xC9, 0x22D,  "a Plug and Play request was completed instead of passed down")         \
     R(PnpUntouchedCompleted,    0xC9, 0x22F,  "a Plug and Play request was completed as it came")                     \
@@ -79,19 +80,19 @@
                                               "PoStartNextPowerIrp")                                                  \
     R(PowerStartedTwice,        0x9F, 0x500,  "PoStartNextPowerIrp was called twice for one request")                 \
     R(PowerStuck,               0x9F, 0x03,   "a power request was not completed in time")                            \
-    R(PowerWrongCall,           0xC9, 0x249,  "a power request was passed down with IoCallDriver")                    \
+    R(PowerWrongCall,           0x00, 0x0D,   "a power request was passed down with IoCallDriver")                    \
     R(PowerCompleted,           0xC9, 0x230,  "a power request was completed instead of passed down")                 \
     R(PowerUntouchedCompleted,  0xC9, 0x232,  "a power request was completed as it came")                             \
     R(PowerFailedPassedDown,    0xC9, 0x219,  "a power request was passed down with a failure in it")                 \
     R(PowerStatusTouched,       0xC9, 0x21A,  "the status of a power request was changed to not-supported")           \
     R(PowerUnknownTouched,      0xC9, 0x214,  "a power request that is not known was changed")                        \
     R(PowerMayNotFail,          0xC9, 0x247,  "a power request was failed that may not fail")                         \
-    R(RequestedPowerIrp,        0xC9, 0x24B,  "PoRequestPowerIrp was asked for the request itself")                   \
+    R(RequestedPowerIrp,        0x00, 0x0E,   "PoRequestPowerIrp was asked for the request itself")                   \
     R(PowerUpDownOrder,         0x00, 0x04,   "a lower power state was not reported before the device lost power")    \
     /* WMI */                                                                                                         \
     R(WmiNotDeregistered,       0xC4, 0xDB,   "a device was deleted that is still registered with WMI")               \
     R(WmiWrongProvider,         0xC9, 0x220,  "a WMI request was completed by a device that it was not meant for")    \
-    R(WmiNotCompleted,          0xC9, 0x221,  "a WMI request was not completed by the device that it was meant for")  \
+    R(WmiNotCompleted,          0x00, 0x0A,   "a WMI request was not completed by the device that it was meant for")  \
     R(WmiUnknownTouched,        0xC9, 0x23B,  "a WMI request that is not known was changed")                          \
     R(WmiInitialStatus,         0xC9, 0x210,  "a WMI request was sent with a status in it")                           \
     R(WmiBadAnswer,             0x00, 0x02,   "the answer to a WMI request is malformed")                             \
