@@ -245,7 +245,12 @@ std::string Console::Start(const std::string&)
     RequireAwake();
     if (system_.Started())
         Refuse("the device is started already");
-    Require(system_.Start(), "the device does not start");
+    if (!system_.Stopped())
+        Refuse("the device is " + system_.PortState());
+    const NTSTATUS status = system_.Start();
+    if (!NT_SUCCESS(status))
+        surroundings_.close_port();
+    Require(status, "the device does not start and is taken away, the port is closed");
     surroundings_.open_port();
     return fmt::format("the device is {}", system_.PortState());
 }

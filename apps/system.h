@@ -52,7 +52,8 @@ class System {
     // The two halves of a rebalance; the module must be plugged in. Every handle must be closed: the driver
     // lets a stop wait for their requests, however long.
     NTSTATUS Stop();
-    NTSTATUS Start();
+    NTSTATUS Start(); // when it fails the device goes, until the module is plugged in anew
+    bool Stopped() const { return node_ != nullptr && node_->state == host::PnpState::Stopped; }
     bool Started() const { return node_ != nullptr && node_->state == host::PnpState::Started; }
 
     // The whole system; refused by a driver: it stays awake.

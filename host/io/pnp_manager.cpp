@@ -245,8 +245,13 @@ NTSTATUS PnpManager::DoStart(const PnpNodePtr& node)
     if (node->state == PnpState::Added)
         SendTo(IopTopOf(node->pdo), IRP_MN_FILTER_RESOURCE_REQUIREMENTS);
     const NTSTATUS status = SendTo(IopTopOf(node->pdo), IRP_MN_START_DEVICE);
-    if (!NT_SUCCESS(status))
+    if (!NT_SUCCESS(status)) {
+        if (node->state != PnpState::Added) { // a restart
+            DoSurpriseRemove(node);
+            TakeAway(node);
+        }
         return status;
+    }
     SetState(node, PnpState::Started);
     DEVICE_CAPABILITIES capabilities{};
     if (NT_SUCCESS(AskCapabilities(IopTopOf(node->pdo), &capabilities)))
@@ -399,12 +404,7 @@ NTSTATUS PnpManager::Rebalance(const PnpNodePtr& node)
             return status;
         }
         Step(node, IRP_MN_STOP_DEVICE, PnpState::Stopped);
-        status = DoStart(node);
-        if (!NT_SUCCESS(status)) {
-            DoSurpriseRemove(node);
-            TakeAway(node);
-        }
-        return status;
+        return DoStart(node);
     });
 }
 

@@ -72,7 +72,7 @@ class PnpManager : public Component {
 
     // Each of these is done by the PnP thread; the caller waits. IRQL PASSIVE_LEVEL. One request each:
     NTSTATUS AddDevice(const PnpNodePtr& node);
-    NTSTATUS Start(const PnpNodePtr& node);
+    NTSTATUS Start(const PnpNodePtr& node); // of a stopped device: when it fails the device is taken away
     NTSTATUS QueryStop(const PnpNodePtr& node);
     NTSTATUS CancelStop(const PnpNodePtr& node);
     NTSTATUS Stop(const PnpNodePtr& node);

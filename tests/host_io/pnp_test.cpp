@@ -122,6 +122,21 @@ TEST_F(Pnp, ARefusedQueryIsCalledOff)
     bench.OnRequest(IRP_MJ_PNP, nullptr);
 }
 
+TEST_F(Pnp, ARestartThatFailsTakesTheDeviceAway)
+{
+    PnpManager& pnp = PnpManager::Current();
+    const host::PnpNodePtr node = bench.Node();
+    EXPECT_EQ(pnp.QueryStop(node), STATUS_SUCCESS);
+    EXPECT_EQ(pnp.Stop(node), STATUS_SUCCESS);
+    bench.kernel.Faults().Arm(host::FaultPoint::LowerDriver,
+                              {.detail = "IRP_MJ_PNP", .fault = {.status = STATUS_UNSUCCESSFUL}});
+    bench.script.seen.clear();
+    EXPECT_EQ(pnp.Start(node), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(bench.script.seen,
+              Minors({IRP_MN_START_DEVICE, IRP_MN_SURPRISE_REMOVAL, IRP_MN_REMOVE_DEVICE}));
+    EXPECT_EQ(node->state, PnpState::Reported);
+}
+
 TEST_F(Pnp, DevicesHaveKeys)
 {
     const host::PnpNodePtr node = bench.Node();
