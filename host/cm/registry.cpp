@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <list>
+#include <map>
 #include <utility>
 
 namespace host {
@@ -13,14 +16,14 @@ class CmKey {
     std::u16string name;
     std::weak_ptr<CmKey> parent;
     bool deleted = false;
-    std::map<std::u16string, CmKeyPtr> keys; // by folded name
-    std::vector<CmValue> values;             // in the order of their creation
+    std::map<std::u16string, CmKeyPtr> keys;                               // by folded name
+    std::list<CmValue> values;                                             // in the order of their creation
+    std::map<std::u16string, std::list<CmValue>::iterator> values_by_name; // folded
 
     CmValue* FindValue(std::u16string_view wanted)
     {
-        auto same = [&](const CmValue& value) { return SameName(value.name, wanted); };
-        auto found = std::find_if(values.begin(), values.end(), same);
-        return found == values.end() ? nullptr : &*found;
+        auto found = values_by_name.find(FoldCase(wanted));
+        return found == values_by_name.end() ? nullptr : &*found->second;
     }
 };
 
@@ -177,6 +180,7 @@ bool CmRegistry::SetValue(const CmKeyPtr& key, std::u16string_view name, std::ui
     if (value == nullptr) {
         value = &key->values.emplace_back();
         value->name = name;
+        key->values_by_name[FoldCase(name)] = std::prev(key->values.end());
     }
     value->type = type;
     value->data.assign(data.begin(), data.end());
@@ -187,11 +191,12 @@ bool CmRegistry::SetValue(const CmKeyPtr& key, std::u16string_view name, std::ui
 bool CmRegistry::DeleteValue(const CmKeyPtr& key, std::u16string_view name)
 {
     std::lock_guard guard(lock_);
-    CmValue* value = key->deleted ? nullptr : key->FindValue(name);
-    if (value == nullptr) {
+    auto found = key->values_by_name.find(FoldCase(name));
+    if (key->deleted || found == key->values_by_name.end()) {
         return false;
     }
-    key->values.erase(key->values.begin() + (value - key->values.data()));
+    key->values.erase(found->second);
+    key->values_by_name.erase(found);
     Log(CmWrite::Kind::DeleteValue, key, name);
     return true;
 }
@@ -233,7 +238,7 @@ std::optional<CmValue> CmRegistry::Value(const CmKeyPtr& key, std::u16string_vie
 std::vector<CmValue> CmRegistry::Values(const CmKeyPtr& key) const
 {
     std::lock_guard guard(lock_);
-    return key->values;
+    return {key->values.begin(), key->values.end()};
 }
 
 std::vector<std::u16string> CmRegistry::SubKeys(const CmKeyPtr& key) const
