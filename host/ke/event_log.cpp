@@ -38,7 +38,6 @@ char SignOf(EventKind kind)
     case EventKind::AsyncStep: return '|';
     case EventKind::End:
     case EventKind::AsyncEnd: return '-';
-    case EventKind::Counter: return '=';
     }
     return '?';
 }
@@ -52,7 +51,6 @@ const char* PhaseOf(EventKind kind)
     case EventKind::AsyncBegin: return "b";
     case EventKind::AsyncStep: return "n";
     case EventKind::AsyncEnd: return "e";
-    case EventKind::Counter: return "C";
     }
     return "i";
 }
@@ -63,8 +61,6 @@ std::string TextOf(const Event& event)
     text += event.name;
     if (event.id != 0)
         text += " #" + std::to_string(event.id);
-    if (event.kind == EventKind::Counter)
-        text += " " + std::to_string(event.value);
     return text;
 }
 
@@ -82,10 +78,7 @@ nlohmann::json JsonOf(const Event& event)
                            {"ts", static_cast<double>(event.time) / kMicrosecond},
                            {"pid", 1},
                            {"tid", event.actor}};
-    if (event.kind == EventKind::Counter)
-        json["args"]["value"] = event.value;
-    else
-        json["args"]["step"] = event.step;
+    json["args"]["step"] = event.step;
     if (!event.detail.empty())
         json["args"]["detail"] = event.detail;
     if (event.id != 0)
@@ -148,11 +141,6 @@ void EventLog::AsyncEnd(const char* category, const char* name, const void* obje
          .detail = std::move(detail)});
 }
 
-void EventLog::Counter(const char* category, const char* name, std::int64_t value)
-{
-    Add({.kind = EventKind::Counter, .category = category, .name = name, .value = value});
-}
-
 void EventLog::Add(Event event, bool hash_detail)
 {
     const Scheduler& scheduler = kernel_.GetScheduler();
@@ -168,7 +156,6 @@ void EventLog::Add(Event event, bool hash_detail)
     Mix(hash_, event.category);
     Mix(hash_, event.name);
     Mix(hash_, event.id);
-    Mix(hash_, static_cast<std::uint64_t>(event.value));
     if (hash_detail)
         Mix(hash_, event.detail);
     if (!keep_)

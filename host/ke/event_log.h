@@ -25,7 +25,6 @@ enum class EventKind : std::uint8_t {
     AsyncBegin, // a span with an identity (an IRP), that may begin and end on different actors
     AsyncStep,
     AsyncEnd,
-    Counter,
 };
 
 struct Event {
@@ -35,8 +34,7 @@ struct Event {
     EventKind kind = EventKind::Instant;
     const char* category = ""; // both are string literals: kept by address
     const char* name = "";
-    std::uint64_t id = 0;   // of an async span; a small number, see IdOf
-    std::int64_t value = 0; // of a counter
+    std::uint64_t id = 0; // of an async span; a small number, see IdOf
     std::string detail;
 };
 
@@ -54,7 +52,6 @@ class EventLog {
     void AsyncBegin(const char* category, const char* name, const void* object, std::string detail = {});
     void AsyncStep(const char* category, const char* name, const void* object, std::string detail = {});
     void AsyncEnd(const char* category, const char* name, const void* object, std::string detail = {});
-    void Counter(const char* category, const char* name, std::int64_t value);
 
     // A small number that stands for `object` while it lives; Forget when its memory may be used again.
     std::uint64_t IdOf(const void* object);

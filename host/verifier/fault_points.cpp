@@ -1,6 +1,5 @@
 #include "verifier/fault_points.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace host {
@@ -22,14 +21,6 @@ std::size_t IndexOf(FaultPoint point)
 const char* FaultPointName(FaultPoint point)
 {
     return kNames[IndexOf(point)];
-}
-
-std::optional<FaultPoint> FaultPointByName(std::string_view name)
-{
-    const auto* found = std::find(std::begin(kNames), std::end(kNames), name);
-    if (found == std::end(kNames))
-        return std::nullopt;
-    return static_cast<FaultPoint>(found - std::begin(kNames));
 }
 
 FaultPoints::FaultPoints(std::uint64_t seed) : random_(seed) {}

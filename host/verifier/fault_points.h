@@ -35,7 +35,6 @@ enum class FaultPoint : std::uint8_t {
         Count,
 };
 const char* FaultPointName(FaultPoint point);
-std::optional<FaultPoint> FaultPointByName(std::string_view name);
 
 enum class FaultAction : std::uint8_t {
     Fail,  // the call fails

@@ -17,7 +17,7 @@ void Play(Kernel& kernel)
                [&] {
                    kernel.RunFor(1'500 * kMicrosecond);
                    kernel.Log().AsyncEnd("irp", "read", &request);
-                   kernel.Log().Counter("pool", "blocks", 7);
+                   kernel.Log().Instant("client", "done");
                })
         .Join();
     kernel.Log().End("driver", "load");
@@ -39,7 +39,7 @@ TEST(EventLog, TextHasAColumnPerActor)
     EXPECT_EQ(lines[1].find("+load"), main_column);
     EXPECT_EQ(lines[2].find("+read #1"), main_column);
     EXPECT_EQ(lines[3].find("-read #1"), client_column);
-    EXPECT_EQ(lines[4].find("=blocks 7"), client_column);
+    EXPECT_EQ(lines[4].find(" done"), client_column);
     EXPECT_NE(lines[3].find("1.5000"), std::string::npos);
     EXPECT_TRUE(lines[2].ends_with("64 bytes"));
 }
@@ -54,7 +54,7 @@ TEST(EventLog, JsonIsATraceThatAViewerOpens)
     std::string phases;
     for (const nlohmann::json& event : events)
         phases += event["ph"].get<std::string>();
-    EXPECT_EQ(phases.substr(phases.find_first_not_of('M')), "BbeCE");
+    EXPECT_EQ(phases.substr(phases.find_first_not_of('M')), "BbeiE");
     const nlohmann::json& end = events[events.size() - 3];
     EXPECT_EQ(end["id"], 1);
     EXPECT_EQ(end["ts"], 1'500.0); // microseconds
@@ -81,12 +81,12 @@ TEST(EventLog, AFullLogKeepsTheNewestAndTheHash)
     const auto run = [](std::size_t capacity, bool keep) {
         Kernel kernel({.keep_events = keep, .event_capacity = capacity});
         for (int i = 0; i < 100; ++i)
-            kernel.Log().Counter("test", "i", i);
+            kernel.Log().Instant("test", "i", std::to_string(i));
         return std::pair{kernel.Log().Events(), kernel.TraceHash()};
     };
     const auto [few, few_hash] = run(10, true);
     ASSERT_EQ(few.size(), 10u);
-    EXPECT_EQ(few.front().value, 90);
+    EXPECT_EQ(few.front().detail, "90");
     const auto [none, none_hash] = run(10, false);
     EXPECT_TRUE(none.empty());
     EXPECT_EQ(few_hash, none_hash);
