@@ -1,4 +1,5 @@
 #include "ke/explorer.h"
+#include "ke/own_step.h"
 
 #include "recorded.h"
 
@@ -84,6 +85,38 @@ TEST(Explorer, ARunLimitIsKept)
     const Exploration result = ExploreSchedules({}, 3, 5, CorrectIncrement);
     EXPECT_FALSE(result.exhausted);
     EXPECT_EQ(result.runs, 5u);
+}
+
+TEST(Explorer, PreemptsTheActorsAloneAndNobodyWithinAStepOfTheKernelsOwn)
+{
+    struct {
+        const char* what;
+        std::set<std::string> actors;
+        bool own_steps, lost;
+    } const rows[] = {
+        {"all", {}, false, true},
+        {"both that meet", {"thread 0", "thread 1"}, false, true},
+        {"neither", {"thread 2"}, false, false},
+        {"within the kernel's own steps", {}, true, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const auto scenario = [&row](const KernelOptions& options) {
+            Kernel kernel(options);
+            LONG value = 0;
+            RunThreads(kernel, 2, [&] {
+                std::optional<OwnStep> step;
+                if (row.own_steps)
+                    step.emplace();
+                const LONG read = InterlockedCompareExchange(&value, 0, 0);
+                InterlockedExchange(&value, read + 1);
+            });
+            return value == 2;
+        };
+        const Exploration result = ExploreSchedules({}, 1, 10'000, scenario, row.actors);
+        EXPECT_EQ(result.failure.has_value(), row.lost);
+        EXPECT_TRUE(row.lost || result.exhausted);
+    }
 }
 
 TEST(Explorer, FindsAUseAfterFreeAndReplaysIt)
