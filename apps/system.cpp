@@ -7,8 +7,12 @@
 #include "po/power_manager.h"
 #include "usbd/usb_port.h"
 
+#include <cerrno>
+#include <filesystem>
 #include <fmt/core.h>
 #include <fstream>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 extern "C" DRIVER_INITIALIZE DriverEntry;
@@ -188,10 +192,20 @@ void System::SaveRegistry(const std::string& file)
 
 void System::SaveTrace(const std::string& file)
 {
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    // A file is replaced only by a whole one.
+    const std::string draft = file + ".new";
+    errno = 0;
+    std::ofstream out(draft, std::ios::binary | std::ios::trunc);
     kernel_->Log().WriteJson(out);
-    if (!out.flush())
-        throw std::runtime_error("cannot write the trace " + file);
+    out.close();
+    std::error_code error(out ? 0 : errno, std::generic_category());
+    if (out)
+        std::filesystem::rename(draft, file, error);
+    if (out && !error)
+        return;
+    const std::string why = error.message();
+    std::filesystem::remove(draft, error);
+    throw std::runtime_error(fmt::format("cannot write the trace {}: {}", file, why));
 }
 
 } // namespace app
