@@ -78,9 +78,9 @@ void CheckStackCopy(const IrpRecord& record, const IRP& irp, const void* caller)
                   "the next location has the completion routine of the driver above", caller);
 }
 
-// The turn of the driver that passes the request down: it has skipped its stack location, or not.
+// The turn of the driver that passes the request down, and whether it has skipped its stack location.
 struct Passing {
-    PDEVICE_OBJECT device = nullptr;
+    IrpTurn turn{};
     bool skipped = false;
 };
 
@@ -90,14 +90,14 @@ Passing PassingOf(const IrpRecord& record, const IRP& irp)
     const auto index = static_cast<std::size_t>(irp.CurrentLocation);
     const IrpTurn& below = record.turns[index - 1];
     if (below.call != 0 && !below.completed)
-        return {below.device, true};
-    return {index < record.turns.size() ? record.turns[index].device : nullptr, false};
+        return {below, true};
+    return {index < record.turns.size() ? record.turns[index] : IrpTurn{}, false};
 }
 
 // A driver that only hands its location on has nothing to copy; one that has marked the location keeps it.
 void CheckNeedlessCopy(const IrpRecord& record, const IRP& irp, const void* caller)
 {
-    if (irp.CurrentLocation > irp.StackCount || PassingOf(record, irp).skipped)
+    if (irp.CurrentLocation > irp.StackCount)
         return;
     const IO_STACK_LOCATION& current = *irp.Tail.Overlay.CurrentStackLocation;
     const IO_STACK_LOCATION& next = *(&current - 1);
@@ -153,9 +153,11 @@ IrpRecordPtr VfIrpForward(PDEVICE_OBJECT device, PIRP irp, const void* caller)
     CheckStackCopy(*record, *irp, caller);
     if (caller != nullptr) {
         CheckNoSpinLock(*record, "passed down", caller);
-        CheckOwner(Rule::IrpForwardedWhilePassed, PassingOf(*record, *irp).device, *record, caller);
-        CheckNeedlessCopy(*record, *irp, caller);
-        VfPnpForward(*record, *irp, caller);
+        const Passing passing = PassingOf(*record, *irp);
+        CheckOwner(Rule::IrpForwardedWhilePassed, passing.turn.device, *record, caller);
+        if (!passing.skipped)
+            CheckNeedlessCopy(*record, *irp, caller);
+        VfPnpForward(*record, *irp, passing.turn, caller);
     }
     return record;
 }

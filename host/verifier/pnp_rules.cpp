@@ -81,15 +81,6 @@ void CheckUnknownUntouched(const IRP& irp, const IrpTurn& turn, const IO_STACK_L
                  IopDescribeDevice(turn.device) + done + IopStatusText(irp.IoStatus.Status), caller);
 }
 
-// The turn of the driver that passes the request down; it has skipped its stack location, or not.
-IrpTurn PassingTurn(const IrpRecord& record, const IRP& irp)
-{
-    const MutexLock lock(IrpTable::Current().mutex);
-    const auto index = static_cast<std::size_t>(irp.CurrentLocation);
-    const IrpTurn& below = record.turns[index - 1];
-    return below.call != 0 && !below.completed ? below : record.turns[index];
-}
-
 void CheckSender(const IrpRecord& record, const IRP& irp, const IO_STACK_LOCATION& location,
                  const void* caller)
 {
@@ -237,7 +228,7 @@ bool VfDeviceDetach(PDEVICE_OBJECT target, const void* caller)
     return true;
 }
 
-void VfPnpForward(const IrpRecord& record, const IRP& irp, const void* caller)
+void VfPnpForward(const IrpRecord& record, const IRP& irp, const IrpTurn& turn, const void* caller)
 {
     const IO_STACK_LOCATION& next = *(irp.Tail.Overlay.CurrentStackLocation - 1);
     const bool pnp = next.MajorFunction == IRP_MJ_PNP;
@@ -253,7 +244,6 @@ void VfPnpForward(const IrpRecord& record, const IRP& irp, const void* caller)
         CheckSender(record, irp, next, caller);
         return;
     }
-    const IrpTurn turn = PassingTurn(record, irp);
     CheckUnknownUntouched(irp, turn, next, " passed it down with ", caller);
     if (pnp || power)
         CheckNotTakenBack(irp, turn, next, caller);

@@ -15,8 +15,8 @@ bool VfDeviceDelete(PDEVICE_OBJECT device, const void* caller);
 bool VfDeviceAttach(PDEVICE_OBJECT source, PDEVICE_OBJECT target, const void* caller);
 bool VfDeviceDetach(PDEVICE_OBJECT target, const void* caller);
 
-// A driver passes a request down, or completes it. Called for every kind; looks at PnP and power.
-void VfPnpForward(const IrpRecord& record, const IRP& irp, const void* caller);
+// A driver passes a request down in its turn, or completes it. Called for every kind; looks at PnP, power and WMI.
+void VfPnpForward(const IrpRecord& record, const IRP& irp, const IrpTurn& turn, const void* caller);
 void VfPnpComplete(const IrpRecord& record, const IRP& irp, const void* caller);
 
 // AddDevice has returned success for the stack above `pdo`.
