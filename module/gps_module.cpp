@@ -348,10 +348,8 @@ void GpsModule::Advance(Time now)
         source_->Start(now_);
         source_started_ = true;
     }
-    while (flowing_ && source_->Due() && *source_->Due() <= now_) {
+    while (flowing_ && source_->Due() && *source_->Due() <= now_)
         bulk_.Push(ToBytes(source_->Take()), OutputFifo::Kind::Sentences);
-        ++counters_.bursts;
-    }
     poked_ = false;
 }
 
@@ -391,7 +389,6 @@ ModuleStatus GpsModule::Look() const
     status.rts = rts_;
     status.nmea_flowing = flowing_;
     status.suspended = suspended_;
-    status.remote_wakeup_armed = remote_wakeup_;
     status.present = present_;
     return status;
 }

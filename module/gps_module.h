@@ -53,14 +53,12 @@ struct ModuleStatus {
     std::uint64_t transfers_sent = 0; // on bulk-in, to their short packet
     std::uint64_t bytes_received = 0; // on bulk-out
     std::uint64_t bytes_dropped = 0;  // sentences and answers given up for want of room
-    std::uint64_t bursts = 0;         // handed over by the source
     std::uint16_t abstract_state = 0;
     std::uint8_t configuration = 0;
     bool dtr = false;
     bool rts = false;
     bool nmea_flowing = false;
     bool suspended = false;
-    bool remote_wakeup_armed = false;
     bool present = true;
 };
 

@@ -315,22 +315,6 @@ std::vector<PoolBlock> Pool::Live(PoolOwner owner) const
     return live;
 }
 
-std::size_t Pool::LiveBytes(PoolOwner owner) const
-{
-    std::size_t bytes = 0;
-    for (const PoolBlock& block : Live(owner))
-        bytes += block.size;
-    return bytes;
-}
-
-std::size_t Pool::LiveBlocks(std::string_view tag) const
-{
-    const MutexLock lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(blocks_.begin(), blocks_.end(), [tag](const auto& entry) {
-        return !entry.second.freed && PoolTagText(entry.second.tag) == tag;
-    }));
-}
-
 void Pool::AuditLeaks(std::string_view when)
 {
     for (const PoolBlock& block : Live(PoolOwner::Driver)) {

@@ -71,8 +71,6 @@ class Pool {
 
     // Blocks that live, the oldest first.
     std::vector<PoolBlock> Live(PoolOwner owner) const;
-    std::size_t LiveBytes(PoolOwner owner) const;
-    std::size_t LiveBlocks(std::string_view tag) const;
     // Reports what the driver has not freed, each block once.
     void AuditLeaks(std::string_view when);
 

@@ -99,15 +99,6 @@ std::optional<ObjectNames::Found> ObjectNames::Open(std::u16string_view path) co
     return std::nullopt;
 }
 
-std::optional<std::u16string> ObjectNames::LinkTarget(std::u16string_view name) const
-{
-    const MutexLock lock(mutex_);
-    auto found = tree_.find(Canonical(name));
-    if (found == tree_.end() || found->second.device != nullptr)
-        return std::nullopt;
-    return found->second.target;
-}
-
 std::u16string ObjectNames::NameOf(const DEVICE_OBJECT* device) const
 {
     const MutexLock lock(mutex_);

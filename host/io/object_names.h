@@ -29,7 +29,6 @@ class ObjectNames {
     // its name can go.
     std::optional<Found> Open(std::u16string_view path) const;
 
-    std::optional<std::u16string> LinkTarget(std::u16string_view name) const;
     std::u16string NameOf(const DEVICE_OBJECT* device) const;
 
     struct Link {

@@ -60,8 +60,6 @@ class EventLog {
     // Equal for two runs that logged the same events at the same times.
     std::uint64_t Hash() const;
 
-    // Whether events are kept; callers need not build details when not.
-    bool Keeping() const { return keep_; }
     std::vector<Event> Events() const;
 
     // One line per event, one column per actor, details at the end.

@@ -328,12 +328,4 @@ void KiYield(YieldPoint point)
         self->kernel.GetScheduler().Yield(point);
 }
 
-const char* YieldPointName(YieldPoint point)
-{
-    static constexpr const char* kNames[] = {
-        "lock",      "unlock",      "interlocked", "event",       "wait",  "timer", "DPC",
-        "work item", "call driver", "complete",    "cancel lock", "spawn", "fault", "other"};
-    return kNames[static_cast<std::size_t>(point)];
-}
-
 } // namespace host

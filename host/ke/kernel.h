@@ -187,8 +187,6 @@ class Kernel {
     std::unique_ptr<Impl> impl_;
 };
 
-// Names the calling kernel thread in reports and logs.
-void SetActorName(std::string name);
 // The calling thread's name; "?" outside the kernel.
 std::string ActorName();
 

@@ -33,7 +33,6 @@ class ThreadTable {
   public:
     std::shared_ptr<Thread> Add(Kernel& kernel, std::string name, ThreadKind kind,
                                 std::function<void()> body);
-    void Rename(ThreadId id, std::string name);
     std::string NameOf(ThreadId id) const;
     std::vector<std::string> Names() const;
     std::vector<std::shared_ptr<Thread>> All() const;

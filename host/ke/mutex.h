@@ -13,7 +13,6 @@
 
 #define HOST_GUARDED_BY(x) HOST_TSA(guarded_by(x))
 #define HOST_REQUIRES(...) HOST_TSA(requires_capability(__VA_ARGS__))
-#define HOST_EXCLUDES(...) HOST_TSA(locks_excluded(__VA_ARGS__))
 #define HOST_NO_ANALYSIS HOST_TSA(no_thread_safety_analysis)
 
 namespace host {
@@ -21,7 +20,6 @@ namespace host {
 class HOST_TSA(capability("mutex")) Mutex {
   public:
     void Lock() HOST_TSA(acquire_capability()) { mutex_.lock(); }
-    bool TryLock() HOST_TSA(try_acquire_capability(true)) { return mutex_.try_lock(); }
     void Unlock() HOST_TSA(release_capability()) { mutex_.unlock(); }
 
   private:

@@ -34,7 +34,6 @@ enum class YieldPoint : std::uint8_t {
     Fault,
     Other,
 };
-const char* YieldPointName(YieldPoint point);
 
 // What a blocked thread waits for, for the deadlock report.
 struct WaitReason {

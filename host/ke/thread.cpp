@@ -100,12 +100,6 @@ std::shared_ptr<Thread> ThreadTable::Add(Kernel& kernel, std::string name, Threa
     return thread;
 }
 
-void ThreadTable::Rename(ThreadId id, std::string name)
-{
-    const MutexLock lock(mutex_);
-    names_[id] = std::move(name);
-}
-
 std::string ThreadTable::NameOf(ThreadId id) const
 {
     const MutexLock lock(mutex_);
@@ -201,12 +195,6 @@ AttachedThread::~AttachedThread()
     VfCheckThreadEnd(*thread_);
     thread_->done = true;
     thread_->kernel.GetScheduler().Release(*thread_);
-}
-
-void SetActorName(std::string name)
-{
-    Thread& self = KiSelf();
-    self.kernel.impl().threads.Rename(self.id, std::move(name));
 }
 
 void SetActorProcess(std::uint32_t id)

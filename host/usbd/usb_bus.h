@@ -29,7 +29,6 @@ struct UsbRequest {
     std::vector<module::SetupPacket> setup; // what went over the control pipe for it
     UCHAR endpoint = 0;                     // of pipe requests: the address
     ULONG length = 0;                       // of the buffer
-    ULONG actual = 0;                       // bytes moved
     std::vector<std::uint8_t> data;         // the bytes that went out, or came in (the first kDataKept)
     bool done = false;
     USBD_STATUS usbd_status = 0;

@@ -267,7 +267,6 @@ void UsbPort::Note(const UsbTransfer& transfer)
     bus_.UpdateRequest(transfer.request, [&](UsbRequest& request) {
         request.done = true;
         request.completed = Kernel::Current().InterruptTime();
-        request.actual = transfer.moved;
         request.usbd_status = transfer.result;
         request.status = transfer.status;
     });

@@ -48,7 +48,6 @@ std::optional<Fault> FaultPoints::Hit(FaultPoint point, std::string_view detail)
 {
     const MutexLock lock(mutex_);
     Place& place = places_[IndexOf(point)];
-    ++place.calls;
     std::optional<Fault> answer;
     // Every plan counts every call, whichever of them answers.
     for (Armed& armed : place.plans) {
@@ -62,12 +61,6 @@ std::optional<Fault> FaultPoints::Hit(FaultPoint point, std::string_view detail)
     }
     place.faults += answer ? 1 : 0;
     return answer;
-}
-
-std::uint64_t FaultPoints::Calls(FaultPoint point) const
-{
-    const MutexLock lock(mutex_);
-    return places_[IndexOf(point)].calls;
 }
 
 std::uint64_t FaultPoints::Faults(FaultPoint point) const

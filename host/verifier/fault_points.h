@@ -66,11 +66,10 @@ class FaultPoints {
     void Disarm(FaultPoint point);
     void DisarmAll();
 
-    // Asked by the place itself, once per call: counts it, and says whether it is to fail and how.
+    // Asked by the place itself, once per call: says whether it is to fail and how.
     std::optional<Fault> Hit(FaultPoint point, std::string_view detail = {});
 
-    std::uint64_t Calls(FaultPoint point) const;  // since the kernel started
-    std::uint64_t Faults(FaultPoint point) const; // of those, hit
+    std::uint64_t Faults(FaultPoint point) const; // calls that failed, since the kernel started
 
   private:
     struct Armed {
@@ -78,7 +77,6 @@ class FaultPoints {
         std::uint64_t calls = 0;
     };
     struct Place {
-        std::uint64_t calls = 0;
         std::uint64_t faults = 0;
         std::vector<Armed> plans;
     };
