@@ -255,8 +255,8 @@ TEST_P(CanonicalSequence, SurvivesOneFailureOfEachKindAtEachCall)
                 ++failures;
                 reached.insert(kind.point);
             }
-            // An order by chance may have made fewer calls.
-            over = !hit && kernel.strategy == host::StrategyKind::Fifo;
+            // An order by chance may have made fewer calls: even calls do not end the sweep.
+            over = !hit && nth % 2 != 0;
             ASSERT_FALSE(HasFailure());
         }
     }
