@@ -8,7 +8,8 @@
 #include "verifier/pnp_rules.h"
 #include "verifier/power_rules.h"
 
-#include <cstring>
+#include <algorithm>
+#include <span>
 
 namespace host {
 namespace {
@@ -104,7 +105,8 @@ void CheckNeedlessCopy(const IrpRecord& record, const IRP& irp, const void* call
     const bool kept = (current.Control & SL_PENDING_RETURNED) != 0 || (next.Control & kInvoke) != 0;
     if (!kept && next.MajorFunction == current.MajorFunction && next.MinorFunction == current.MinorFunction &&
         next.FileObject == current.FileObject &&
-        std::memcmp(&next.Parameters, &current.Parameters, sizeof next.Parameters) == 0)
+        std::ranges::equal(std::as_bytes(std::span(&next.Parameters, 1)),
+                           std::as_bytes(std::span(&current.Parameters, 1))))
         ReportIrp(Rule::IrpNeedlessCopy, record, "copied by " + IopDescribeDevice(current.DeviceObject),
                   caller);
 }
