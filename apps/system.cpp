@@ -175,7 +175,10 @@ bool System::Unload()
 
 std::string System::PortState() const
 {
-    return node_ != nullptr ? host::PnpStateName(node_->state) : "absent";
+    if (node_ == nullptr)
+        return "absent";
+    return node_->state == host::PnpState::Reported ? "there, but not started"
+                                                    : host::PnpStateName(node_->state);
 }
 
 std::vector<host::Finding> System::Findings() const

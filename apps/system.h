@@ -76,7 +76,7 @@ class System {
     host::Kernel& Kernel() { return *kernel_; }
     module::GpsModule& Module() { return *module_; }
     const std::string& PortName() const { return port_name_; } // as the registry has it, once plugged
-    std::string PortState() const;                             // of the device, in the PnP manager's words
+    std::string PortState() const;                             // of the device
     // What the verifier has found up to now, under a policy that records it. From any thread.
     std::vector<host::Finding> Findings() const;
 
