@@ -21,6 +21,11 @@ void Prepare(PIRP irp, USHORT size, CHAR stack_count)
     irp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + stack_count;
 }
 
+bool Reports(const std::shared_ptr<IopRequest>& request)
+{
+    return request && request->ReportsTo() != nullptr;
+}
+
 } // namespace
 
 IopWaitedRequest::IopWaitedRequest()
@@ -51,7 +56,7 @@ IrpRecordPtr IrpTable::Add(PIRP irp, IrpOrigin origin, std::shared_ptr<IopReques
     auto record = std::make_shared<IrpRecord>();
     record->irp = irp;
     record->origin = origin;
-    if (request && request->ReportsTo() != nullptr)
+    if (Reports(request))
         ++reporting_;
     record->request = std::move(request);
     record->turns.resize(static_cast<std::size_t>(irp->StackCount) + 1);
@@ -79,7 +84,7 @@ bool IrpTable::WasFreed(const IRP* irp)
 
 void IrpTable::Remove(const IrpRecordPtr& record)
 {
-    if (record->request && record->request->ReportsTo() != nullptr)
+    if (Reports(record->request))
         --reporting_;
     const MutexLock lock(mutex);
     record->freed = true;

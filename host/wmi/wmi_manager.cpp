@@ -189,12 +189,15 @@ NTSTATUS WmiManager::Deregister(PDEVICE_OBJECT device)
     return STATUS_SUCCESS;
 }
 
-// The providers of a block, of a device, or of a device's block, held until Leave.
-std::vector<WmiManager::ProviderPtr> WmiManager::EnterAll(const GUID* guid, PDEVICE_OBJECT device)
+// The providers of a block, of a device, or of a device's block, `most` of them, held until Leave.
+std::vector<WmiManager::ProviderPtr> WmiManager::EnterAll(const GUID* guid, PDEVICE_OBJECT device,
+                                                          std::size_t most)
 {
     std::vector<ProviderPtr> entered;
     const MutexLock lock(mutex_);
     for (const ProviderPtr& provider : providers_) {
+        if (entered.size() == most)
+            break;
         const bool has =
             guid == nullptr || std::any_of(provider->blocks.begin(), provider->blocks.end(),
                                            [=](const WmiBlock& block) { return block.guid == *guid; });
@@ -209,9 +212,7 @@ std::vector<WmiManager::ProviderPtr> WmiManager::EnterAll(const GUID* guid, PDEV
 // The first of them.
 WmiManager::ProviderPtr WmiManager::Enter(const GUID* guid, PDEVICE_OBJECT device)
 {
-    const std::vector<ProviderPtr> entered = EnterAll(guid, device);
-    for (std::size_t i = 1; i < entered.size(); ++i)
-        Leave(entered[i]);
+    const std::vector<ProviderPtr> entered = EnterAll(guid, device, 1);
     return entered.empty() ? nullptr : entered.front();
 }
 

@@ -6,6 +6,7 @@
 #include "ke/mutex.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
@@ -71,7 +72,7 @@ class WmiManager : public Component {
     using ProviderPtr = std::shared_ptr<Provider>;
 
     ProviderPtr FindLocked(PDEVICE_OBJECT device) HOST_REQUIRES(mutex_);
-    std::vector<ProviderPtr> EnterAll(const GUID* guid, PDEVICE_OBJECT device);
+    std::vector<ProviderPtr> EnterAll(const GUID* guid, PDEVICE_OBJECT device, std::size_t most = SIZE_MAX);
     ProviderPtr Enter(const GUID* guid, PDEVICE_OBJECT device);
     void Leave(const ProviderPtr& provider);
     WmiAnswer AskAllData(const ProviderPtr& provider, const GUID& guid, ULONG buffer_size);
